@@ -1,0 +1,54 @@
+# How every target of the project is compiled and linked, on both compilers.
+add_library(project_options INTERFACE)
+target_compile_features(project_options INTERFACE cxx_std_20)
+target_compile_definitions(project_options INTERFACE UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX
+                                                     _WIN32_WINNT=0x0A00)
+target_include_directories(project_options INTERFACE ${PROJECT_SOURCE_DIR})
+
+if(MSVC)
+  # The runtime goes into the library: nothing of the compiler's beside it.
+  set(CMAKE_MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>")
+  target_compile_options(project_options INTERFACE /W4 /WX /permissive- /utf-8 /Zc:__cplusplus /guard:cf)
+  target_compile_definitions(project_options INTERFACE _CRT_SECURE_NO_WARNINGS)
+  # Address randomisation with high entropy and no-execute are this linker's defaults, named to be seen;
+  # the load flag keeps the libraries that ours imports to the system directory.
+  target_link_options(project_options INTERFACE /DYNAMICBASE /HIGHENTROPYVA /NXCOMPAT /guard:cf /CETCOMPAT
+                      /DEPENDENTLOADFLAG:0x800)
+else()
+  target_compile_options(
+    project_options
+    INTERFACE -Wall
+              -Wextra
+              -Wpedantic
+              -Werror
+              -Wcast-align
+              -Wcast-qual
+              -Wconversion
+              -Wduplicated-branches
+              -Wduplicated-cond
+              -Wextra-semi
+              -Wformat=2
+              -Wlogical-op
+              -Wmissing-declarations
+              -Wnon-virtual-dtor
+              -Wnull-dereference
+              -Wold-style-cast
+              -Woverloaded-virtual
+              -Wredundant-decls
+              -Wshadow
+              -Wsign-conversion
+              -Wsuggest-override
+              -Wundef
+              -Wunused
+              -fstack-protector-strong
+              -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
+  # The runtime goes into the library, too; and the same sources make the same bytes.
+  target_link_options(project_options INTERFACE -static -fstack-protector-strong -Wl,--dynamicbase,--high-entropy-va,--nxcompat
+                      -Wl,--no-insert-timestamp)
+endif()
+
+option(CUSTOM_ACTIONS_COVERAGE "Instrument the library for line coverage (GCC only)" OFF)
+if(CUSTOM_ACTIONS_COVERAGE)
+  target_compile_options(project_options INTERFACE --coverage)
+  target_link_options(project_options INTERFACE --coverage)
+endif()

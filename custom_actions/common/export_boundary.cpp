@@ -1,0 +1,28 @@
+#include "custom_actions/common/export_boundary.h"
+
+#include "custom_actions/common/installer_session.h"
+
+namespace custom_actions {
+
+void report_upgrade_failure(MSIHANDLE session, const std::wstring& message)
+{
+    upgrade_log(session, message);
+    msi_message(session, INSTALLMESSAGE_ERROR, L"Quorbel upgrade: " + message);
+}
+
+void report_early_close_failure(MSIHANDLE session, const std::wstring& message)
+{
+    upgrade_log(session, L"Early closure failed: " + message);
+}
+
+void report_error_record(MSIHANDLE session, const std::wstring& message)
+{
+    msi_message(session, INSTALLMESSAGE_ERROR, message);
+}
+
+void report_action_line::operator()(MSIHANDLE session, const std::wstring& message) const
+{
+    msi_log(session, std::wstring{L"Custom action: "} + label_ + L": " + message);
+}
+
+} // namespace custom_actions

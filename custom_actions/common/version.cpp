@@ -1,0 +1,27 @@
+#include "custom_actions/common/version.h"
+
+#include <cwchar>
+
+namespace custom_actions {
+
+version parse_version(const wchar_t* text) noexcept
+{
+    version parsed;
+    // NOLINTNEXTLINE(cert-err34-c): a field that cannot be read stays 0, and that is all there is to say of it
+    std::swscanf(
+        text, L"%d.%d.%d.%d", &parsed.major_number, &parsed.minor_number, &parsed.build, &parsed.revision);
+    return parsed;
+}
+
+std::wstring to_text(const version& value)
+{
+    return std::to_wstring(value.major_number) + L'.' + std::to_wstring(value.minor_number) + L'.' +
+           std::to_wstring(value.build) + L'.' + std::to_wstring(value.revision);
+}
+
+bool is_minor_upgrade(const version& installed, const version& offered) noexcept
+{
+    return offered.major_number == installed.major_number && offered.minor_number == installed.minor_number;
+}
+
+} // namespace custom_actions

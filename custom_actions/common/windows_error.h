@@ -1,0 +1,22 @@
+#pragma once
+
+#include <windows.h>
+
+#include <stdexcept>
+#include <string>
+
+namespace custom_actions {
+
+// The system's own failure: a fixed English message, and beside it the Windows error code that led to it. Only
+// the message reaches the installer log; the code is there for callers that decide on it.
+class windows_error : public std::runtime_error {
+public:
+    windows_error(const std::string& message, DWORD code) : std::runtime_error{message}, code_{code} {}
+
+    [[nodiscard]] DWORD code() const noexcept { return code_; }
+
+private:
+    DWORD code_;
+};
+
+} // namespace custom_actions
