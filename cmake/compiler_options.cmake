@@ -1,6 +1,7 @@
 # How every target of the project is compiled and linked, on both compilers.
 add_library(project_options INTERFACE)
 target_compile_features(project_options INTERFACE cxx_std_20)
+set(CMAKE_CXX_EXTENSIONS OFF)
 target_compile_definitions(project_options INTERFACE UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX
                                                      _WIN32_WINNT=0x0A00)
 target_include_directories(project_options INTERFACE ${PROJECT_SOURCE_DIR})

@@ -74,4 +74,29 @@ struct record_traits {
 
 using record_handle = scoped_handle<record_traits>;
 
+// A kernel object: a process, a token, a file, a snapshot.
+struct kernel_traits {
+    using handle_type = HANDLE;
+
+    static bool is_open(handle_type handle) noexcept
+    {
+        return handle != nullptr && handle != INVALID_HANDLE_VALUE;
+    }
+
+    static void close(handle_type handle) noexcept { CloseHandle(handle); }
+};
+
+using kernel_handle = scoped_handle<kernel_traits>;
+
+// An open registry key.
+struct registry_key_traits {
+    using handle_type = HKEY;
+
+    static bool is_open(handle_type handle) noexcept { return handle != nullptr; }
+
+    static void close(handle_type handle) noexcept { RegCloseKey(handle); }
+};
+
+using registry_key_handle = scoped_handle<registry_key_traits>;
+
 } // namespace custom_actions

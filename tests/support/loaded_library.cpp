@@ -1,0 +1,51 @@
+#include "tests/support/loaded_library.h"
+
+#include "tests/support/child_process.h"
+
+#include <msi.h>
+
+#include <stdexcept>
+#include <system_error>
+
+namespace test_support {
+namespace {
+
+// Beside the test programs.
+std::wstring library_path()
+{
+    std::wstring path = this_program();
+    path.resize(path.rfind(L'\\') + 1);
+    return path + L"custom_actions.dll";
+}
+
+} // namespace
+
+loaded_library::loaded_library()
+    : module_{LoadLibraryExW(library_path().c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)}
+{
+    if (module_ == nullptr) {
+        throw std::system_error{static_cast<int>(GetLastError()), std::system_category(), "custom_actions.dll"};
+    }
+}
+
+loaded_library::~loaded_library()
+{
+    FreeLibrary(module_);
+}
+
+std::wstring loaded_library::path() const
+{
+    return library_path();
+}
+
+UINT loaded_library::call(const char* name, MSIHANDLE session) const
+{
+    using action = UINT(__stdcall*)(MSIHANDLE);
+    const auto entry = reinterpret_cast<action>(reinterpret_cast<void*>(GetProcAddress(module_, name)));
+    if (entry == nullptr) {
+        throw std::runtime_error{std::string{"no export "} + name};
+    }
+    return entry(session);
+}
+
+} // namespace test_support

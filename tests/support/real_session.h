@@ -1,0 +1,42 @@
+#pragma once
+
+#include "custom_actions/common/scoped_handle.h"
+#include "tests/support/scripted_session.h"
+
+#include <windows.h>
+#include <msi.h>
+
+#include <string>
+#include <vector>
+
+namespace test_support {
+
+// A session of the real installer in this process, on a package with nothing to install, made for it and gone with
+// it. Its properties, records and messages are the installer's own; it is no deferred context.
+class real_session {
+public:
+    // Throws std::system_error with the installer's code.
+    real_session();
+    ~real_session();
+
+    real_session(const real_session&) = delete;
+    real_session& operator=(const real_session&) = delete;
+
+    [[nodiscard]] MSIHANDLE handle() const noexcept { return session_.get(); }
+
+    // What was posted to the session since it was opened.
+    [[nodiscard]] const std::vector<posted_message>& messages() const noexcept { return messages_; }
+
+private:
+    // MsiCloseHandle closes every kind of the installer's handles.
+    using installer_handle = custom_actions::record_handle;
+
+    static INT WINAPI on_message(LPVOID session, UINT type, MSIHANDLE record);
+
+    std::wstring path_;
+    installer_handle database_;
+    installer_handle session_;
+    std::vector<posted_message> messages_;
+};
+
+} // namespace test_support

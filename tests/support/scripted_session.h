@@ -1,0 +1,86 @@
+#pragma once
+
+#include "tests/support/import_patch.h"
+
+#include <windows.h>
+#include <msi.h>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace test_support {
+
+struct posted_message {
+    UINT type;
+    std::wstring text;
+
+    bool operator==(const posted_message&) const = default;
+};
+
+void PrintTo(const posted_message& message, std::ostream* out);
+
+// The functions of msi.dll that the library calls, as a failure can be asked of them.
+enum class installer_call { get_property, set_property, create_record, set_string, process_message, close_handle };
+
+// Plays the installer for one module: while it lives, the module's calls to msi.dll come here. It keeps properties,
+// records and the messages in the order in which they came; a record that is still open at the end, or closed
+// twice, fails the test. One can live at a time.
+class scripted_session {
+public:
+    // Throws std::runtime_error where `module` calls a function of msi.dll that is not played here. The test program
+    // itself is let off, since it talks to the real installer as well.
+    explicit scripted_session(HMODULE module);
+    ~scripted_session();
+
+    scripted_session(const scripted_session&) = delete;
+    scripted_session& operator=(const scripted_session&) = delete;
+
+    [[nodiscard]] MSIHANDLE handle() const noexcept;
+
+    void set_property(const std::wstring& name, const std::wstring& value);
+    [[nodiscard]] std::optional<std::wstring> property(const std::wstring& name) const;
+
+    // The n-th call from here on (1 is the next) fails: with `code`, with 0 where it makes a record, or with -1 where
+    // it posts a message.
+    void fail(installer_call call, UINT code = ERROR_FUNCTION_FAILED, unsigned nth = 1);
+
+    [[nodiscard]] const std::vector<posted_message>& messages() const noexcept { return messages_; }
+
+    // Every call of the module, in order, as "MsiCreateRecord(1)"; handles are named "session", "record" and "0".
+    [[nodiscard]] const std::vector<std::string>& calls() const noexcept { return calls_; }
+
+    [[nodiscard]] std::size_t open_records() const noexcept { return records_.size(); }
+
+private:
+    static UINT WINAPI get_property(MSIHANDLE session, LPCWSTR name, LPWSTR buffer, LPDWORD count);
+    static UINT WINAPI set_property_value(MSIHANDLE session, LPCWSTR name, LPCWSTR value);
+    static MSIHANDLE WINAPI create_record(UINT fields);
+    static UINT WINAPI set_string(MSIHANDLE record, UINT field, LPCWSTR text);
+    static int WINAPI process_message(MSIHANDLE session, INSTALLMESSAGE type, MSIHANDLE record);
+    static UINT WINAPI close_handle(MSIHANDLE handle);
+
+    template <class Function>
+    void patch(HMODULE module, const char* name, Function* replacement);
+
+    [[nodiscard]] std::string name_of(MSIHANDLE handle) const;
+    [[nodiscard]] std::optional<UINT> failure(installer_call call);
+
+    std::map<std::wstring, std::wstring> properties_;
+    std::map<MSIHANDLE, std::wstring> records_; // the open ones, with their field 0
+    MSIHANDLE last_record_;
+    std::vector<posted_message> messages_;
+    std::vector<std::string> calls_;
+
+    struct planned_failure {
+        unsigned calls_left;
+        UINT code;
+    };
+
+    std::map<installer_call, planned_failure> failures_;
+    std::vector<std::unique_ptr<untyped_import_patch>> patches_;
+};
+
+} // namespace test_support

@@ -1,0 +1,104 @@
+// The main program of every test program. A test that hangs, crashes or loses an exception ends the program at once,
+// with its name: nothing waits for a debugger or a dialog that nobody sees.
+
+#include "custom_actions/common/scoped_handle.h"
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <string>
+#include <thread>
+
+namespace {
+
+constexpr DWORD DEFAULT_LIMIT_MS = 120'000;
+constexpr UINT BROKEN_OFF = 3;
+
+std::string running_test = "(no test)";
+
+[[noreturn]] void break_off(const char* why)
+{
+    std::fprintf(stderr, "\n[  BROKEN  ] %s: %s\n", running_test.c_str(), why);
+    std::fflush(nullptr);
+    TerminateProcess(GetCurrentProcess(), BROKEN_OFF);
+    std::abort(); // not reached
+}
+
+LONG WINAPI on_crash(EXCEPTION_POINTERS* exception)
+{
+    char why[32];
+    std::snprintf(why, sizeof why, "crashed, 0x%08lX", exception->ExceptionRecord->ExceptionCode);
+    break_off(why);
+}
+
+[[noreturn]] void on_lost_exception()
+{
+    std::string why = "lost an exception";
+    if (const auto lost = std::current_exception()) {
+        try {
+            std::rethrow_exception(lost);
+        } catch (const std::exception& error) {
+            why += std::string{": "} + error.what();
+        } catch (...) {
+            why += " of an unknown type";
+        }
+    }
+    break_off(why.c_str());
+}
+
+// How long one test may take, in milliseconds: TEST_LIMIT_MS where it is set.
+DWORD time_limit()
+{
+    DWORD limit = DEFAULT_LIMIT_MS;
+    if (const char* text = std::getenv("TEST_LIMIT_MS")) {
+        std::from_chars(text, text + std::strlen(text), limit);
+    }
+    return limit;
+}
+
+class watchdog : public testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo& test) override
+    {
+        running_test = std::string{test.test_suite_name()} + "." + test.name();
+        ended_ = custom_actions::kernel_handle{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+        timer_ = std::jthread{[ended = ended_.get(), limit = limit_] {
+            if (WaitForSingleObject(ended, limit) == WAIT_TIMEOUT) {
+                break_off("over its time limit");
+            }
+        }};
+    }
+
+    void OnTestEnd(const testing::TestInfo&) override
+    {
+        SetEvent(ended_.get());
+        timer_.join();
+    }
+
+    DWORD limit_ = time_limit();
+    custom_actions::kernel_handle ended_;
+    std::jthread timer_;
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
+    SetUnhandledExceptionFilter(on_crash);
+    // Before abort() itself says anything: its message may be a dialog.
+    std::signal(SIGABRT, [](int) { break_off("aborted"); });
+    std::set_terminate(on_lost_exception);
+
+    testing::InitGoogleTest(&argc, argv);
+    // What escapes a test ends it here, with either compiler, whether it is an exception of C++ or of the system.
+    GTEST_FLAG_SET(catch_exceptions, false);
+    testing::UnitTest::GetInstance()->listeners().Append(new watchdog);
+    return RUN_ALL_TESTS();
+}
