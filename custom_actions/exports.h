@@ -4,12 +4,13 @@
 #include <msi.h>
 
 // The entry points that Windows Installer calls, one for each custom action; custom_actions.def exports them.
-// Each takes the handle of the installer session and returns the action's code; none lets a standard exception out.
+// Each takes the handle of the installer session and returns the action's code; none lets a standard
+// exception out.
 extern "C" {
 
 // Compares the version being installed (property "ProductVersion") with the version on the machine (property
-// "INSTALLED_APP_VERSION", or 0.1.16.0 where it is empty) and sets the property "IS_MINOR_UPGRADE" to "1" when
-// major and minor number are equal, or clears it otherwise. Always returns ERROR_SUCCESS.
+// "INSTALLED_APP_VERSION", or 0.1.16.0 where it is empty) and sets the property "IS_MINOR_UPGRADE" to "1"
+// when major and minor number are equal, or clears it otherwise. Always returns ERROR_SUCCESS.
 UINT __stdcall check_upgrade_type(MSIHANDLE session);
 
 // Shows the notice that a restart is advisable after a removal. Always returns ERROR_SUCCESS.

@@ -66,10 +66,10 @@ UINT __stdcall check_upgrade_type(MSIHANDLE session)
 
 UINT __stdcall notify_restart_recommended(MSIHANDLE session)
 {
+    // The installer takes the type of a box in the same number.
+    // NOLINTNEXTLINE(clang-analyzer-optin.core.EnumCastOutOfRange)
     constexpr auto notice = static_cast<INSTALLMESSAGE>(INSTALLMESSAGE_USER | MB_ICONINFORMATION | MB_OK);
     custom_actions::post_record(
-        session,
-        notice,
-        L"Quorbel has been removed.\n\nPlease restart when it is convenient for you.");
+        session, notice, L"Quorbel has been removed.\n\nPlease restart when it is convenient for you.");
     return ERROR_SUCCESS;
 }

@@ -8,8 +8,8 @@
 #include <exception>
 #include <string>
 
-// The frame around the body of every export: standard exceptions end here and become the action's return code.
-// What else is reported is the family of the action, one function for each family.
+// The frame around the body of every export: standard exceptions end here and become the action's return
+// code. What else is reported is the family of the action, one function for each family.
 namespace custom_actions {
 
 // The controlled upgrade: its log line, then the error "Quorbel upgrade: <message>".
@@ -21,7 +21,8 @@ void report_early_close_failure(MSIHANDLE session, const std::wstring& message);
 // The message itself as one error, without a log line.
 void report_error_record(MSIHANDLE session, const std::wstring& message);
 
-// One log line of the action's own, "Custom action: <label>: <message>", for the actions without another family.
+// One log line of the action's own, "Custom action: <label>: <message>", for the actions without another
+// family.
 class report_action_line {
 public:
     // `label` is the action's name as its log lines spell it.
@@ -33,9 +34,9 @@ private:
     const wchar_t* label_;
 };
 
-// Runs `body`, which returns the action's code. When it throws a standard exception, `report` gets the session and
-// the widened message, and the action's code is ERROR_INSTALL_FAILURE, even where there is no memory left to
-// report with.
+// Runs `body`, which returns the action's code. When it throws a standard exception, `report` gets the
+// session and the widened message, and the action's code is ERROR_INSTALL_FAILURE, even where there is no
+// memory left to report with.
 template <class Report, class Body>
 UINT run_action(MSIHANDLE session, const Report& report, const Body& body)
 {
@@ -44,14 +45,14 @@ UINT run_action(MSIHANDLE session, const Report& report, const Body& body)
     } catch (const std::exception& error) {
         try {
             report(session, widen(error.what()));
-        } catch (const std::exception&) { // NOLINT(bugprone-empty-catch): the code below says all that is left to say
+        } catch (const std::exception&) { // NOLINT(bugprone-empty-catch): the code says what is left to say
         }
         return ERROR_INSTALL_FAILURE;
     }
 }
 
-// Runs `body` of an action that never fails the installation: a standard exception ends the action and nothing
-// else. Always returns ERROR_SUCCESS.
+// Runs `body` of an action that never fails the installation: a standard exception ends the action and
+// nothing else. Always returns ERROR_SUCCESS.
 template <class Body>
 UINT run_harmless_action(const Body& body)
 {

@@ -42,8 +42,8 @@ public:
     // Gives the handle up; the caller closes it.
     [[nodiscard]] handle_type release() noexcept { return std::exchange(handle_, handle_type{}); }
 
-    // For calls that hand a new handle back through a pointer: closes the one that is held and returns where the
-    // new one goes.
+    // For calls that hand a new handle back through a pointer: closes the one that is held and returns where
+    // the new one goes.
     [[nodiscard]] handle_type* put() noexcept
     {
         close();

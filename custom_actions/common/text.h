@@ -6,8 +6,8 @@
 namespace custom_actions {
 
 // The text of an exception as the log takes it: every byte, read as a signed 8-bit number, becomes one UTF-16
-// unit. ASCII passes unchanged; bytes from 0x80 up become U+FF80 to U+FFFF and are deliberately not decoded, so
-// that the line shows the bytes whatever code page the message was made in. Throws std::bad_alloc alone.
+// unit. ASCII passes unchanged; bytes from 0x80 up become U+FF80 to U+FFFF and are deliberately not decoded,
+// so that the line shows the bytes whatever code page the message was made in. Throws std::bad_alloc alone.
 std::wstring widen(std::string_view text);
 
 } // namespace custom_actions

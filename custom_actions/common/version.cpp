@@ -7,7 +7,8 @@ namespace custom_actions {
 version parse_version(const wchar_t* text) noexcept
 {
     version parsed;
-    // NOLINTNEXTLINE(cert-err34-c): a field that cannot be read stays 0, and that is all there is to say of it
+    // A field that cannot be read stays 0: the count of those that could says nothing more.
+    // NOLINTNEXTLINE(cert-err33-c,cert-err34-c)
     std::swscanf(
         text, L"%d.%d.%d.%d", &parsed.major_number, &parsed.minor_number, &parsed.build, &parsed.revision);
     return parsed;

@@ -19,8 +19,8 @@ version parse_version(const wchar_t* text) noexcept;
 // The four fields in decimal, with dots between them.
 std::wstring to_text(const version& value);
 
-// An upgrade is minor while major and minor number stay the same. The test is inequality, not order: going back to
-// a lower number is not minor either. Build and revision take no part.
+// An upgrade is minor while major and minor number stay the same. The test is inequality, not order: going
+// back to a lower number is not minor either. Build and revision take no part.
 bool is_minor_upgrade(const version& installed, const version& offered) noexcept;
 
 } // namespace custom_actions

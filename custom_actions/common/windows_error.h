@@ -7,8 +7,8 @@
 
 namespace custom_actions {
 
-// The system's own failure: a fixed English message, and beside it the Windows error code that led to it. Only
-// the message reaches the installer log; the code is there for callers that decide on it.
+// The system's own failure: a fixed English message, and beside it the Windows error code that led to it.
+// Only the message reaches the installer log; the code is there for callers that decide on it.
 class windows_error : public std::runtime_error {
 public:
     windows_error(const std::string& message, DWORD code) : std::runtime_error{message}, code_{code} {}

@@ -1,5 +1,4 @@
 #include "custom_actions/common/export_boundary.h"
-
 #include "custom_actions/common/installer_session.h"
 #include "custom_actions/common/windows_error.h"
 #include "tests/support/scripted_session.h"
@@ -50,7 +49,8 @@ std::vector<family> families()
     return {
         {.name = "controlled_upgrade",
          .run = run_with(report_upgrade_failure),
-         .reported = {{LINE, L"Controlled upgrade: Cannot do it"}, {ERROR_BOX, L"Quorbel upgrade: Cannot do it"}},
+         .reported =
+             {{LINE, L"Controlled upgrade: Cannot do it"}, {ERROR_BOX, L"Quorbel upgrade: Cannot do it"}},
          .code = 1603},
         {.name = "early_close",
          .run = run_with(report_early_close_failure),
@@ -86,7 +86,8 @@ TEST_P(ExportBoundary, reports_an_exception_as_its_family_does)
 
 TEST_P(ExportBoundary, logs_the_fixed_text_of_a_windows_error_alone)
 {
-    EXPECT_EQ(run([]() -> UINT { throw windows_error{"Cannot do it", ERROR_ACCESS_DENIED}; }), GetParam().code);
+    EXPECT_EQ(
+        run([]() -> UINT { throw windows_error{"Cannot do it", ERROR_ACCESS_DENIED}; }), GetParam().code);
     EXPECT_EQ(session.messages(), GetParam().reported);
 }
 
@@ -108,11 +109,9 @@ TEST_P(ExportBoundary, needs_no_session_and_no_record)
     EXPECT_EQ(run(fail), GetParam().code);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Families,
-    ExportBoundary,
-    testing::ValuesIn(families()),
-    [](const auto& tested) { return std::string{tested.param.name}; });
+INSTANTIATE_TEST_SUITE_P(Families, ExportBoundary, testing::ValuesIn(families()), [](const auto& tested) {
+    return std::string{tested.param.name};
+});
 
 TEST(ExportBoundaryCode, is_the_bodys_own_when_nothing_is_thrown)
 {
@@ -137,7 +136,8 @@ TEST(ErrorRecordFamily, posts_one_error_for_a_property_that_cannot_be_read)
         return UINT{ERROR_SUCCESS};
     });
     EXPECT_EQ(code, 1603U);
-    EXPECT_THAT(session.messages(), ElementsAre(posted_message{ERROR_BOX, L"Cannot read installer property"}));
+    EXPECT_THAT(
+        session.messages(), ElementsAre(posted_message{ERROR_BOX, L"Cannot read installer property"}));
 }
 
 TEST(Widen, takes_each_byte_as_a_signed_number)

@@ -1,13 +1,12 @@
 #include "custom_actions/common/installer_session.h"
-
 #include "custom_actions/common/windows_error.h"
 #include "tests/support/real_session.h"
 #include "tests/support/scripted_session.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
+#include <gtest/gtest-spi.h>
 #include <string>
 #include <vector>
 
@@ -50,7 +49,8 @@ TEST_F(InstallerSession, says_nothing_without_a_record)
 
 TEST_F(InstallerSession, closes_the_record_whatever_the_calls_before_return)
 {
-    for (const auto call : {installer_call::set_string, installer_call::process_message, installer_call::close_handle}) {
+    for (const auto call :
+         {installer_call::set_string, installer_call::process_message, installer_call::close_handle}) {
         session.fail(call);
         msi_log(session.handle(), L"a line");
         EXPECT_EQ(session.open_records(), 0U);
@@ -203,7 +203,8 @@ TEST(RealInstaller, takes_the_lines_and_gives_the_properties)
     EXPECT_THAT(
         session.messages(),
         ElementsAre(
-            posted_message{0x04000000, L"a line"}, posted_message{0x04000000, L"Controlled upgrade: a step"}));
+            posted_message{0x04000000, L"a line"},
+            posted_message{0x04000000, L"Controlled upgrade: a step"}));
 }
 
 } // namespace

@@ -29,7 +29,7 @@ TEST(Upgrade, is_minor_while_major_and_minor_number_stay)
     struct {
         version installed;
         version offered;
-        bool minor;
+        bool is_minor;
     } const cases[]{
         {{1, 4, 1, 7}, {1, 4, 2, 0}, true},
         {{1, 4, 9, 3}, {1, 4, 0, 0}, true},
@@ -38,9 +38,11 @@ TEST(Upgrade, is_minor_while_major_and_minor_number_stay)
         {{1, 4, 0, 0}, {1, 3, 0, 0}, false},
         {{2, 4, 0, 0}, {1, 4, 0, 0}, false},
     };
-    for (const auto& [installed, offered, minor] : cases) {
-        EXPECT_EQ(is_minor_upgrade(installed, offered), minor)
-            << testing::PrintToString(to_text(installed)) << " to " << testing::PrintToString(to_text(offered));
+
+    for (const auto& [installed, offered, is_minor] : cases) {
+        EXPECT_EQ(is_minor_upgrade(installed, offered), is_minor)
+            << testing::PrintToString(to_text(installed)) << " to "
+            << testing::PrintToString(to_text(offered));
     }
 }
 

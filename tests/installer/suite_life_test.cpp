@@ -1,15 +1,14 @@
-// The life of the suite on one machine, through the real installer. A call of an action that did not take place counts
-// as a success there, so each step shows what its actions wrote and what they changed.
+// The life of the suite on one machine, through the real installer. A call of an action that did not take
+// place counts as a success there, so each step shows what its actions wrote and what they changed.
 
 #include "custom_actions/common/scoped_handle.h"
 #include "tests/support/installation.h"
 #include "tests/support/loaded_library.h"
 #include "tests/support/pe_image.h"
 
-#include <msiquery.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <msiquery.h>
 
 #include <fstream>
 #include <map>
@@ -29,14 +28,14 @@ std::optional<std::wstring> suite_value(const wchar_t* name)
     wchar_t text[64];
     DWORD size = sizeof text;
     const LSTATUS status = RegGetValueW(
-        HKEY_LOCAL_MACHINE, L"SOFTWARE\\Brenmoor\\Quorbel", name, RRF_RT_REG_SZ, nullptr, text, &size);
+        HKEY_LOCAL_MACHINE, LR"(SOFTWARE\Brenmoor\Quorbel)", name, RRF_RT_REG_SZ, nullptr, text, &size);
     return status == ERROR_SUCCESS ? std::optional<std::wstring>{text} : std::nullopt;
 }
 
 // The first line of the installed file, or nothing where there is none.
 std::string release_notes()
 {
-    std::ifstream file{"C:\\Program Files\\Quorbel\\release_notes.txt"};
+    std::ifstream file{R"(C:\Program Files\Quorbel\release_notes.txt)"};
     std::string line;
     std::getline(file, line);
     return line;
@@ -116,14 +115,16 @@ TEST_F(SuiteLife, runs_from_installation_over_two_upgrades_to_removal)
     EXPECT_EQ(release_notes(), "");
 }
 
-// What the package's tables say of each action: a wrong type is played silently, at the wrong time or as another user.
+// What the package's tables say of each action: a wrong type is played silently, at the wrong time or as
+// another user.
 std::map<std::string, int> authored_types(const std::wstring& package)
 {
     using custom_actions::record_handle; // MsiCloseHandle closes each of these
     record_handle database;
     record_handle view;
     EXPECT_EQ(MsiOpenDatabaseW(package.c_str(), MSIDBOPEN_READONLY, database.put()), 0U);
-    EXPECT_EQ(MsiDatabaseOpenViewW(database.get(), L"SELECT `Target`, `Type` FROM `CustomAction`", view.put()), 0U);
+    EXPECT_EQ(
+        MsiDatabaseOpenViewW(database.get(), L"SELECT `Target`, `Type` FROM `CustomAction`", view.put()), 0U);
     EXPECT_EQ(MsiViewExecute(view.get(), 0), 0U);
     std::map<std::string, int> types;
     for (record_handle row; MsiViewFetch(view.get(), row.put()) == ERROR_SUCCESS;) {

@@ -4,10 +4,9 @@
 #include "tests/support/loaded_library.h"
 #include "tests/support/pe_image.h"
 
-#include <winver.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <winver.h>
 
 #include <algorithm>
 #include <cctype>
@@ -20,7 +19,6 @@
 namespace test_support {
 namespace {
 
-using testing::Each;
 using testing::IsSupersetOf;
 
 class LibraryImage : public testing::Test {
@@ -46,7 +44,8 @@ std::vector<std::string> matching_lines(const char* path, const std::regex& patt
 TEST_F(LibraryImage, exports_exactly_the_actions_of_the_definition_and_of_the_documents)
 {
     const auto exported = image.exported_names();
-    const auto defined = matching_lines(SOURCE_DIR "/custom_actions/custom_actions.def", std::regex{"^    (\\w+)\\s*$"});
+    const auto defined =
+        matching_lines(SOURCE_DIR "/custom_actions/custom_actions.def", std::regex{"^    (\\w+)\\s*$"});
     const auto documented = matching_lines(SOURCE_DIR "/docs/actions.md", std::regex{R"(^\| `(\w+)` \|)"});
     EXPECT_FALSE(exported.empty());
     EXPECT_THAT(defined, testing::UnorderedElementsAreArray(exported));
@@ -59,18 +58,22 @@ TEST_F(LibraryImage, needs_nothing_but_the_libraries_of_the_system)
     std::set<std::string> needed;
     for (const auto& import : image.imports()) {
         std::string name = import.library;
-        std::ranges::transform(name, name.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        std::ranges::transform(
+            name, name.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
         needed.insert(name);
         EXPECT_NE(import.name, "") << "an import by ordinal from " << name;
     }
-    EXPECT_THAT((std::set<std::string>{"kernel32.dll", "msi.dll", "msvcrt.dll", "advapi32.dll"}), IsSupersetOf(needed));
+    EXPECT_THAT(
+        (std::set<std::string>{"kernel32.dll", "msi.dll", "msvcrt.dll", "advapi32.dll"}),
+        IsSupersetOf(needed));
 }
 
 TEST_F(LibraryImage, is_hardened)
 {
     const auto& headers = image.headers();
     constexpr unsigned expected = IMAGE_DLLCHARACTERISTICS_DYNAMIC_BASE |
-                                  IMAGE_DLLCHARACTERISTICS_HIGH_ENTROPY_VA | IMAGE_DLLCHARACTERISTICS_NX_COMPAT;
+                                  IMAGE_DLLCHARACTERISTICS_HIGH_ENTROPY_VA |
+                                  IMAGE_DLLCHARACTERISTICS_NX_COMPAT;
     EXPECT_EQ(headers.OptionalHeader.DllCharacteristics & expected, expected);
     EXPECT_EQ(headers.FileHeader.Characteristics & IMAGE_FILE_RELOCS_STRIPPED, 0)
         << "address randomisation needs relocations";
@@ -94,7 +97,8 @@ TEST_F(LibraryImage, carries_its_version)
     const auto* fixed = static_cast<const VS_FIXEDFILEINFO*>(found);
     EXPECT_EQ(fixed->dwFileVersionMS, DWORD{VERSION_MAJOR << 16 | VERSION_MINOR});
     EXPECT_EQ(fixed->dwFileVersionLS, DWORD{VERSION_PATCH << 16});
-    ASSERT_TRUE(VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\OriginalFilename", &found, &length));
+    ASSERT_TRUE(
+        VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\OriginalFilename", &found, &length));
     EXPECT_STREQ(static_cast<const wchar_t*>(found), L"custom_actions.dll");
 }
 

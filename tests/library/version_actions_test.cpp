@@ -103,6 +103,7 @@ TEST_F(VersionActions, go_on_where_the_installer_refuses)
         {installer_call::get_property, 2, L"New: 1.4.2.0 Old: 0.1.16.0"},
         {installer_call::set_property, 1, L"New: 1.4.2.0 Old: 1.4.1.0"},
     };
+
     for (const auto& [call, nth, verdict] : cases) {
         session.fail(call, ERROR_FUNCTION_FAILED, nth);
         EXPECT_EQ(check(L"1.4.2", L"1.4.1").at(2), verdict);

@@ -23,7 +23,8 @@ std::string read_all(HANDLE pipe)
     std::string text;
     std::array<char, 4096> chunk{};
     DWORD read = 0;
-    while (ReadFile(pipe, chunk.data(), static_cast<DWORD>(chunk.size()), &read, nullptr) != FALSE && read != 0) {
+    while (ReadFile(pipe, chunk.data(), static_cast<DWORD>(chunk.size()), &read, nullptr) != FALSE &&
+           read != 0) {
         text.append(chunk.data(), read);
     }
     return text;
@@ -40,7 +41,8 @@ std::wstring this_program()
 
 child_result run_child(std::wstring command_line, std::chrono::milliseconds limit)
 {
-    SECURITY_ATTRIBUTES inheritable{.nLength = sizeof inheritable, .lpSecurityDescriptor = nullptr, .bInheritHandle = TRUE};
+    SECURITY_ATTRIBUTES inheritable{
+        .nLength = sizeof inheritable, .lpSecurityDescriptor = nullptr, .bInheritHandle = TRUE};
     kernel_handle read_end;
     kernel_handle write_end;
     require(CreatePipe(read_end.put(), write_end.put(), &inheritable, 0), "CreatePipe");

@@ -15,8 +15,8 @@ struct child_result {
 // The file of this program.
 std::wstring this_program();
 
-// Runs `command_line` without a window and waits for its end. A child that is still running after `limit` is ended.
-// Throws std::system_error where it cannot be started.
+// Runs `command_line` without a window and waits for its end. A child that is still running after `limit` is
+// ended. Throws std::system_error where it cannot be started.
 child_result run_child(std::wstring command_line, std::chrono::milliseconds limit);
 
 } // namespace test_support

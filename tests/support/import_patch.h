@@ -6,9 +6,10 @@
 
 namespace test_support {
 
-// Sends the calls that one module makes through one entry of its import table somewhere else, until the scope ends.
-// Only calls of that module are redirected, and only those that go through the table (not GetProcAddress). A function
-// that is running while the patch comes or goes may have read its imports already.
+// Sends the calls that one module makes through one entry of its import table somewhere else, until the scope
+// ends. Only calls of that module are redirected, and only those that go through the table (not
+// GetProcAddress). A function that is running while the patch comes or goes may have read its imports
+// already.
 class untyped_import_patch {
 public:
     // Throws std::runtime_error where `module` does not import `function`.
@@ -26,7 +27,8 @@ private:
     ULONG_PTR original_;
 };
 
-// As above, with the function's type: import_patch<decltype(MsiCloseHandle)> patch{module, "MsiCloseHandle", other}.
+// As above, with the function's type: import_patch<decltype(MsiCloseHandle)> patch{module, "MsiCloseHandle",
+// other}.
 template <class Function>
 class import_patch : public untyped_import_patch {
     static_assert(std::is_function_v<Function>);

@@ -37,7 +37,8 @@ bool machine_is_disposable()
 
 std::wstring sample_package(const std::wstring& version)
 {
-    return std::filesystem::path{this_program()}.parent_path() / L"package" / (L"quorbel-" + version + L".msi");
+    return std::filesystem::path{this_program()}.parent_path() / L"package" /
+           (L"quorbel-" + version + L".msi");
 }
 
 std::vector<std::string> installation::lines_after(const std::string& prefix) const
@@ -72,8 +73,8 @@ std::vector<std::string> read_log(const std::wstring& path)
 
 installation run_installer(const std::wstring& package, const std::wstring& properties)
 {
-    const std::filesystem::path log =
-        std::filesystem::temp_directory_path() / (L"install-" + std::to_wstring(GetCurrentProcessId()) + L".log");
+    const std::filesystem::path log = std::filesystem::temp_directory_path() /
+                                      (L"install-" + std::to_wstring(GetCurrentProcessId()) + L".log");
     MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
     MsiEnableLogW(INSTALLLOGMODE_VERBOSE | 0x1FFF, log.c_str(), 0);
     const UINT result = MsiInstallProductW(package.c_str(), properties.c_str());
@@ -86,7 +87,8 @@ installation run_installer(const std::wstring& package, const std::wstring& prop
 void remove_sample_packages()
 {
     wchar_t product[39];
-    while (MsiEnumRelatedProductsW(L"{5B6E3C58-8E9B-4C0E-9C5B-6B7A1D0F4E21}", 0, 0, product) == ERROR_SUCCESS) {
+    while (MsiEnumRelatedProductsW(L"{5B6E3C58-8E9B-4C0E-9C5B-6B7A1D0F4E21}", 0, 0, product) ==
+           ERROR_SUCCESS) {
         MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
         if (MsiConfigureProductW(product, INSTALLLEVEL_DEFAULT, INSTALLSTATE_ABSENT) != ERROR_SUCCESS) {
             throw std::runtime_error{"cannot remove the sample package that is on the machine"};

@@ -24,7 +24,8 @@ loaded_library::loaded_library()
     : module_{LoadLibraryExW(library_path().c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)}
 {
     if (module_ == nullptr) {
-        throw std::system_error{static_cast<int>(GetLastError()), std::system_category(), "custom_actions.dll"};
+        throw std::system_error{
+            static_cast<int>(GetLastError()), std::system_category(), "custom_actions.dll"};
     }
 }
 

@@ -6,8 +6,8 @@
 
 namespace test_support {
 
-// The built custom_actions.dll, loaded as on a machine that has nothing but the system's own libraries: what it needs
-// is looked for in the system directory alone.
+// The built custom_actions.dll, loaded as on a machine that has nothing but the system's own libraries: what
+// it needs is looked for in the system directory alone.
 class loaded_library {
 public:
     // Throws std::system_error where the library does not load.

@@ -18,7 +18,7 @@ const T* pe_image::directory(unsigned index) const noexcept
     return entry.VirtualAddress == 0 ? nullptr : at<const T>(entry.VirtualAddress);
 }
 
-pe_image::pe_image(HMODULE module) : module_{module}, headers_{nullptr}
+pe_image::pe_image(HMODULE module) : module_{module}
 {
     const auto* dos = at<const IMAGE_DOS_HEADER>(0);
     if (module == nullptr || dos->e_magic != IMAGE_DOS_SIGNATURE) {
@@ -44,8 +44,7 @@ std::vector<std::string> pe_image::exported_names() const
 {
     std::vector<std::string> names;
     if (const auto* exports = directory<IMAGE_EXPORT_DIRECTORY>(IMAGE_DIRECTORY_ENTRY_EXPORT)) {
-        for (const DWORD name :
-             std::span{at<const DWORD>(exports->AddressOfNames), exports->NumberOfNames}) {
+        for (const DWORD name : std::span{at<const DWORD>(exports->AddressOfNames), exports->NumberOfNames}) {
             names.emplace_back(at<const char>(name));
         }
     }

@@ -40,7 +40,7 @@ private:
     const T* directory(unsigned index) const noexcept;
 
     HMODULE module_;
-    const IMAGE_NT_HEADERS64* headers_;
+    const IMAGE_NT_HEADERS64* headers_ = nullptr;
 };
 
 } // namespace test_support

@@ -48,12 +48,14 @@ void fill(MSIHANDLE database)
         MsiSummaryInfoSetPropertyW(summary.get(), 14, VT_I4, 200, nullptr, nullptr),
         "MsiSummaryInfoSetPropertyW");
     require(
-        MsiSummaryInfoSetPropertyW(summary.get(), 15, VT_I4, 2, nullptr, nullptr), "MsiSummaryInfoSetPropertyW");
+        MsiSummaryInfoSetPropertyW(summary.get(), 15, VT_I4, 2, nullptr, nullptr),
+        "MsiSummaryInfoSetPropertyW");
     require(MsiSummaryInfoPersist(summary.get()), "MsiSummaryInfoPersist");
 
     run_query(
         database,
-        L"CREATE TABLE `Property` (`Property` CHAR(72) NOT NULL, `Value` LONGCHAR NOT NULL PRIMARY KEY `Property`)");
+        L"CREATE TABLE `Property` (`Property` CHAR(72) NOT NULL, `Value` LONGCHAR NOT NULL PRIMARY KEY "
+        L"`Property`)");
     for (const wchar_t* row :
          {L"('ProductCode', '{8A0E7B8B-0C7C-4E1B-8E7A-6C0B6D6C2B11}')",
           L"('ProductName', 'Scratch')",
@@ -73,7 +75,8 @@ real_session::real_session() : path_{scratch_file()}
     fill(database_.get());
     MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
     require(
-        MsiOpenPackageW((L"#" + std::to_wstring(database_.get())).c_str(), session_.put()), "MsiOpenPackageW");
+        MsiOpenPackageW((L"#" + std::to_wstring(database_.get())).c_str(), session_.put()),
+        "MsiOpenPackageW");
     constexpr DWORD log_lines_and_errors =
         INSTALLLOGMODE_INFO | INSTALLLOGMODE_ERROR | INSTALLLOGMODE_USER | INSTALLLOGMODE_WARNING;
     require(

@@ -11,8 +11,8 @@
 
 namespace test_support {
 
-// A session of the real installer in this process, on a package with nothing to install, made for it and gone with
-// it. Its properties, records and messages are the installer's own; it is no deferred context.
+// A session of the real installer in this process, on a package with nothing to install, made for it and gone
+// with it. Its properties, records and messages are the installer's own; it is no deferred context.
 class real_session {
 public:
     // Throws std::system_error with the installer's code.

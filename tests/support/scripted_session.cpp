@@ -2,9 +2,8 @@
 
 #include "tests/support/pe_image.h"
 
-#include <msiquery.h>
-
 #include <gtest/gtest.h>
+#include <msiquery.h>
 
 #include <algorithm>
 #include <array>

@@ -23,15 +23,22 @@ struct posted_message {
 void PrintTo(const posted_message& message, std::ostream* out);
 
 // The functions of msi.dll that the library calls, as a failure can be asked of them.
-enum class installer_call { get_property, set_property, create_record, set_string, process_message, close_handle };
+enum class installer_call {
+    get_property,
+    set_property,
+    create_record,
+    set_string,
+    process_message,
+    close_handle
+};
 
-// Plays the installer for one module: while it lives, the module's calls to msi.dll come here. It keeps properties,
-// records and the messages in the order in which they came; a record that is still open at the end, or closed
-// twice, fails the test. One can live at a time.
+// Plays the installer for one module: while it lives, the module's calls to msi.dll come here. It keeps
+// properties, records and the messages in the order in which they came; a record that is still open at the
+// end, or closed twice, fails the test. One can live at a time.
 class scripted_session {
 public:
-    // Throws std::runtime_error where `module` calls a function of msi.dll that is not played here. The test program
-    // itself is let off, since it talks to the real installer as well.
+    // Throws std::runtime_error where `module` calls a function of msi.dll that is not played here. The test
+    // program itself is let off, since it talks to the real installer as well.
     explicit scripted_session(HMODULE module);
     ~scripted_session();
 
@@ -43,13 +50,14 @@ public:
     void set_property(const std::wstring& name, const std::wstring& value);
     [[nodiscard]] std::optional<std::wstring> property(const std::wstring& name) const;
 
-    // The n-th call from here on (1 is the next) fails: with `code`, with 0 where it makes a record, or with -1 where
-    // it posts a message.
+    // The n-th call from here on (1 is the next) fails: with `code`, with 0 where it makes a record, or with
+    // -1 where it posts a message.
     void fail(installer_call call, UINT code = ERROR_FUNCTION_FAILED, unsigned nth = 1);
 
     [[nodiscard]] const std::vector<posted_message>& messages() const noexcept { return messages_; }
 
-    // Every call of the module, in order, as "MsiCreateRecord(1)"; handles are named "session", "record" and "0".
+    // Every call of the module, in order, as "MsiCreateRecord(1)"; handles are named "session", "record" and
+    // "0".
     [[nodiscard]] const std::vector<std::string>& calls() const noexcept { return calls_; }
 
     [[nodiscard]] std::size_t open_records() const noexcept { return records_.size(); }

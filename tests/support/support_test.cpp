@@ -56,7 +56,8 @@ TEST_P(BrokenTest, ends_at_once_with_its_name)
 {
     SetEnvironmentVariableW(L"TEST_LIMIT_MS", L"300");
     const std::string name = std::string{"Fault.DISABLED_"} + GetParam().name;
-    const std::wstring command = L"\"" + this_program() + L"\" --gtest_also_run_disabled_tests --gtest_filter=" +
+    const std::wstring command = L"\"" + this_program() +
+                                 L"\" --gtest_also_run_disabled_tests --gtest_filter=" +
                                  std::wstring{name.begin(), name.end()};
     const child_result child = run_child(command, 30s);
     SetEnvironmentVariableW(L"TEST_LIMIT_MS", nullptr);

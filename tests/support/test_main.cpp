@@ -1,10 +1,9 @@
-// The main program of every test program. A test that hangs, crashes or loses an exception ends the program at once,
-// with its name: nothing waits for a debugger or a dialog that nobody sees.
+// The main program of every test program. A test that hangs, crashes or loses an exception ends the program
+// at once, with its name: nothing waits for a debugger or a dialog that nobody sees.
 
 #include "custom_actions/common/scoped_handle.h"
 
 #include <windows.h>
-
 #include <gtest/gtest.h>
 
 #include <charconv>
@@ -97,7 +96,8 @@ int main(int argc, char** argv)
     std::set_terminate(on_lost_exception);
 
     testing::InitGoogleTest(&argc, argv);
-    // What escapes a test ends it here, with either compiler, whether it is an exception of C++ or of the system.
+    // What escapes a test ends it here, with either compiler, whether it is an exception of C++ or of the
+    // system.
     GTEST_FLAG_SET(catch_exceptions, false);
     testing::UnitTest::GetInstance()->listeners().Append(new watchdog);
     return RUN_ALL_TESTS();

@@ -1,0 +1,113 @@
+#!/usr/bin/env bash
+# Plays the life of the toy suite through the real Windows Installer engine: prints every step with the lines that the
+# actions wrote to the installer's log, and checks what each step did. The full logs are left in build/demo/.
+# Ends with 1 where anything was not as it should be.
+set -eu
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+scripts/build.sh
+
+logs=build/demo
+rm -rf "$logs"
+mkdir -p "$logs"
+trap 'scripts/wine.sh --end' EXIT
+
+step=0
+held=0
+failed=0
+
+heading() {
+  step=$((step + 1))
+  printf '\n=== %d. %s\n' "$step" "$1"
+}
+
+# check WHAT COMMAND...: whether the command holds.
+check() {
+  local what=$1
+  shift
+  if "$@"; then
+    held=$((held + 1))
+    printf '    holds: %s\n' "$what"
+  else
+    failed=$((failed + 1))
+    printf '    DOES NOT HOLD: %s\n' "$what"
+  fi
+}
+
+# What each of our actions wrote: the lines between the installer's own about that action's start and end.
+action_lines() {
+  local actions
+  actions=$(sed -n 's/^    \([a-z_]\{1,\}\)\r\{0,1\}$/\1/p' custom_actions/custom_actions.def | paste -sd'|')
+  tr -d '\r' <"$1" | awk -v actions="^($actions)\\\\.\$" '
+    /^Action start / && $NF ~ actions { inside = 1; next }
+    /^Action ended / { inside = 0 }
+    inside && NF { print "    " $0 }'
+}
+
+# run_msiexec NAME ARGUMENT...: runs the installer without a display, its log in build/demo/NAME.log.
+run_msiexec() {
+  log=$logs/$1.log
+  shift
+  result=0
+  scripts/wine.sh msiexec "$@" /qn '/l*v' "$log" >"$logs/msiexec.out" 2>&1 || result=$?
+  action_lines "$log"
+}
+
+succeeded() { [ "$result" = 0 ]; }
+logged() { grep -qF -- "$1" "$log"; }
+not_logged() { ! logged "$1"; }
+
+# The value of the suite's machine-wide key, empty where there is none.
+suite_value() {
+  scripts/wine.sh reg query 'HKLM\SOFTWARE\Brenmoor\Quorbel' /v "$1" 2>/dev/null </dev/null |
+    tr -d '\r' | sed -n "s/^ *$1 *REG_SZ *//p"
+}
+suite_value_is() { [ "$(suite_value "$1")" = "$2" ]; }
+installed_notes='build/wine/drive_c/Program Files/Quorbel/release_notes.txt'
+notes_are() { [ "$(tr -d '\r' <"$installed_notes")" = "$1" ]; }
+nothing_installed() { [ ! -e "$installed_notes" ]; }
+
+package() { printf 'build/mingw/package/quorbel-%s.msi' "$1"; }
+
+for version in 1.4.1 1.4.2 1.5.0; do # what a demo that was broken off may have left
+  scripts/wine.sh msiexec /x "$(package $version)" /qn >/dev/null 2>&1 </dev/null || true
+done
+
+heading "Install Quorbel 1.4.1 on a machine that has none"
+run_msiexec 1-install-1.4.1 /i "$(package 1.4.1)"
+check "the installer succeeded" succeeded
+check "no version was found, so 0.1.16.0 stood for it" logged "INSTALLED_APP_VERSION not found. Falling back to 0.1.16.0."
+check "the files of 1.4.1 are there" notes_are "Quorbel 1.4.1"
+check "IS_MINOR_UPGRADE is not set" suite_value_is MinorUpgrade ""
+
+heading "Upgrade to 1.4.2, a minor one"
+run_msiexec 2-upgrade-1.4.2 /i "$(package 1.4.2)"
+check "the installer succeeded" succeeded
+check "1.4.1 was found in the registry" logged "New: 1.4.2.0 Old: 1.4.1.0"
+check "the upgrade was called minor" logged "Detected MINOR upgrade."
+check "IS_MINOR_UPGRADE was 1" suite_value_is MinorUpgrade 1
+check "the files of 1.4.2 are there" notes_are "Quorbel 1.4.2"
+check "no restart notice" not_logged "Quorbel has been removed."
+
+heading "Upgrade to 1.5.0, a major one"
+run_msiexec 3-upgrade-1.5.0 /i "$(package 1.5.0)"
+check "the installer succeeded" succeeded
+check "1.4.2 was found in the registry" logged "New: 1.5.0.0 Old: 1.4.2.0"
+check "the upgrade was called major" logged "Detected MAJOR/MODERATE upgrade."
+check "IS_MINOR_UPGRADE was cleared" suite_value_is MinorUpgrade ""
+check "the files of 1.5.0 are there" notes_are "Quorbel 1.5.0"
+check "no restart notice" not_logged "Quorbel has been removed."
+
+heading "Remove Quorbel"
+run_msiexec 4-remove /x "$(package 1.5.0)"
+check "the installer succeeded" succeeded
+check "the restart notice was shown" logged "Please restart when it is convenient for you."
+check "nothing is left of the suite" nothing_installed
+check "nor of its registry key" suite_value_is Version ""
+
+printf '\n'
+if [ "$failed" = 0 ]; then
+  echo "Checked: $held things in $step steps (the installer's result, the actions' lines, files and registry); all hold."
+else
+  echo "Checked: $((held + failed)) things in $step steps; $failed do not hold. Full logs: $logs/"
+  exit 1
+fi

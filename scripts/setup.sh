@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs what building and testing need and the machine does not have yet: Debian packages, by name. Says nothing and
+# takes no time when all is there. Debian 12 and 13.
+set -eu
+packages=(
+  cmake
+  ninja-build
+  g++-mingw-w64-x86-64-posix # the cross compiler
+  googletest                 # its sources are compiled with the tests
+  wine64                     # runs what was compiled
+  wixl                       # makes the sample package
+  msitools                   # reads and changes package tables
+  clang-format-19
+  clang-tidy-19
+  git
+)
+missing=()
+for package in "${packages[@]}"; do
+  [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)" = installed ] || missing+=("$package")
+done
+[ ${#missing[@]} -gt 0 ] || exit 0
+
+as_root=()
+[ "$(id -u)" = 0 ] || as_root=(sudo)
+echo "Installing ${missing[*]}"
+log=$(mktemp)
+{
+  "${as_root[@]}" apt-get update &&
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"
+} >"$log" 2>&1 </dev/null || { cat "$log" >&2; exit 1; }
+rm "$log"
