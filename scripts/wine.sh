@@ -10,8 +10,9 @@ export WINESERVER=/usr/lib/wine/wineserver64
 export WINEPREFIX=$project/build/wine
 export WINEDEBUG=${WINEDEBUG:--all}
 export DISPOSABLE_MACHINE=1 # the prefix is: tests may install there what they like
-# Without its debugger a program that crashes ends at once; the other two would be offered for download.
-export WINEDLLOVERRIDES='winedbg.exe=d;mscoree=d;mshtml=d'
+# Without its debugger a program that crashes ends at once; menu entries would go into the user's own menu; the other two
+# would be offered for download.
+export WINEDLLOVERRIDES='winedbg.exe=d;winemenubuilder.exe=d;mscoree=d;mshtml=d'
 
 make_prefix() {
   "$wine" wineboot --init &&
