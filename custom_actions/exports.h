@@ -16,4 +16,13 @@ UINT __stdcall check_upgrade_type(MSIHANDLE session);
 // Shows the notice that a restart is advisable after a removal. Always returns ERROR_SUCCESS.
 UINT __stdcall notify_restart_recommended(MSIHANDLE session);
 
+// Registers the suite's property handler and its detail lists for the whole machine. Returns ERROR_SUCCESS,
+// even where a registration failed, which is posted as an error; ERROR_INSTALL_FAILURE without a session (0),
+// or where memory ran out.
+UINT __stdcall propertyhandler_update_registry(MSIHANDLE session);
+
+// Undoes that registration. Returns ERROR_INSTALL_FAILURE, and posts an error, where the handlers cannot be
+// opened or an extension's cannot be deleted.
+UINT __stdcall propertyhandler_remove_registry(MSIHANDLE session);
+
 } // extern "C"

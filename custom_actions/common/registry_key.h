@@ -1,0 +1,66 @@
+#pragma once
+
+#include "custom_actions/common/scoped_handle.h"
+
+#include <windows.h>
+
+#include <string>
+#include <string_view>
+
+namespace custom_actions {
+
+// KEY_WOW64_64KEY where this process runs under WOW64, so that a 32-bit process reaches the 64-bit view; else
+// 0.
+REGSAM native_registry_view() noexcept;
+
+// A value as the registry has it.
+struct registry_value {
+    DWORD type = REG_NONE;
+    std::string data; // every byte, with the terminating zero where there is one
+
+    // The text up to its first zero.
+    [[nodiscard]] std::string text() const { return data.substr(0, data.find('\0')); }
+};
+
+// An open registry key, closed with its scope. Every function returns the status of the Windows call; where
+// that is not ERROR_SUCCESS, what it was to give back is unchanged, and a key that was to be opened is
+// closed. An empty value name is the key's default value.
+class registry_key {
+public:
+    [[nodiscard]] HKEY get() const noexcept { return handle_.get(); }
+
+    LSTATUS open(HKEY parent, const std::string& path, REGSAM access) noexcept;
+
+    // Opens the key, or makes it where it is not there.
+    LSTATUS create(HKEY parent, const std::string& path, REGSAM access) noexcept;
+
+    void close() noexcept { handle_ = {}; }
+
+    // Reads a value of at most `limit` bytes; ERROR_MORE_DATA where it is longer.
+    LSTATUS read(const char* name, DWORD limit, registry_value& value) const;
+
+    // Whether the value is there, or cannot be told not to be.
+    [[nodiscard]] bool has_value(const char* name) const noexcept;
+
+    // Writes `text` and its terminating zero as REG_SZ.
+    LSTATUS write_text(const char* name, const std::string& text) const noexcept;
+
+    // Writes these bytes, with nothing added, as REG_SZ.
+    LSTATUS write_raw_text(const char* name, std::string_view bytes) const noexcept;
+
+    LSTATUS delete_value(const char* name) const noexcept;
+
+    // Deletes a subkey that has no subkeys of its own.
+    LSTATUS delete_subkey(const std::string& name) const noexcept;
+
+    // The name of the subkey with this index; ERROR_MORE_DATA where it has 256 characters or more.
+    LSTATUS enumerate_subkey(DWORD index, std::string& name) const;
+
+    // Whether the key has neither subkeys nor values; false where it cannot be told.
+    [[nodiscard]] bool is_empty() const noexcept;
+
+private:
+    registry_key_handle handle_;
+};
+
+} // namespace custom_actions

@@ -1,0 +1,51 @@
+#include "custom_actions/shell_registration/property_handler.h"
+
+#include "custom_actions/shell_registration/file_type_tables.h"
+
+namespace custom_actions {
+
+std::string property_handler_path(std::string_view extension)
+{
+    return std::string{PROPERTY_HANDLER_PREFIX}.append(extension);
+}
+
+std::string file_association_path(std::string_view extension)
+{
+    return std::string{FILE_ASSOCIATION_PREFIX}.append(extension);
+}
+
+bool is_our_property_handler(std::string_view extension)
+{
+    registry_key key;
+    registry_value handler;
+    return key.open(HKEY_LOCAL_MACHINE, property_handler_path(extension), KEY_READ) == ERROR_SUCCESS &&
+           key.read("", 1024, handler) == ERROR_SUCCESS && is_handler(handler.data) &&
+           handler.text() == PROPERTY_HANDLER_CLSID;
+}
+
+std::string read_handler(const registry_key& key, const char* name)
+{
+    registry_value handler;
+    if (key.read(name, 1024, handler) == ERROR_MORE_DATA) {
+        key.read(name, 1024 * 1024, handler);
+    }
+    return handler.data;
+}
+
+std::string read_details_list(const registry_key& key, const char* name, DWORD limit)
+{
+    registry_value list;
+    if (key.read(name, limit, list) != ERROR_SUCCESS || list.type != REG_SZ) {
+        return {};
+    }
+    std::string text = list.text();
+    const bool ends_there = list.data.find_first_not_of('\0', text.size()) == std::string::npos;
+    return ends_there ? text : std::string{};
+}
+
+bool is_handler(const std::string& bytes) noexcept
+{
+    return bytes.size() >= 2;
+}
+
+} // namespace custom_actions

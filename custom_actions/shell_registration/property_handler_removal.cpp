@@ -1,0 +1,149 @@
+#include "custom_actions/common/installer_session.h"
+#include "custom_actions/shell_registration/file_type_tables.h"
+#include "custom_actions/shell_registration/property_handler.h"
+#include "custom_actions/shell_registration/property_lists.h"
+
+#include <cstdio>
+#include <vector>
+
+namespace custom_actions {
+namespace {
+
+// Without a view flag: the library is a 64-bit one, and removal leaves it at that.
+constexpr REGSAM KEY_READ_WRITE = KEY_READ | KEY_WRITE;
+
+// The extensions whose handler is the suite's, in the order of the registry, complete before anything is
+// changed.
+std::vector<std::string> our_extensions(const registry_key& handlers)
+{
+    std::vector<std::string> extensions;
+    std::string extension;
+    for (DWORD index = 0; handlers.enumerate_subkey(index, extension) == ERROR_SUCCESS; ++index) {
+        registry_key key;
+        registry_value handler;
+        if (key.open(handlers.get(), extension, KEY_READ) == ERROR_SUCCESS &&
+            key.read("", 1024, handler) == ERROR_SUCCESS && handler.text() == PROPERTY_HANDLER_CLSID) {
+            extensions.push_back(extension);
+        }
+    }
+    return extensions;
+}
+
+// Writes the detail list back as `change` has it, where it changes anything.
+template <class Change>
+void change_details_list(const std::string& extension, const char* name, DWORD limit, const Change& change)
+{
+    registry_key key;
+    if (key.open(HKEY_LOCAL_MACHINE, file_association_path(extension), KEY_READ_WRITE) != ERROR_SUCCESS) {
+        return;
+    }
+    if (const std::optional<std::string> changed = change(read_details_list(key, name, limit))) {
+        key.write_text(name, *changed);
+    }
+}
+
+// Whether the extension had another handler before, which is then its handler again. The backup goes only
+// when its content is back in its place.
+bool restore_foreign_handler(const std::string& extension)
+{
+    registry_key key;
+    if (key.open(HKEY_LOCAL_MACHINE, property_handler_path(extension), KEY_READ_WRITE) != ERROR_SUCCESS) {
+        return false;
+    }
+    const std::string original = read_handler(key, ORIGINAL_HANDLER_VALUE);
+    if (!is_handler(original)) {
+        return false;
+    }
+    if (key.write_raw_text("", original) == ERROR_SUCCESS) {
+        key.delete_value(ORIGINAL_HANDLER_VALUE);
+    }
+    return true;
+}
+
+void remove_details_lists(const std::string& extension)
+{
+    struct row {
+        const char* value;
+        std::string_view list;
+    };
+
+    static constexpr row rows[]{
+        {.value = "FullDetails", .list = FULL_DETAILS_LIST},
+        {.value = "PreviewDetails", .list = PREVIEW_DETAILS_LIST},
+        {.value = "InfoTip", .list = INFOTIP_LIST},
+    };
+
+    const std::string path = file_association_path(extension);
+    registry_key key;
+    if (key.open(HKEY_LOCAL_MACHINE, path, KEY_READ_WRITE) != ERROR_SUCCESS) {
+        return;
+    }
+    for (const auto& [value, list] : rows) {
+        if (delete_value_if_matches(key, value, list)) {
+            std::fputs(("  - Removed matching " + std::string{value} + ".\n").c_str(), stdout);
+        }
+    }
+    if (key.is_empty()) {
+        key.close();
+        RegDeleteKeyA(HKEY_LOCAL_MACHINE, path.c_str());
+    }
+}
+
+// Whether the extension's handler is gone.
+bool remove_extension(const registry_key& handlers, const std::string& extension)
+{
+    change_details_list(extension, "InfoTip", 2048, without_infotip_extra);
+    for (const std::string_view property : FULL_DETAILS_EXTRA_PROPERTIES) {
+        change_details_list(extension, "FullDetails", 4096, [&](const std::string& list) {
+            return without_full_details_extra(list, property);
+        });
+    }
+    if (restore_foreign_handler(extension)) {
+        return true;
+    }
+    const bool deleted = handlers.delete_subkey(extension) == ERROR_SUCCESS;
+    remove_details_lists(extension);
+    return deleted;
+}
+
+bool remove_handlers()
+{
+    registry_key handlers;
+    if (const LSTATUS status = handlers.open(HKEY_LOCAL_MACHINE, PROPERTY_HANDLERS_KEY, KEY_READ_WRITE);
+        status != ERROR_SUCCESS) {
+        return status == ERROR_FILE_NOT_FOUND;
+    }
+    bool all_removed = true;
+    for (const std::string& extension : our_extensions(handlers)) {
+        all_removed = remove_extension(handlers, extension) && all_removed;
+    }
+    return all_removed;
+}
+
+} // namespace
+
+bool delete_value_if_matches(const registry_key& key, const char* name, std::string_view expected)
+{
+    registry_value value;
+    if (key.read(name, 4096, value) != ERROR_SUCCESS) {
+        return false;
+    }
+    const std::string text = value.text();
+    return !text.empty() && text == expected && key.delete_value(name) == ERROR_SUCCESS;
+}
+
+UINT remove_property_handler(MSIHANDLE session)
+{
+    msi_log(session, L"Custom action: propertyhandler_removeregistry: Starting...");
+    if (remove_handlers()) {
+        msi_log(session, L"Custom action: propertyhandler_removeregistry: Registry updated successfully.");
+        return ERROR_SUCCESS;
+    }
+    msi_message(
+        session,
+        INSTALLMESSAGE_ERROR,
+        L"Custom action: propertyhandler_removeregistry: Failed to update registry.");
+    return ERROR_INSTALL_FAILURE;
+}
+
+} // namespace custom_actions
