@@ -1,5 +1,7 @@
 #include "tests/support/registry_sandbox.h"
 
+#include <algorithm>
+#include <array>
 #include <system_error>
 
 namespace test_support {
@@ -17,6 +19,57 @@ std::wstring scratch_name(HKEY root)
 {
     return std::to_wstring(GetCurrentProcessId()) + L"-" +
            std::to_wstring(reinterpret_cast<ULONG_PTR>(root) & 0xF);
+}
+
+std::string hexadecimal(std::string_view bytes)
+{
+    static constexpr std::string_view digits = "0123456789ABCDEF";
+    std::string text;
+    for (const char byte : bytes) {
+        text += digits[static_cast<unsigned char>(byte) >> 4U];
+        text += digits[static_cast<unsigned char>(byte) & 0xFU];
+    }
+    return text;
+}
+
+std::string hexadecimal(std::wstring_view text)
+{
+    return hexadecimal({reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t)});
+}
+
+// Names are shown as they are where they are ASCII, and otherwise by their bytes.
+std::string shown(std::wstring_view name)
+{
+    const bool ascii = std::ranges::all_of(name, [](wchar_t unit) { return unit < 0x80; });
+    return ascii ? std::string{name.begin(), name.end()} : hexadecimal(name);
+}
+
+void dump_below(HKEY key, const std::string& path, std::vector<std::string>& lines)
+{
+    lines.push_back(path);
+    std::array<wchar_t, 16384> name{};
+    std::vector<char> data(65536);
+    for (DWORD index = 0;; ++index) {
+        auto length = static_cast<DWORD>(name.size());
+        auto size = static_cast<DWORD>(data.size());
+        DWORD type = 0;
+        const LSTATUS status = RegEnumValueW(
+            key, index, name.data(), &length, nullptr, &type, reinterpret_cast<BYTE*>(data.data()), &size);
+        if (status == ERROR_NO_MORE_ITEMS) {
+            break;
+        }
+        require(status, "cannot list the values of a key");
+        lines.push_back(
+            path + ' ' + shown({name.data(), length}) + ' ' + std::to_string(type) + ' ' +
+            hexadecimal(std::string_view{data.data(), size}));
+    }
+    for (DWORD index = 0;
+         RegEnumKeyW(key, index, name.data(), static_cast<DWORD>(name.size())) == ERROR_SUCCESS;
+         ++index) {
+        custom_actions::registry_key_handle subkey;
+        require(RegOpenKeyExW(key, name.data(), 0, KEY_READ, subkey.put()), "cannot open a subkey");
+        dump_below(subkey.get(), path + shown(name.data()) + "\\", lines);
+    }
 }
 
 } // namespace
@@ -55,6 +108,52 @@ registry_sandbox::~registry_sandbox()
 {
     RegOverridePredefKey(root_, nullptr);
     RegDeleteTreeW(parent_.get(), name_.c_str());
+}
+
+std::string registry_text(std::wstring_view text)
+{
+    const std::wstring terminated{text};
+    return {reinterpret_cast<const char*>(terminated.c_str()), (terminated.size() + 1) * sizeof(wchar_t)};
+}
+
+void plant_value(HKEY root, const std::wstring& path, const wchar_t* name, std::string_view bytes, DWORD type)
+{
+    custom_actions::registry_key_handle key;
+    require(RegCreateKeyW(root, path.c_str(), key.put()), "cannot make a key");
+    // The system adds a terminating zero to a text without one where it finds a zero behind it.
+    const std::string padded = std::string{bytes} + "\xFF\xFF";
+    require(
+        RegSetValueExW(
+            key.get(),
+            name,
+            0,
+            type,
+            reinterpret_cast<const BYTE*>(padded.data()),
+            static_cast<DWORD>(bytes.size())),
+        "cannot write a value");
+}
+
+std::optional<std::string> planted_value(HKEY root, const std::wstring& path, const wchar_t* name)
+{
+    custom_actions::registry_key_handle key;
+    DWORD size = 0;
+    if (RegOpenKeyExW(root, path.c_str(), 0, KEY_READ, key.put()) != ERROR_SUCCESS ||
+        RegQueryValueExW(key.get(), name, nullptr, nullptr, nullptr, &size) != ERROR_SUCCESS) {
+        return std::nullopt;
+    }
+    std::string bytes(size, '\0');
+    require(
+        RegQueryValueExW(key.get(), name, nullptr, nullptr, reinterpret_cast<BYTE*>(bytes.data()), &size),
+        "cannot read a value");
+    return bytes;
+}
+
+std::vector<std::string> dump_registry(HKEY key)
+{
+    std::vector<std::string> lines;
+    dump_below(key, "\\", lines);
+    std::ranges::sort(lines);
+    return lines;
 }
 
 } // namespace test_support

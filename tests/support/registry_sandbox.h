@@ -2,7 +2,10 @@
 
 #include "custom_actions/common/scoped_handle.h"
 
+#include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace test_support {
 
@@ -24,5 +27,19 @@ private:
     std::wstring name_;
     custom_actions::registry_key_handle scratch_;
 };
+
+// The bytes of `text` and its terminating zero, as the registry keeps them.
+std::string registry_text(std::wstring_view text);
+
+// Writes a value (an empty name is the default one), making the key where it is not there. Throws
+// std::system_error.
+void plant_value(
+    HKEY root, const std::wstring& path, const wchar_t* name, std::string_view bytes, DWORD type = REG_SZ);
+
+// The bytes of a value, or nothing where it is not there.
+std::optional<std::string> planted_value(HKEY root, const std::wstring& path, const wchar_t* name);
+
+// Every key and value below `key`, a line each ("\\path\\ name type bytes in hexadecimal"), in a fixed order.
+std::vector<std::string> dump_registry(HKEY key);
 
 } // namespace test_support
