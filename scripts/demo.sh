@@ -66,11 +66,21 @@ installed_notes='build/wine/drive_c/Program Files/Quorbel/release_notes.txt'
 notes_are() { [ "$(tr -d '\r' <"$installed_notes")" = "$1" ]; }
 nothing_installed() { [ ! -e "$installed_notes" ]; }
 
+handlers='HKLM\SOFTWARE\Microsoft\Windows\CurrentVersion\PropertySystem\PropertyHandlers'
+foreign_handler={11111111-2222-3333-4444-555555555555}
+types_with_our_handler() {
+  scripts/wine.sh reg query "$handlers" /s 2>/dev/null </dev/null | grep -c '{73A6EEEE-36B5-4536-A731-8F92EF883087}' || true
+}
+types_are() { [ "$(types_with_our_handler)" = "$1" ]; }
+jpg_handler_is_foreign() { scripts/wine.sh reg query "$handlers\.jpg" /ve 2>/dev/null </dev/null | grep -qF "$foreign_handler"; }
+
 package() { printf 'build/mingw/package/quorbel-%s.msi' "$1"; }
 
 for version in 1.4.1 1.4.2 1.5.0; do # what a demo that was broken off may have left
   scripts/wine.sh msiexec /x "$(package $version)" /qn >/dev/null 2>&1 </dev/null || true
 done
+
+scripts/wine.sh reg add "$handlers\.jpg" /ve /d "$foreign_handler" /f >/dev/null 2>&1 </dev/null # somebody else's
 
 heading "Install Quorbel 1.4.1 on a machine that has none"
 run_msiexec 1-install-1.4.1 /i "$(package 1.4.1)"
@@ -78,6 +88,8 @@ check "the installer succeeded" succeeded
 check "no version was found, so 0.1.16.0 stood for it" logged "INSTALLED_APP_VERSION not found. Falling back to 0.1.16.0."
 check "the files of 1.4.1 are there" notes_are "Quorbel 1.4.1"
 check "IS_MINOR_UPGRADE is not set" suite_value_is MinorUpgrade ""
+printf '    %s file types carry the property handler; .jpg had another before\n' "$(types_with_our_handler)"
+check "they are all 64" types_are 64
 
 heading "Upgrade to 1.4.2, a minor one"
 run_msiexec 2-upgrade-1.4.2 /i "$(package 1.4.2)"
@@ -103,6 +115,9 @@ check "the installer succeeded" succeeded
 check "the restart notice was shown" logged "Please restart when it is convenient for you."
 check "nothing is left of the suite" nothing_installed
 check "nor of its registry key" suite_value_is Version ""
+printf '    %s file types carry the property handler\n' "$(types_with_our_handler)"
+check "there is none" types_are 0
+check "the handler that .jpg had before is back" jpg_handler_is_foreign
 
 printf '\n'
 if [ "$failed" = 0 ]; then
