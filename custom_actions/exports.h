@@ -25,4 +25,18 @@ UINT __stdcall propertyhandler_update_registry(MSIHANDLE session);
 // opened or an extension's cannot be deleted.
 UINT __stdcall propertyhandler_remove_registry(MSIHANDLE session);
 
+// Makes the suite's icon handler the current user's for ".ini", ".ico" and the ProgIds that serve them.
+// Returns ERROR_INSTALL_FAILURE, with a log line, where a key cannot be made.
+UINT __stdcall iconhandler_add_defaults_to_registry(MSIHANDLE session);
+
+// Removes the suite's icon and thumbnail handlers of the current user and restores the drive icons. Returns
+// ERROR_INSTALL_FAILURE, and posts an error, where a drive icon cannot be restored.
+UINT __stdcall iconhandler_remove_registry(MSIHANDLE session);
+
+// Removes the current user's override of the "New" menu. Always returns ERROR_SUCCESS.
+UINT __stdcall restore_built_in_new_context_menu(MSIHANDLE session);
+
+// Logs whether Smart App Control is enforcing. Always returns ERROR_SUCCESS.
+UINT __stdcall log_app_control_state(MSIHANDLE session);
+
 } // extern "C"

@@ -72,7 +72,10 @@ types_with_our_handler() {
   scripts/wine.sh reg query "$handlers" /s 2>/dev/null </dev/null | grep -c '{73A6EEEE-36B5-4536-A731-8F92EF883087}' || true
 }
 types_are() { [ "$(types_with_our_handler)" = "$1" ]; }
-jpg_handler_is_foreign() { scripts/wine.sh reg query "$handlers\.jpg" /ve 2>/dev/null </dev/null | grep -qF "$foreign_handler"; }
+icon_slot='HKCU\Software\Classes\SystemFileAssociations\.ico\ShellEx\IconHandler'
+drive='HKCU\Software\Classes\Applications\Explorer.exe\Drives\Q\DefaultIcon'
+plant() { scripts/wine.sh reg add "$1" "${@:2}" /f >/dev/null 2>&1 </dev/null; }
+default_is() { scripts/wine.sh reg query "$1" /ve 2>/dev/null </dev/null | grep -qF "$2"; }
 
 package() { printf 'build/mingw/package/quorbel-%s.msi' "$1"; }
 
@@ -80,7 +83,9 @@ for version in 1.4.1 1.4.2 1.5.0; do # what a demo that was broken off may have 
   scripts/wine.sh msiexec /x "$(package $version)" /qn >/dev/null 2>&1 </dev/null || true
 done
 
-scripts/wine.sh reg add "$handlers\.jpg" /ve /d "$foreign_handler" /f >/dev/null 2>&1 </dev/null # somebody else's
+# Somebody else's, before the suite comes.
+plant "$handlers\.jpg" /ve /d "$foreign_handler"
+plant "$icon_slot" /ve /d "$foreign_handler"
 
 heading "Install Quorbel 1.4.1 on a machine that has none"
 run_msiexec 1-install-1.4.1 /i "$(package 1.4.1)"
@@ -90,6 +95,8 @@ check "the files of 1.4.1 are there" notes_are "Quorbel 1.4.1"
 check "IS_MINOR_UPGRADE is not set" suite_value_is MinorUpgrade ""
 printf '    %s file types carry the property handler; .jpg had another before\n' "$(types_with_our_handler)"
 check "they are all 64" types_are 64
+check "the icon handler of .ico is ours; it, too, had another" default_is "$icon_slot" '{931CC9DD-9E0F-4FA1-AA06-229D0372956A}'
+check "the state of Smart App Control is told" logged "Smart App Control: "
 
 heading "Upgrade to 1.4.2, a minor one"
 run_msiexec 2-upgrade-1.4.2 /i "$(package 1.4.2)"
@@ -109,6 +116,12 @@ check "IS_MINOR_UPGRADE was cleared" suite_value_is MinorUpgrade ""
 check "the files of 1.5.0 are there" notes_are "Quorbel 1.5.0"
 check "no restart notice" not_logged "Quorbel has been removed."
 
+# What the suite does to a drive's icon while it is in use.
+plant "$drive" /ve /d ours.ico
+plant "$drive" /v sorvane_drive_icon_applied /d ours.ico
+plant "$drive" /v sorvane_drive_icon_had_original /t REG_DWORD /d 1
+plant "$drive" /v sorvane_drive_icon_original /d before.ico
+
 heading "Remove Quorbel"
 run_msiexec 4-remove /x "$(package 1.5.0)"
 check "the installer succeeded" succeeded
@@ -117,7 +130,10 @@ check "nothing is left of the suite" nothing_installed
 check "nor of its registry key" suite_value_is Version ""
 printf '    %s file types carry the property handler\n' "$(types_with_our_handler)"
 check "there is none" types_are 0
-check "the handler that .jpg had before is back" jpg_handler_is_foreign
+check "the handler that .jpg had before is back" default_is "$handlers\.jpg" "$foreign_handler"
+check "so is the icon handler of .ico" default_is "$icon_slot" "$foreign_handler"
+check "so is the icon that drive Q had before" default_is "$drive" before.ico
+check "the built-in New menu was looked after" logged "restore_built_in_new_context_menu: completed"
 
 printf '\n'
 if [ "$failed" = 0 ]; then

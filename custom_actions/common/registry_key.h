@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -18,46 +19,76 @@ struct registry_value {
     DWORD type = REG_NONE;
     std::string data; // every byte, with the terminating zero where there is one
 
-    // The text up to its first zero.
+    // What the ANSI functions read, as text up to its first zero.
     [[nodiscard]] std::string text() const { return data.substr(0, data.find('\0')); }
+
+    // What the wide functions read, as text without its terminating zero. Nothing where the type is neither
+    // REG_SZ nor REG_EXPAND_SZ, or where the data is neither empty nor an even number of bytes that end in a
+    // zero character.
+    [[nodiscard]] std::optional<std::wstring> wide_text() const;
 };
 
-// An open registry key, closed with its scope. Every function returns the status of the Windows call; where
-// that is not ERROR_SUCCESS, what it was to give back is unchanged, and a key that was to be opened is
-// closed. An empty value name is the key's default value.
+// An open registry key, closed with its scope. Narrow names and texts go to Windows' ANSI functions, wide
+// ones to the wide functions. Every function returns the status of the Windows call; where that is not
+// ERROR_SUCCESS, what it was to give back is unchanged, and a key that was to be opened is closed. An empty
+// value name is the key's default value.
 class registry_key {
 public:
     [[nodiscard]] HKEY get() const noexcept { return handle_.get(); }
 
     LSTATUS open(HKEY parent, const std::string& path, REGSAM access) noexcept;
+    LSTATUS open(HKEY parent, const std::wstring& path, REGSAM access) noexcept;
 
     // Opens the key, or makes it where it is not there.
     LSTATUS create(HKEY parent, const std::string& path, REGSAM access) noexcept;
+    LSTATUS create(HKEY parent, const std::wstring& path, REGSAM access) noexcept;
 
     void close() noexcept { handle_ = {}; }
 
     // Reads a value of at most `limit` bytes; ERROR_MORE_DATA where it is longer.
     LSTATUS read(const char* name, DWORD limit, registry_value& value) const;
+    LSTATUS read(const wchar_t* name, DWORD limit, registry_value& value) const;
+
+    // Reads a value into `expected` bytes, and once more where it is longer, up to a mebibyte: for what
+    // somebody else may have written at any length, and what must be seen so that it can be kept.
+    template <class Char>
+    LSTATUS read_whole(const Char* name, DWORD expected, registry_value& value) const
+    {
+        const LSTATUS status = read(name, expected, value);
+        return status == ERROR_MORE_DATA ? read(name, 1024 * 1024, value) : status;
+    }
 
     // Whether the value is there, or cannot be told not to be.
     [[nodiscard]] bool has_value(const char* name) const noexcept;
 
     // Writes `text` and its terminating zero as REG_SZ.
     LSTATUS write_text(const char* name, const std::string& text) const noexcept;
+    LSTATUS write_text(const wchar_t* name, const std::wstring& text) const noexcept;
 
     // Writes these bytes, with nothing added, as REG_SZ.
     LSTATUS write_raw_text(const char* name, std::string_view bytes) const noexcept;
 
     LSTATUS delete_value(const char* name) const noexcept;
+    LSTATUS delete_value(const wchar_t* name) const noexcept;
 
     // Deletes a subkey that has no subkeys of its own.
     LSTATUS delete_subkey(const std::string& name) const noexcept;
+    LSTATUS delete_subkey(const wchar_t* name) const noexcept;
 
     // The name of the subkey with this index; ERROR_MORE_DATA where it has 256 characters or more.
     LSTATUS enumerate_subkey(DWORD index, std::string& name) const;
+    LSTATUS enumerate_subkey(DWORD index, std::wstring& name) const;
 
-    // Whether the key has neither subkeys nor values; false where it cannot be told.
-    [[nodiscard]] bool is_empty() const noexcept;
+    // The name of the value with this index.
+    LSTATUS enumerate_value_name(DWORD index, std::wstring& name) const;
+
+    struct content {
+        DWORD subkeys;
+        DWORD values;
+    };
+
+    // How many subkeys and values the key has; nothing where it cannot be told.
+    [[nodiscard]] std::optional<content> count_content() const noexcept;
 
 private:
     registry_key_handle handle_;

@@ -1,5 +1,7 @@
 #include "custom_actions/common/text.h"
 
+#include <windows.h>
+
 #include <algorithm>
 #include <iterator>
 
@@ -13,6 +15,16 @@ std::wstring widen(std::string_view text)
         return static_cast<wchar_t>(static_cast<signed char>(byte));
     });
     return wide;
+}
+
+bool equal_ignoring_case(std::wstring_view left, std::wstring_view right) noexcept
+{
+    return CompareStringOrdinal(
+               left.data(),
+               static_cast<int>(left.size()),
+               right.data(),
+               static_cast<int>(right.size()),
+               TRUE) == CSTR_EQUAL;
 }
 
 } // namespace custom_actions

@@ -10,4 +10,7 @@ namespace custom_actions {
 // so that the line shows the bytes whatever code page the message was made in. Throws std::bad_alloc alone.
 std::wstring widen(std::string_view text);
 
+// Whether both are the same but for the case of their letters, by the system's own rule for names.
+bool equal_ignoring_case(std::wstring_view left, std::wstring_view right) noexcept;
+
 } // namespace custom_actions

@@ -26,9 +26,7 @@ bool is_our_property_handler(std::string_view extension)
 std::string read_handler(const registry_key& key, const char* name)
 {
     registry_value handler;
-    if (key.read(name, 1024, handler) == ERROR_MORE_DATA) {
-        key.read(name, 1024 * 1024, handler);
-    }
+    key.read_whole(name, 1024, handler);
     return handler.data;
 }
 

@@ -83,7 +83,8 @@ void remove_details_lists(const std::string& extension)
             std::fputs(("  - Removed matching " + std::string{value} + ".\n").c_str(), stdout);
         }
     }
-    if (key.is_empty()) {
+    const auto content = key.count_content();
+    if (content && content->subkeys == 0 && content->values == 0) {
         key.close();
         RegDeleteKeyA(HKEY_LOCAL_MACHINE, path.c_str());
     }

@@ -52,6 +52,14 @@ std::optional<std::string> handler_of(const std::wstring& extension)
     return planted_value(HKEY_LOCAL_MACHINE, HANDLERS + L'\\' + extension, L"");
 }
 
+const std::wstring ICON_SLOT = LR"(Software\Classes\SystemFileAssociations\.ico\ShellEx\IconHandler)";
+const std::wstring DRIVE = LR"(Software\Classes\Applications\Explorer.exe\Drives\Q\DefaultIcon)";
+
+std::optional<std::string> user_value(const std::wstring& path)
+{
+    return planted_value(HKEY_CURRENT_USER, path, L"");
+}
+
 // Which of the suite's handlers there are, one for each type that has it.
 std::size_t types_with_our_handler()
 {
@@ -85,6 +93,8 @@ protected:
         for (const wchar_t* type : {L"\\.jpg", L"\\.png"}) {
             RegDeleteTreeW(HKEY_LOCAL_MACHINE, (HANDLERS + type).c_str());
         }
+        RegDeleteTreeW(HKEY_CURRENT_USER, ICON_SLOT.c_str());
+        RegDeleteTreeW(HKEY_CURRENT_USER, DRIVE.c_str());
     }
 };
 
@@ -93,6 +103,8 @@ TEST_F(SuiteLife, runs_from_installation_over_two_upgrades_to_removal)
     ASSERT_EQ(suite_value(L"Version"), std::nullopt);
     plant_value(HKEY_LOCAL_MACHINE, HANDLERS + L"\\.jpg", L"", registry_text(FOREIGN_HANDLER));
     plant_value(HKEY_LOCAL_MACHINE, HANDLERS + L"\\.png", L"", registry_text(FOREIGN_HANDLER));
+
+    plant_value(HKEY_CURRENT_USER, ICON_SLOT, L"", registry_text(FOREIGN_HANDLER));
 
     const installation first = run_installer(sample_package(L"1.4.1"));
     EXPECT_EQ(first.result, 0U);
@@ -111,6 +123,14 @@ TEST_F(SuiteLife, runs_from_installation_over_two_upgrades_to_removal)
         ElementsAre("Starting...", "Registry updated successfully."));
     EXPECT_EQ(types_with_our_handler(), 63U) << "all but .png, which had another";
     EXPECT_EQ(handler_of(L".png"), registry_text(FOREIGN_HANDLER));
+    EXPECT_THAT(
+        first.lines_after("Custom action: iconhandler_add_defaults_to_registry: "),
+        ElementsAre("Starting...", "Registry updated successfully."));
+    EXPECT_EQ(user_value(ICON_SLOT), registry_text(L"{931CC9DD-9E0F-4FA1-AA06-229D0372956A}"));
+    EXPECT_THAT(
+        first.lines_after("Smart App Control: "),
+        ElementsAre("not reported by this Windows build (VerifiedAndReputablePolicyState=absent, "
+                    "RegGetValueW returned 2)."));
 
     const installation minor = run_installer(sample_package(L"1.4.2"));
     EXPECT_EQ(minor.result, 0U);
@@ -143,6 +163,9 @@ TEST_F(SuiteLife, runs_from_installation_over_two_upgrades_to_removal)
             << "the notice belongs to the removal of the suite, not of its older version";
     }
 
+    plant_value(HKEY_CURRENT_USER, DRIVE, L"", registry_text(L"ours.ico"));
+    plant_value(HKEY_CURRENT_USER, DRIVE, L"sorvane_drive_icon_applied", registry_text(L"ours.ico"));
+
     const installation removal = run_installer(sample_package(L"1.5.0"), L"REMOVE=ALL");
     EXPECT_EQ(removal.result, 0U);
     EXPECT_THAT(removal.lines_after(VERSION_CHECK), IsEmpty());
@@ -155,40 +178,64 @@ TEST_F(SuiteLife, runs_from_installation_over_two_upgrades_to_removal)
         ElementsAre("Starting...", "Registry updated successfully."));
     EXPECT_EQ(types_with_our_handler(), 0U);
     EXPECT_EQ(handler_of(L".jpg"), registry_text(FOREIGN_HANDLER));
+    EXPECT_THAT(
+        removal.lines_after("Custom action: iconhandler_remove_registry: "),
+        ElementsAre("Starting...", "Registry updated successfully."));
+    EXPECT_EQ(user_value(ICON_SLOT), registry_text(FOREIGN_HANDLER));
+    EXPECT_EQ(user_value(DRIVE), std::nullopt);
+    EXPECT_THAT(
+        removal.lines_after("Custom action: restore_built_in_new_context_menu: "),
+        ElementsAre("Restoring built in New (just in case)...", "completed"));
 }
 
-// What the package's tables say of each action: a wrong type is played silently, at the wrong time or as
-// another user.
-std::map<std::string, int> authored_types(const std::wstring& package)
+// Two columns of a table of the package, a text and the number that goes with it.
+std::map<std::string, int> package_column(const wchar_t* query)
 {
     using custom_actions::record_handle; // MsiCloseHandle closes each of these
     record_handle database;
     record_handle view;
-    EXPECT_EQ(MsiOpenDatabaseW(package.c_str(), MSIDBOPEN_READONLY, database.put()), 0U);
-    EXPECT_EQ(
-        MsiDatabaseOpenViewW(database.get(), L"SELECT `Target`, `Type` FROM `CustomAction`", view.put()), 0U);
+    EXPECT_EQ(MsiOpenDatabaseW(sample_package(L"1.5.0").c_str(), MSIDBOPEN_READONLY, database.put()), 0U);
+    EXPECT_EQ(MsiDatabaseOpenViewW(database.get(), query, view.put()), 0U);
     EXPECT_EQ(MsiViewExecute(view.get(), 0), 0U);
-    std::map<std::string, int> types;
+    std::map<std::string, int> rows;
     for (record_handle row; MsiViewFetch(view.get(), row.put()) == ERROR_SUCCESS;) {
-        char target[80];
-        DWORD length = sizeof target;
-        EXPECT_EQ(MsiRecordGetStringA(row.get(), 1, target, &length), 0U);
-        types[target] = MsiRecordGetInteger(row.get(), 2);
+        char text[80];
+        DWORD length = sizeof text;
+        EXPECT_EQ(MsiRecordGetStringA(row.get(), 1, text, &length), 0U);
+        rows[text] = MsiRecordGetInteger(row.get(), 2);
     }
-    return types;
+    return rows;
 }
 
+// A wrong type, or a deferred action outside of the script, is played here without a word; on Windows the
+// action runs at the wrong time or as another user, or the installation fails.
 TEST(SamplePackage, calls_every_action_that_the_library_exports)
 {
     constexpr int immediate = 1; // a library in the Binary table, as the installing user, its result observed
+    constexpr int deferred_as_user = 1 + 1024;
     constexpr int deferred = 1 + 1024 + 2048; // from the script, as LocalSystem
     const std::map<std::string, int> expected{
         {"check_upgrade_type", immediate},
         {"notify_restart_recommended", immediate},
         {"propertyhandler_update_registry", deferred},
         {"propertyhandler_remove_registry", deferred},
+        {"iconhandler_add_defaults_to_registry", deferred_as_user},
+        {"iconhandler_remove_registry", deferred_as_user},
+        {"restore_built_in_new_context_menu", deferred_as_user},
+        {"log_app_control_state", immediate},
     };
-    EXPECT_EQ(authored_types(sample_package(L"1.5.0")), expected);
+    EXPECT_EQ(package_column(L"SELECT `Target`, `Type` FROM `CustomAction`"), expected);
+
+    const auto places = package_column(L"SELECT `Action`, `Sequence` FROM `InstallExecuteSequence`");
+    for (const auto& [action, type] : expected) {
+        ASSERT_TRUE(places.contains(action)) << action;
+        if (type != immediate) {
+            EXPECT_LT(places.at("InstallInitialize"), places.at(action)) << action;
+            EXPECT_LT(places.at(action), places.at("InstallFinalize")) << action;
+        }
+    }
+    EXPECT_LT(places.at("InstallInitialize"), places.at("RemoveExistingProducts"));
+    EXPECT_LT(places.at("RemoveExistingProducts"), places.at("ProcessComponents"));
 
     const loaded_library library;
     for (const std::string& action : pe_image{library.module()}.exported_names()) {

@@ -64,7 +64,8 @@ TEST_F(LibraryImage, needs_nothing_but_the_libraries_of_the_system)
         EXPECT_NE(import.name, "") << "an import by ordinal from " << name;
     }
     EXPECT_THAT(
-        (std::set<std::string>{"kernel32.dll", "msi.dll", "msvcrt.dll", "advapi32.dll"}),
+        (std::set<std::string>{
+            "kernel32.dll", "msi.dll", "msvcrt.dll", "advapi32.dll", "shell32.dll", "shlwapi.dll"}),
         IsSupersetOf(needed));
 }
 
