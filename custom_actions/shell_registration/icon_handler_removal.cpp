@@ -12,6 +12,11 @@ namespace {
 constexpr const wchar_t* CLASSES = LR"(Software\Classes)";
 constexpr const wchar_t* FILE_ASSOCIATIONS = LR"(Software\Classes\SystemFileAssociations)";
 
+std::wstring below(const std::wstring& path, const std::wstring& name)
+{
+    return path + L'\\' + name;
+}
+
 enum class slot_state { not_ours, restored, to_be_deleted };
 
 // Looks into one slot, and gives back the handler that the suite's replaced. The backup goes only when its
@@ -74,7 +79,7 @@ std::vector<std::wstring> types_with_associations()
 // A treatment without the suite's mark is not the suite's, and stays.
 void clear_treatment(const std::wstring& type)
 {
-    const std::wstring path = std::wstring{FILE_ASSOCIATIONS} + L'\\' + type;
+    const std::wstring path = below(FILE_ASSOCIATIONS, type);
     DWORD marker = 0;
     DWORD size = sizeof marker;
     registry_key key;
@@ -102,8 +107,8 @@ void sweep_handler_slot(const std::wstring& root, const std::wstring& slot)
     }
     std::wstring name;
     for (DWORD index = 0; key.enumerate_subkey(index, name) == ERROR_SUCCESS; ++index) {
-        const std::wstring owner = root + L'\\' + name;
-        if (restore_slot(owner + LR"(\ShellEx\)" + slot) == slot_state::to_be_deleted) {
+        const std::wstring owner = below(root, name);
+        if (restore_slot(below(owner + LR"(\ShellEx)", slot)) == slot_state::to_be_deleted) {
             delete_slot(owner, slot);
         }
     }

@@ -2,6 +2,8 @@
 
 #include "custom_actions/shell_registration/file_type_tables.h"
 
+#include <cstdio>
+
 namespace custom_actions {
 
 std::string property_handler_path(std::string_view extension)
@@ -39,6 +41,16 @@ std::string read_details_list(const registry_key& key, const char* name, DWORD l
     std::string text = list.text();
     const bool ends_there = list.data.find_first_not_of('\0', text.size()) == std::string::npos;
     return ends_there ? text : std::string{};
+}
+
+void log_property_handler(const std::string& text)
+{
+    write_console_line("[propertyhandler] " + text);
+}
+
+void write_console_line(const std::string& text)
+{
+    static_cast<void>(std::fputs((text + '\n').c_str(), stdout)); // nobody need be listening
 }
 
 bool is_handler(const std::string& bytes) noexcept

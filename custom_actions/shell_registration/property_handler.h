@@ -58,4 +58,7 @@ std::string read_details_list(const registry_key& key, const char* name, DWORD l
 // Writes "[propertyhandler] <text>" as a line on standard output.
 void log_property_handler(const std::string& text);
 
+// Writes a line on standard output.
+void write_console_line(const std::string& text);
+
 } // namespace custom_actions

@@ -3,7 +3,6 @@
 #include "custom_actions/shell_registration/property_handler.h"
 #include "custom_actions/shell_registration/property_lists.h"
 
-#include <cstdio>
 #include <unordered_set>
 #include <vector>
 
@@ -136,11 +135,6 @@ void extend_details_lists(REGSAM view)
 }
 
 } // namespace
-
-void log_property_handler(const std::string& text)
-{
-    std::fputs(("[propertyhandler] " + text + "\n").c_str(), stdout);
-}
 
 bool override_property_handler(std::string_view extension, REGSAM view)
 {

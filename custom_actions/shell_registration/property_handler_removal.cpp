@@ -3,7 +3,6 @@
 #include "custom_actions/shell_registration/property_handler.h"
 #include "custom_actions/shell_registration/property_lists.h"
 
-#include <cstdio>
 #include <vector>
 
 namespace custom_actions {
@@ -80,7 +79,7 @@ void remove_details_lists(const std::string& extension)
     }
     for (const auto& [value, list] : rows) {
         if (delete_value_if_matches(key, value, list)) {
-            std::fputs(("  - Removed matching " + std::string{value} + ".\n").c_str(), stdout);
+            write_console_line("  - Removed matching " + std::string{value} + ".");
         }
     }
     const auto content = key.count_content();

@@ -26,7 +26,6 @@ using test_support::import_patch;
 using test_support::planted_value;
 using test_support::posted_message;
 using test_support::registry_text;
-using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

@@ -397,7 +397,7 @@ TEST_F(PropertyHandler, asks_for_no_more_access_than_it_needs)
 struct failed_registration {
     const char* name;
     registry_fault fault;
-    const char* output; // on standard output
+    std::string output; // on standard output
     bool fails;         // whether it counts
 };
 
@@ -428,15 +428,21 @@ TEST_P(FailedRegistration, is_told_and_does_not_fail_the_installation)
         << "one or the other, never nothing";
 }
 
-#define OVERRODE "[propertyhandler] overrode existing handler for '.jpg' (backup saved)\n"
-#define NOT_OVERRIDDEN                                                                                       \
-    "[propertyhandler] FAILED to override handler for '.jpg' - it is still NOT our CLSID after the write\n"  \
-    "[propertyhandler]   FAILED: .jpg (force override)\n"
-#define JPG_HANDLER R"(SOFTWARE\Microsoft\Windows\CurrentVersion\PropertySystem\PropertyHandlers\.jpg)"
-#define JPG_LISTS R"(SOFTWARE\Classes\SystemFileAssociations\.jpg)"
-#define NO_DETAILS                                                                                           \
-    "[propertyhandler] FAILED to open '" JPG_LISTS                                                           \
-    "' for FullDetails update (ACCESS_DENIED if not elevated)\n"
+const std::string OVERRODE = "[propertyhandler] overrode existing handler for '.jpg' (backup saved)\n";
+const std::string NOT_OVERRIDDEN =
+    "[propertyhandler] FAILED to override handler for '.jpg' - it is still NOT our CLSID after the write\n"
+    "[propertyhandler]   FAILED: .jpg (force override)\n";
+
+// The lines about a key that cannot be opened.
+std::string not_opened(const std::string& key, const std::string& purpose)
+{
+    return "[propertyhandler] FAILED to open '" + key + "\\.jpg' for " + purpose + "\n";
+}
+
+const std::string JPG_HANDLER =
+    R"(SOFTWARE\Microsoft\Windows\CurrentVersion\PropertySystem\PropertyHandlers)";
+const std::string JPG_LISTS = R"(SOFTWARE\Classes\SystemFileAssociations)";
+const std::string NO_DETAILS = not_opened(JPG_LISTS, "FullDetails update (ACCESS_DENIED if not elevated)");
 
 INSTANTIATE_TEST_SUITE_P(
     Faults,
@@ -445,19 +451,19 @@ INSTANTIATE_TEST_SUITE_P(
         failed_registration{
             "create",
             {"create", "PropertyHandlers\\.txt", 0x20006},
-            OVERRODE "[propertyhandler] FAILED fresh install for '.txt'\n"
-                     "[propertyhandler]   FAILED: .txt (fresh install)\n",
+            OVERRODE + "[propertyhandler] FAILED fresh install for '.txt'\n"
+                       "[propertyhandler]   FAILED: .txt (fresh install)\n",
             true},
         failed_registration{
             "open_denied",
             {"open", "PropertyHandlers\\.jpg", 0x2001F},
-            "[propertyhandler] FAILED to open '" JPG_HANDLER
-            "' for write: error 5 (ACCESS_DENIED - process is not elevated)\n" NOT_OVERRIDDEN,
+            not_opened(JPG_HANDLER, "write: error 5 (ACCESS_DENIED - process is not elevated)") +
+                NOT_OVERRIDDEN,
             true},
         failed_registration{
             "open_otherwise",
             {"open", "PropertyHandlers\\.jpg", 0x2001F, ERROR_SHARING_VIOLATION},
-            "[propertyhandler] FAILED to open '" JPG_HANDLER "' for write: error 32\n" NOT_OVERRIDDEN,
+            not_opened(JPG_HANDLER, "write: error 32") + NOT_OVERRIDDEN,
             true},
         failed_registration{"backup", {"write", "OriginalPropertyHandler"}, OVERRODE, false},
         failed_registration{"lists", {"create", "SystemFileAssociations\\.txt", 0x20006}, OVERRODE, false},
@@ -465,9 +471,8 @@ INSTANTIATE_TEST_SUITE_P(
         failed_registration{
             "infotip_open",
             {"open", "SystemFileAssociations\\.jpg", 0x2001F},
-            OVERRODE "[propertyhandler] FAILED to open '" JPG_LISTS
-                     "' for InfoTip update (ACCESS_DENIED if not elevated)\n" NO_DETAILS NO_DETAILS NO_DETAILS
-                         NO_DETAILS,
+            OVERRODE + not_opened(JPG_LISTS, "InfoTip update (ACCESS_DENIED if not elevated)") + NO_DETAILS +
+                NO_DETAILS + NO_DETAILS + NO_DETAILS,
             false}),
     [](const auto& tested) { return std::string{tested.param.name}; });
 
@@ -499,7 +504,7 @@ TEST_F(PropertyHandler, tells_of_every_write_that_fails)
     EXPECT_THAT(
         output,
         testing::HasSubstr(
-            "[propertyhandler] FAILED to write default CLSID for '.jpg': error 5\n" NOT_OVERRIDDEN));
+            "[propertyhandler] FAILED to write default CLSID for '.jpg': error 5\n" + NOT_OVERRIDDEN));
 }
 
 TEST_F(PropertyHandler, warns_and_goes_on_where_it_is_not_elevated)
@@ -543,6 +548,20 @@ TEST_F(PropertyHandler, fails_to_be_removed_where_its_keys_resist)
 
     planned_fault = {"open", "PropertyHandlers", 0, ERROR_FILE_NOT_FOUND};
     remove();
+}
+
+TEST_F(PropertyHandler, stops_looking_at_a_name_that_is_longer_than_any_extension)
+{
+    install();
+    const auto installed = hive();
+    const import_patch<decltype(RegEnumKeyExA)> patch{
+        GetModuleHandleW(nullptr),
+        "RegEnumKeyExA",
+        [](HKEY, DWORD, LPSTR, LPDWORD, LPDWORD, LPSTR, LPDWORD, PFILETIME) -> LSTATUS {
+            return ERROR_MORE_DATA;
+        }};
+    remove();
+    EXPECT_EQ(hive(), installed);
 }
 
 TEST_F(PropertyHandler, keeps_a_backup_until_it_is_back_in_its_place)

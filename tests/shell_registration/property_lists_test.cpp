@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace custom_actions {
 namespace {
@@ -70,6 +72,9 @@ TEST(FileTypeTables, name_no_override_and_no_extra_for_a_type_without_the_handle
     EXPECT_TRUE(std::ranges::all_of(FORCE_OVERRIDE_EXTENSIONS, has_handler));
     EXPECT_TRUE(std::ranges::all_of(EXTENDED_DETAILS_EXTENSIONS, has_handler));
     EXPECT_EQ(PROPERTY_HANDLER_EXTENSIONS.size(), 64U);
+    for (const auto& [first, second] : {std::pair{".gif", ".gfie"}, std::pair{".log", ".lnx"}}) {
+        EXPECT_EQ(*std::next(std::ranges::find(PROPERTY_HANDLER_EXTENSIONS, first)), second) << "not sorted";
+    }
     EXPECT_EQ(PROPERTY_HANDLER_EXTENSIONS.back(), ".mp3");
 }
 
