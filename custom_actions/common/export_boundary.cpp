@@ -20,6 +20,8 @@ void report_error_record(MSIHANDLE session, const std::wstring& message)
     msi_message(session, INSTALLMESSAGE_ERROR, message);
 }
 
+void report_nothing(MSIHANDLE /*session*/, const std::wstring& /*message*/) noexcept {}
+
 void report_action_line::operator()(MSIHANDLE session, const std::wstring& message) const
 {
     msi_log(session, std::wstring{L"Custom action: "} + label_ + L": " + message);

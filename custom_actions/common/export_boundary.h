@@ -21,6 +21,9 @@ void report_early_close_failure(MSIHANDLE session, const std::wstring& message);
 // The message itself as one error, without a log line.
 void report_error_record(MSIHANDLE session, const std::wstring& message);
 
+// Nothing: the action's code is all that tells of its failure.
+void report_nothing(MSIHANDLE session, const std::wstring& message) noexcept;
+
 // One log line of the action's own, "Custom action: <label>: <message>", for the actions without another
 // family.
 class report_action_line {

@@ -88,6 +88,17 @@ struct kernel_traits {
 
 using kernel_handle = scoped_handle<kernel_traits>;
 
+// Memory that the system gave out by LocalAlloc.
+struct local_memory_traits {
+    using handle_type = void*;
+
+    static bool is_open(handle_type handle) noexcept { return handle != nullptr; }
+
+    static void close(handle_type handle) noexcept { LocalFree(handle); }
+};
+
+using local_memory = scoped_handle<local_memory_traits>;
+
 // An open registry key.
 struct registry_key_traits {
     using handle_type = HKEY;

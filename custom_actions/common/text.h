@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -12,5 +13,10 @@ std::wstring widen(std::string_view text);
 
 // Whether both are the same but for the case of their letters, by the system's own rule for names.
 bool equal_ignoring_case(std::wstring_view left, std::wstring_view right) noexcept;
+
+// The number that `text`, decimal digits and nothing else, stands for. Throws std::invalid_argument "invalid
+// stoul argument" where it is anything else or empty, std::out_of_range "stoul argument out of range" beyond
+// 32 bits.
+std::uint32_t parse_unsigned(std::wstring_view text);
 
 } // namespace custom_actions

@@ -19,4 +19,11 @@ private:
     DWORD code_;
 };
 
+// Throws windows_error with the thread's last error, which must still be that of the call that failed.
+[[noreturn]] inline void throw_last_error(const char* message)
+{
+    const DWORD code = GetLastError();
+    throw windows_error{message, code};
+}
+
 } // namespace custom_actions

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "custom_actions/common/scoped_handle.h"
+
+#include <windows.h>
+
+// The rights to look into processes of other users, each for as long as its scope object lives.
+namespace custom_actions {
+
+// Holds "SeDebugPrivilege", where the process's token has it at all: without it the later steps take the
+// identity of a host's owner. The end of the scope puts the privilege back to its former state.
+class debug_privilege_scope {
+public:
+    // Throws windows_error "Cannot open installer token", "Cannot resolve process inspection privilege" or
+    // "Cannot enable process inspection privilege".
+    debug_privilege_scope();
+    ~debug_privilege_scope();
+
+    debug_privilege_scope(const debug_privilege_scope&) = delete;
+    debug_privilege_scope& operator=(const debug_privilege_scope&) = delete;
+
+private:
+    kernel_handle token_;
+    TOKEN_PRIVILEGES previous_{};
+};
+
+// Lets the current thread act as the interactive user in whose session a process runs, with all of that
+// user's rights. The end of the scope puts the thread's former identity back; where that fails, the process
+// ends at once. No two may live at a time on one thread.
+class host_owner_impersonation {
+public:
+    // `fallback_session` stands for the session of a process that may not be asked for it. Throws
+    // windows_error "Cannot preserve inspection identity", "Cannot obtain host session token for PID <id>",
+    // "Cannot inspect host user token", "Cannot inspect elevated host owner" or "Cannot inspect as host
+    // owner", and std::runtime_error "Cannot resolve interactive owner of host PID <id>" (a process of
+    // session 0, or one that has gone) or "Cannot verify interactive owner of host PID <id>". The thread's
+    // identity is then as it was.
+    host_owner_impersonation(DWORD process, DWORD fallback_session);
+    ~host_owner_impersonation();
+
+    host_owner_impersonation(const host_owner_impersonation&) = delete;
+    host_owner_impersonation& operator=(const host_owner_impersonation&) = delete;
+
+private:
+    void restore_identity() noexcept;
+
+    kernel_handle saved_token_;
+    bool impersonating_ = false;
+    DWORD session_ = 0; // as read back under the user's identity
+};
+
+// Opens a process, as its interactive owner where the caller is denied. An empty handle, with the last error
+// of the last attempt, where that fails. Throws what host_owner_impersonation throws.
+kernel_handle open_process_as_host_owner(DWORD access, DWORD process, DWORD fallback_session);
+
+// The session whose user owns a process: `asked` is what asking for it returned (ERROR_SUCCESS with
+// `session`), and `fallback` stands for a session that may not be asked for. 0 where it is unknown.
+DWORD owner_session(DWORD asked, DWORD session, DWORD fallback) noexcept;
+
+} // namespace custom_actions

@@ -1,0 +1,109 @@
+#include "custom_actions/processes/process_closing.h"
+
+#include "custom_actions/common/scoped_handle.h"
+#include "custom_actions/processes/explorer.h"
+#include "custom_actions/processes/hook_release.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+#include <vector>
+
+namespace custom_actions {
+namespace {
+
+BOOL CALLBACK ask_to_close(HWND window, LPARAM parameter)
+{
+    const auto& processes = *reinterpret_cast<const process_list*>(parameter);
+    DWORD owner = 0;
+    GetWindowThreadProcessId(window, &owner);
+    if (std::ranges::find(processes, owner) == processes.end() || window == GetShellWindow()) {
+        return TRUE;
+    }
+    std::array<wchar_t, 64> window_class{};
+    const int length = GetClassNameW(window, window_class.data(), static_cast<int>(window_class.size()));
+    if (length == 0 || !is_desktop_class(window_class.data())) {
+        PostMessageW(window, WM_CLOSE, 0, 0);
+    }
+    return TRUE;
+}
+
+std::vector<kernel_handle> open_all(const process_list& processes)
+{
+    std::vector<kernel_handle> opened;
+    for (const DWORD process : processes) {
+        if (kernel_handle handle{OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, process)}) {
+            opened.push_back(std::move(handle));
+        }
+    }
+    return opened;
+}
+
+} // namespace
+
+bool is_desktop_class(std::wstring_view window_class) noexcept
+{
+    static constexpr std::array<std::wstring_view, 4> classes{
+        L"Progman", L"WorkerW", L"Shell_TrayWnd", L"Shell_SecondaryTrayWnd"};
+    return std::ranges::find(classes, window_class) != classes.end();
+}
+
+void close_processes(const process_list& processes, DWORD timeout_ms)
+{
+    if (processes.empty()) {
+        return;
+    }
+    EnumWindows(ask_to_close, reinterpret_cast<LPARAM>(&processes));
+    std::vector<kernel_handle> opened = open_all(processes);
+    const ULONGLONG deadline = GetTickCount64() + timeout_ms;
+    for (kernel_handle& process : opened) {
+        const ULONGLONG now = GetTickCount64();
+        const DWORD left = now < deadline ? static_cast<DWORD>(deadline - now) : 0;
+        if (WaitForSingleObject(process.get(), left) != WAIT_OBJECT_0 && TerminateProcess(process.get(), 1)) {
+            WaitForSingleObject(process.get(), 5000);
+        }
+        process = {};
+    }
+}
+
+void log_process_group(const log_callback& log, const std::wstring& label, const process_list& processes)
+{
+    if (!log) {
+        return;
+    }
+    std::wstring line = label + (processes.empty() ? L": none running." : L": closing");
+    for (const DWORD process : processes) {
+        line.append(L" ").append(std::to_wstring(process));
+    }
+    log(line);
+}
+
+UINT close_our_processes(MSIHANDLE session)
+{
+    const std::wstring record = explorer_session_record();
+    for (const wchar_t* property : {L"restore_explorer", L"rollback_explorer"}) {
+        if (MsiSetPropertyW(session, property, record.c_str()) != ERROR_SUCCESS) {
+            return ERROR_INSTALL_FAILURE;
+        }
+    }
+    const log_callback log = [&](const std::wstring& text) {
+        msi_log(session, L"Custom action: close_and_kill_our_processes: " + text);
+    };
+    log(L"Starting...");
+
+    name_list residents = our_process_images();
+    residents.emplace_back(L"Quorbel.SystemTray.exe"); // only here is the tray closed
+    const process_list running = find_processes_by_image(residents, listing::lenient);
+    log_process_group(log, L"Resident processes", running);
+    close_processes(running, 5000);
+
+    const process_list hosts = find_shell_hosts(shell_host_images(), our_shell_modules());
+    log_process_group(log, L"Shell extension hosts", hosts);
+    close_processes(hosts, 1000);
+
+    release_hook(session);
+    log(L"Completed.");
+    return ERROR_SUCCESS;
+}
+
+} // namespace custom_actions

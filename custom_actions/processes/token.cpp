@@ -1,0 +1,48 @@
+#include "custom_actions/processes/token.h"
+
+#include "custom_actions/common/windows_error.h"
+
+#include <sddl.h>
+
+#include <cstddef>
+#include <vector>
+
+namespace custom_actions {
+
+TOKEN_ELEVATION_TYPE token_elevation_type(HANDLE token) noexcept
+{
+    TOKEN_ELEVATION_TYPE type{};
+    DWORD size = 0;
+    if (!GetTokenInformation(token, TokenElevationType, &type, sizeof type, &size)) {
+        return {};
+    }
+    return type;
+}
+
+kernel_handle linked_token(HANDLE token) noexcept
+{
+    TOKEN_LINKED_TOKEN linked{};
+    DWORD size = 0;
+    if (!GetTokenInformation(token, TokenLinkedToken, &linked, sizeof linked, &size)) {
+        return {};
+    }
+    return kernel_handle{linked.LinkedToken};
+}
+
+std::wstring token_user_sid(HANDLE token)
+{
+    DWORD size = 0;
+    GetTokenInformation(token, TokenUser, nullptr, 0, &size);
+    std::vector<std::byte> buffer(size);
+    if (!GetTokenInformation(token, TokenUser, buffer.data(), size, &size)) {
+        throw_last_error("Cannot read Explorer user identity");
+    }
+    wchar_t* text = nullptr;
+    if (!ConvertSidToStringSidW(reinterpret_cast<const TOKEN_USER*>(buffer.data())->User.Sid, &text)) {
+        throw_last_error("Cannot format Explorer user identity");
+    }
+    const local_memory owner{text};
+    return text;
+}
+
+} // namespace custom_actions
