@@ -39,4 +39,13 @@ UINT __stdcall restore_built_in_new_context_menu(MSIHANDLE session);
 // Logs whether Smart App Control is enforcing. Always returns ERROR_SUCCESS.
 UINT __stdcall log_app_control_state(MSIHANDLE session);
 
+// Closes, then ends, the suite's programs and the shell hosts that have its extensions loaded, and leaves the
+// record of Explorer's session in "restore_explorer" and "rollback_explorer". Returns ERROR_INSTALL_FAILURE,
+// without a line, where that record cannot be made or left.
+UINT __stdcall close_and_kill_our_processes(MSIHANDLE session);
+
+// Starts Explorer again as the record in "CustomActionData" says, as that session's user. Returns
+// ERROR_INSTALL_FAILURE, and posts the one error, where that fails.
+UINT __stdcall restore_explorer(MSIHANDLE session);
+
 } // extern "C"

@@ -98,10 +98,49 @@ check "they are all 64" types_are 64
 check "the icon handler of .ico is ours; it, too, had another" default_is "$icon_slot" '{931CC9DD-9E0F-4FA1-AA06-229D0372956A}'
 check "the state of Smart App Control is told" logged "Smart App Control: "
 
-heading "Upgrade to 1.4.2, a minor one"
+# Three programs of the suite, and an Explorer with one of its extensions loaded; each one's exit code tells how it ended.
+start_program() {
+  local name=$1
+  shift
+  {
+    code=0
+    scripts/wine.sh "C:\\Program Files\\Quorbel\\$name" "$@" || code=$?
+    echo "$code" >"$logs/$name.exit"
+  } >/dev/null 2>&1 </dev/null &
+}
+ended_with() {
+  for _ in $(seq 50); do [ -f "$logs/$1.exit" ] && break; sleep 0.1; done
+  [ "$(cat "$logs/$1.exit" 2>/dev/null)" = "$2" ]
+}
+# Windows' own Explorer, in this prefix and not in another of the user's. (Wine starts one by itself as soon as a program
+# needs a desktop; then the action finds it there and starts no second one, as it should.)
+explorer_runs() {
+  local process
+  for process in /proc/[0-9]*; do
+    if tr '\0' ' ' <"$process/cmdline" 2>/dev/null | grep -qiE 'windows.(system32.)?explorer\.exe' &&
+      tr '\0' '\n' <"$process/environ" 2>/dev/null | grep -qx "WINEPREFIX=$PWD/build/wine"; then
+      return 0
+    fi
+  done
+  return 1
+}
+scripts/wine.sh taskkill /f /im explorer.exe >/dev/null 2>&1 </dev/null || true # the prefix's own desktop
+start_program Quorbel.exe
+start_program Quorbel.Comment.exe --window=ignores
+start_program Quorbel.HotkeyHandler.exe --window=none
+cp build/mingw/toy_program.exe "build/wine/drive_c/Program Files/Quorbel/explorer.exe"
+start_program explorer.exe --window=none '--load=C:\Program Files\Quorbel\Quorbel.Plexa.ShellExtension.dll'
+sleep 3
+
+heading "Upgrade to 1.4.2, a minor one, while the suite runs"
 run_msiexec 2-upgrade-1.4.2 /i "$(package 1.4.2)"
 check "the installer succeeded" succeeded
 check "1.4.1 was found in the registry" logged "New: 1.4.2.0 Old: 1.4.1.0"
+check "Quorbel.exe closed by itself" ended_with Quorbel.exe 0
+check "Quorbel.Comment.exe, which ignores the request, was ended" ended_with Quorbel.Comment.exe 1
+check "Quorbel.HotkeyHandler.exe, which has no window, was ended" ended_with Quorbel.HotkeyHandler.exe 1
+check "the Explorer with the extension was ended" ended_with explorer.exe 1
+check "Windows' own Explorer is back" explorer_runs
 check "the upgrade was called minor" logged "Detected MINOR upgrade."
 check "IS_MINOR_UPGRADE was 1" suite_value_is MinorUpgrade 1
 check "the files of 1.4.2 are there" notes_are "Quorbel 1.4.2"
@@ -126,6 +165,7 @@ heading "Remove Quorbel"
 run_msiexec 4-remove /x "$(package 1.5.0)"
 check "the installer succeeded" succeeded
 check "the restart notice was shown" logged "Please restart when it is convenient for you."
+rm -f 'build/wine/drive_c/Program Files/Quorbel/explorer.exe' # the demo's own
 check "nothing is left of the suite" nothing_installed
 check "nor of its registry key" suite_value_is Version ""
 printf '    %s file types carry the property handler\n' "$(types_with_our_handler)"

@@ -2,11 +2,14 @@
 // place counts as a success there, so each step shows what its actions wrote and what they changed.
 
 #include "custom_actions/common/scoped_handle.h"
+#include "custom_actions/processes/explorer.h"
+#include "custom_actions/processes/process_inventory.h"
 #include "custom_actions/shell_registration/file_type_tables.h"
 #include "tests/support/installation.h"
 #include "tests/support/loaded_library.h"
 #include "tests/support/pe_image.h"
 #include "tests/support/registry_sandbox.h"
+#include "tests/support/toy_suite.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -84,6 +87,7 @@ protected:
     {
         if (machine_is_disposable()) {
             remove_traces();
+            end_explorer();
         }
     }
 
@@ -97,6 +101,16 @@ protected:
         RegDeleteTreeW(HKEY_CURRENT_USER, DRIVE.c_str());
     }
 };
+
+constexpr const char* EXPLORER_RESTORED =
+    "Explorer restoration completed for the original interactive session.";
+
+DWORD own_session()
+{
+    DWORD session = 0;
+    ProcessIdToSessionId(GetCurrentProcessId(), &session);
+    return session;
+}
 
 TEST_F(SuiteLife, runs_from_installation_over_two_upgrades_to_removal)
 {
@@ -132,6 +146,10 @@ TEST_F(SuiteLife, runs_from_installation_over_two_upgrades_to_removal)
         ElementsAre("not reported by this Windows build (VerifiedAndReputablePolicyState=absent, "
                     "RegGetValueW returned 2)."));
 
+    const std::wstring folder = L"C:\\Program Files\\Quorbel\\";
+    const toy_process main_program{folder + L"Quorbel.exe"};
+    const toy_process comment{folder + L"Quorbel.Comment.exe", L"--window=ignores"};
+
     const installation minor = run_installer(sample_package(L"1.4.2"));
     EXPECT_EQ(minor.result, 0U);
     EXPECT_THAT(
@@ -142,6 +160,18 @@ TEST_F(SuiteLife, runs_from_installation_over_two_upgrades_to_removal)
             "New: 1.4.2.0 Old: 1.4.1.0",
             "Detected MINOR upgrade."));
     EXPECT_EQ(suite_value(L"Version"), L"1.4.2");
+    EXPECT_THAT(
+        minor.lines_after("Custom action: close_and_kill_our_processes: "),
+        ElementsAre(
+            "Starting...",
+            "Resident processes: closing " + std::to_string(main_program.id()) + " " +
+                std::to_string(comment.id()),
+            "Shell extension hosts: none running.",
+            "Completed."));
+    EXPECT_EQ(main_program.exit_code(), 0U) << "it closed by itself";
+    EXPECT_EQ(comment.exit_code(), 1U);
+    EXPECT_THAT(minor.lines_after("Window Organizer hook hosts released."), ElementsAre(""));
+    EXPECT_THAT(minor.lines_after(EXPLORER_RESTORED), ElementsAre(""));
     EXPECT_EQ(suite_value(L"MinorUpgrade"), L"1");
     EXPECT_EQ(release_notes(), "Quorbel 1.4.2");
 
@@ -188,6 +218,28 @@ TEST_F(SuiteLife, runs_from_installation_over_two_upgrades_to_removal)
         ElementsAre("Restoring built in New (just in case)...", "completed"));
 }
 
+TEST_F(SuiteLife, brings_explorer_back_after_success_and_after_failure)
+{
+    struct {
+        const wchar_t* properties;
+        UINT result;
+    } const runs[]{{L"", 0}, {L"FAIL_ON_PURPOSE=1", ERROR_INSTALL_FAILURE}};
+
+    for (const auto& [properties, result] : runs) {
+        remove_traces();
+        end_explorer();
+        const toy_process explorer{
+            L"explorer.exe", L"--window=none --load=" + toy_library(L"Sorvane.Rate.ShellExtension.dll")};
+        const installation run = run_installer(sample_package(L"1.5.0"), properties);
+        EXPECT_EQ(run.result, result);
+        EXPECT_EQ(explorer.exit_code(), 1U) << "it had an extension of the suite loaded";
+        EXPECT_THAT(run.lines_after(EXPLORER_RESTORED), ElementsAre(""))
+            << "once, forward or in the rollback";
+        EXPECT_TRUE(custom_actions::explorer_running_in_session(own_session()));
+        EXPECT_EQ(suite_value(L"Version").has_value(), result == 0);
+    }
+}
+
 // Two columns of a table of the package, a text and the number that goes with it.
 std::map<std::string, int> package_column(const wchar_t* query)
 {
@@ -214,6 +266,7 @@ TEST(SamplePackage, calls_every_action_that_the_library_exports)
     constexpr int immediate = 1; // a library in the Binary table, as the installing user, its result observed
     constexpr int deferred_as_user = 1 + 1024;
     constexpr int deferred = 1 + 1024 + 2048; // from the script, as LocalSystem
+    constexpr int rollback = deferred + 256;
     const std::map<std::string, int> expected{
         {"check_upgrade_type", immediate},
         {"notify_restart_recommended", immediate},
@@ -223,8 +276,12 @@ TEST(SamplePackage, calls_every_action_that_the_library_exports)
         {"iconhandler_remove_registry", deferred_as_user},
         {"restore_built_in_new_context_menu", deferred_as_user},
         {"log_app_control_state", immediate},
+        {"close_and_kill_our_processes", immediate},
+        {"restore_explorer", deferred},
+        {"rollback_explorer", rollback},
+        {"fail_on_purpose", deferred},
     };
-    EXPECT_EQ(package_column(L"SELECT `Target`, `Type` FROM `CustomAction`"), expected);
+    EXPECT_EQ(package_column(L"SELECT `Action`, `Type` FROM `CustomAction`"), expected);
 
     const auto places = package_column(L"SELECT `Action`, `Sequence` FROM `InstallExecuteSequence`");
     for (const auto& [action, type] : expected) {
@@ -237,9 +294,10 @@ TEST(SamplePackage, calls_every_action_that_the_library_exports)
     EXPECT_LT(places.at("InstallInitialize"), places.at("RemoveExistingProducts"));
     EXPECT_LT(places.at("RemoveExistingProducts"), places.at("ProcessComponents"));
 
+    const auto called = package_column(L"SELECT `Target`, `Type` FROM `CustomAction`");
     const loaded_library library;
     for (const std::string& action : pe_image{library.module()}.exported_names()) {
-        EXPECT_TRUE(expected.contains(action)) << action;
+        EXPECT_TRUE(called.contains(action)) << action;
     }
 }
 

@@ -65,7 +65,15 @@ TEST_F(LibraryImage, needs_nothing_but_the_libraries_of_the_system)
     }
     EXPECT_THAT(
         (std::set<std::string>{
-            "kernel32.dll", "msi.dll", "msvcrt.dll", "advapi32.dll", "shell32.dll", "shlwapi.dll"}),
+            "kernel32.dll",
+            "msi.dll",
+            "msvcrt.dll",
+            "advapi32.dll",
+            "shell32.dll",
+            "shlwapi.dll",
+            "user32.dll",
+            "userenv.dll",
+            "wtsapi32.dll"}),
         IsSupersetOf(needed));
 }
 

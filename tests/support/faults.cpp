@@ -1,0 +1,40 @@
+#include "tests/support/faults.h"
+
+#include "custom_actions/common/scoped_handle.h"
+#include "custom_actions/common/windows_error.h"
+
+#include <gtest/gtest.h>
+
+#include <exception>
+
+namespace test_support {
+std::string thrown_by(const std::function<void()>& call)
+{
+    const DWORD handles = open_handles();
+    std::string thrown;
+    try {
+        call();
+    } catch (const custom_actions::windows_error& error) {
+        thrown = std::string{error.what()} + " (" + std::to_string(error.code()) + ")";
+    } catch (const std::exception& error) {
+        thrown = error.what();
+    }
+    EXPECT_EQ(open_handles(), handles) << thrown;
+    EXPECT_FALSE(thread_is_impersonating()) << thrown;
+    return thrown;
+}
+
+bool thread_is_impersonating()
+{
+    custom_actions::kernel_handle token;
+    return OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()) != FALSE;
+}
+
+DWORD open_handles()
+{
+    DWORD count = 0;
+    GetProcessHandleCount(GetCurrentProcess(), &count);
+    return count;
+}
+
+} // namespace test_support

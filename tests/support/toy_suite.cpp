@@ -1,0 +1,88 @@
+#include "tests/support/toy_suite.h"
+
+#include "custom_actions/processes/process_inventory.h"
+#include "tests/support/child_process.h"
+
+#include <filesystem>
+#include <stdexcept>
+
+namespace test_support {
+namespace {
+
+using custom_actions::kernel_handle;
+
+std::wstring copy_of(const wchar_t* original, const std::wstring& name)
+{
+    const auto folder =
+        std::filesystem::temp_directory_path() / (L"toy-suite-" + std::to_wstring(GetCurrentProcessId()));
+    std::filesystem::create_directories(folder);
+    const auto copy = folder / name;
+    std::filesystem::copy_file(
+        std::filesystem::path{this_program()}.parent_path() / original,
+        copy,
+        std::filesystem::copy_options::skip_existing);
+    return copy;
+}
+
+} // namespace
+
+void end_explorer()
+{
+    using custom_actions::find_processes_by_image;
+    using custom_actions::listing;
+    for (int tries = 0; tries != 100; ++tries) {
+        const auto running = find_processes_by_image({L"explorer.exe"}, listing::strict);
+        if (running.empty()) {
+            return;
+        }
+        for (const DWORD process : running) {
+            const kernel_handle explorer{OpenProcess(PROCESS_TERMINATE, FALSE, process)};
+            TerminateProcess(explorer.get(), 0);
+        }
+        Sleep(50);
+    }
+    throw std::runtime_error{"Explorer does not end"};
+}
+
+std::wstring toy_library(const std::wstring& name)
+{
+    return copy_of(L"toy_extension.dll", name);
+}
+
+toy_process::toy_process(const std::wstring& name, const std::wstring& behaviour)
+{
+    const std::wstring event = L"toy-ready-" + std::to_wstring(GetCurrentProcessId());
+    const kernel_handle ready{CreateEventW(nullptr, TRUE, FALSE, event.c_str())};
+    std::wstring command_line =
+        L'"' + (name.find(L'\\') == std::wstring::npos ? copy_of(L"toy_program.exe", name) : name) +
+        L"\" --ready=" + event + L' ' + behaviour;
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION started{};
+    if (!CreateProcessW(
+            nullptr, command_line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &started)) {
+        throw std::runtime_error{"the toy program does not start"};
+    }
+    process_ = kernel_handle{started.hProcess};
+    id_ = started.dwProcessId;
+    const kernel_handle thread{started.hThread};
+    if (WaitForSingleObject(ready.get(), 20'000) != WAIT_OBJECT_0) {
+        throw std::runtime_error{"the toy program does not get ready"};
+    }
+}
+
+toy_process::~toy_process()
+{
+    TerminateProcess(process_.get(), 99);
+    WaitForSingleObject(process_.get(), 5000);
+}
+
+std::optional<DWORD> toy_process::exit_code(std::chrono::milliseconds limit) const
+{
+    DWORD code = 0;
+    const bool ended =
+        WaitForSingleObject(process_.get(), static_cast<DWORD>(limit.count())) == WAIT_OBJECT_0;
+    return ended && GetExitCodeProcess(process_.get(), &code) ? std::optional{code} : std::nullopt;
+}
+
+} // namespace test_support
