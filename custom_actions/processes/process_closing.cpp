@@ -14,6 +14,7 @@ namespace {
 
 BOOL CALLBACK ask_to_close(HWND window, LPARAM parameter)
 {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): how Windows hands a callback its data
     const auto& processes = *reinterpret_cast<const process_list*>(parameter);
     DWORD owner = 0;
     GetWindowThreadProcessId(window, &owner);

@@ -122,12 +122,12 @@ process_list find_processes_by_image(const name_list& images, listing how)
         throw_last_error("Cannot enumerate processes");
     }
     process_list found;
-    do {
+    for (BOOL more = TRUE; more; more = Process32NextW(snapshot.get(), &entry)) {
         const std::wstring_view image = entry.szExeFile;
         if (std::ranges::any_of(images, [&](const auto& name) { return equal_ignoring_case(image, name); })) {
             found.push_back(entry.th32ProcessID);
         }
-    } while (Process32NextW(snapshot.get(), &entry));
+    }
     if (how == listing::strict && GetLastError() != ERROR_NO_MORE_FILES) {
         throw_last_error("Process enumeration incomplete");
     }
@@ -157,12 +157,12 @@ bool process_has_module(DWORD process, const name_list& patterns, listing how)
     if (!Module32FirstW(snapshot.get(), &entry)) {
         return fail("Cannot read modules for PID ");
     }
-    do {
+    for (BOOL more = TRUE; more; more = Module32NextW(snapshot.get(), &entry)) {
         if (fits_any(entry.szModule, patterns)) {
             return true;
         }
-    } while (Module32NextW(snapshot.get(), &entry));
-    return GetLastError() == ERROR_NO_MORE_FILES ? false : fail("Incomplete modules for PID ");
+    }
+    return GetLastError() != ERROR_NO_MORE_FILES && fail("Incomplete modules for PID ");
 }
 
 process_list find_shell_hosts(const name_list& images, const name_list& patterns)

@@ -23,22 +23,20 @@ struct behaviour {
     DWORD exit_delay_ms = 0;
 };
 
-bool ignores_requests = false;
-
 LRESULT CALLBACK on_message(HWND window, UINT message, WPARAM first, LPARAM second)
 {
     switch (message) {
-    case WM_CLOSE:
-        if (!ignores_requests) {
-            DestroyWindow(window);
-        }
-        return 0;
     case WM_DESTROY:
         PostQuitMessage(0);
         return 0;
     default:
         return DefWindowProcW(window, message, first, second);
     }
+}
+
+LRESULT CALLBACK ignore_close_requests(HWND window, UINT message, WPARAM first, LPARAM second)
+{
+    return message == WM_CLOSE ? 0 : on_message(window, message, first, second);
 }
 
 behaviour read_command_line()
@@ -63,15 +61,14 @@ behaviour read_command_line()
             read.exit_delay_ms = static_cast<DWORD>(std::stoul(value));
         }
     }
-    LocalFree(arguments);
+    LocalFree(static_cast<void*>(arguments));
     return read;
 }
 
 void show_window(HINSTANCE instance, const behaviour& told)
 {
-    ignores_requests = told.window == L"ignores";
     WNDCLASSW window_class{};
-    window_class.lpfnWndProc = on_message;
+    window_class.lpfnWndProc = told.window == L"ignores" ? ignore_close_requests : on_message;
     window_class.hInstance = instance;
     window_class.lpszClassName = told.window_class.c_str();
     RegisterClassW(&window_class);
@@ -92,7 +89,7 @@ void show_window(HINSTANCE instance, const behaviour& told)
 
 } // namespace
 
-int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, LPWSTR, int)
+int WINAPI wWinMain(HINSTANCE instance, HINSTANCE /*previous*/, LPWSTR /*arguments*/, int /*show*/)
 {
     const behaviour told = read_command_line();
     if (!told.library.empty() && LoadLibraryW(told.library.c_str()) == nullptr) {
@@ -102,7 +99,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, LPWSTR, int)
         show_window(instance, told);
     }
     if (!told.ready.empty()) {
-        const HANDLE ready = OpenEventW(EVENT_MODIFY_STATE, FALSE, told.ready.c_str());
+        HANDLE ready = OpenEventW(EVENT_MODIFY_STATE, FALSE, told.ready.c_str());
         SetEvent(ready);
         CloseHandle(ready);
     }
