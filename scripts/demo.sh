@@ -9,7 +9,15 @@ scripts/build.sh
 logs=build/demo
 rm -rf "$logs"
 mkdir -p "$logs"
-trap 'scripts/wine.sh --end' EXIT
+# Whatever became of it: no trace of the demo's own in the prefix, and nothing left running there.
+clean_up() {
+  local key
+  for key in "${handlers:-}\\.jpg" "${icon_slot:-}" "${drive:-}"; do
+    scripts/wine.sh reg delete "$key" /f >/dev/null 2>&1 </dev/null || true
+  done
+  scripts/wine.sh --end
+}
+trap clean_up EXIT
 
 step=0
 held=0

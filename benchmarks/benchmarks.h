@@ -1,0 +1,12 @@
+#pragma once
+
+#include "benchmarks/harness.h"
+
+// The benchmarks: each adds its rows to the report, and throws where something did not run.
+namespace benchmarks {
+
+void measure_property_handler(report& results);
+void measure_icon_sweep(report& results);
+void measure_processes(report& results);
+
+} // namespace benchmarks

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <windows.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+// What the benchmarks share: how a time is taken, and the table that they fill.
+namespace benchmarks {
+
+// How long `work` takes, in milliseconds.
+double milliseconds(const std::function<void()>& work);
+
+// One round of one side of a comparison: prepares what it needs, and returns the times of what it measures,
+// the same number of them in each round.
+using round_of_times = std::function<std::vector<double>()>;
+
+inline constexpr int ROUNDS = 15;
+
+// Lets the sides take turns: a round of each that does not count, then ROUNDS of each, every time with
+// another of them first, so that what else the machine does falls on all alike. Returns for each side the
+// medians of its times.
+std::vector<std::vector<double>> median_times(const std::vector<round_of_times>& sides);
+
+// The rows of the table, printed when all benchmarks have run.
+class report {
+public:
+    // Ours beside the least that the same work costs; the ratio is ours / floor, which `most` bounds.
+    void against_floor(const std::string& what, double ours, double floor, double most);
+
+    // Ours beside another way to the same end; the ratio is peer / ours, which `least` bounds.
+    void against_peer(const std::string& what, double ours, double peer, double least);
+
+    // As above where there is nothing to reach: a figure that explains another.
+    void beside_peer(const std::string& what, double ours, double peer);
+
+    // A line below the table.
+    void note(const std::string& text) { notes_.push_back(text); }
+
+    void print() const;
+
+private:
+    struct row {
+        std::string what;
+        double ours;
+        double against;
+        double ratio;
+        std::string aim;
+        std::string met;
+    };
+
+    std::vector<row> rows_;
+    std::vector<std::string> notes_;
+};
+
+// A number with as many decimals as the table shows.
+std::string shown(double number);
+
+// Sends standard output to a file while it lives.
+class redirected_output {
+public:
+    // Throws std::system_error where it cannot be sent there.
+    explicit redirected_output(const std::string& path);
+    ~redirected_output();
+
+    redirected_output(const redirected_output&) = delete;
+    redirected_output& operator=(const redirected_output&) = delete;
+
+private:
+    int before_;
+};
+
+// Throws std::system_error where the result (of the registry, of the installer) is not ERROR_SUCCESS.
+void require(LSTATUS result, const char* what);
+void require(UINT result, const char* what);
+
+} // namespace benchmarks

@@ -1,0 +1,211 @@
+#include "benchmarks/scratch_package.h"
+
+#include "benchmarks/harness.h"
+#include "custom_actions/common/scoped_handle.h"
+#include "tests/support/child_process.h"
+
+#include <windows.h>
+#include <msi.h>
+#include <msiquery.h>
+#include <wtypes.h>
+
+#include <array>
+#include <filesystem>
+#include <utility>
+
+namespace benchmarks {
+namespace {
+
+// MsiCloseHandle closes every kind of the installer's handles.
+using installer_handle = custom_actions::record_handle;
+
+constexpr int DEFERRED_LIBRARY_ACTION_AS_SYSTEM = 3073;
+
+// The least that installs and can be removed: a component whose key path is a registry value.
+constexpr const wchar_t* SMALLEST_PACKAGE[]{
+    L"CREATE TABLE `Property` (`Property` CHAR(72) NOT NULL, `Value` LONGCHAR NOT NULL PRIMARY KEY "
+    L"`Property`)",
+    L"CREATE TABLE `Directory` (`Directory` CHAR(72) NOT NULL, `Directory_Parent` CHAR(72), `DefaultDir` "
+    L"CHAR(255) NOT NULL PRIMARY KEY `Directory`)",
+    L"CREATE TABLE `Component` (`Component` CHAR(72) NOT NULL, `ComponentId` CHAR(38), `Directory_` CHAR(72) "
+    L"NOT NULL, `Attributes` SHORT NOT NULL, `Condition` CHAR(255), `KeyPath` CHAR(72) PRIMARY KEY "
+    L"`Component`)",
+    L"CREATE TABLE `Feature` (`Feature` CHAR(38) NOT NULL, `Feature_Parent` CHAR(38), `Title` CHAR(64), "
+    L"`Description` CHAR(255), `Display` SHORT, `Level` SHORT NOT NULL, `Directory_` CHAR(72), `Attributes` "
+    L"SHORT NOT NULL PRIMARY KEY `Feature`)",
+    L"CREATE TABLE `FeatureComponents` (`Feature_` CHAR(38) NOT NULL, `Component_` CHAR(72) NOT NULL PRIMARY "
+    L"KEY `Feature_`, `Component_`)",
+    L"CREATE TABLE `Registry` (`Registry` CHAR(72) NOT NULL, `Root` SHORT NOT NULL, `Key` CHAR(255) NOT "
+    L"NULL, "
+    L"`Name` CHAR(255), `Value` CHAR(0), `Component_` CHAR(72) NOT NULL PRIMARY KEY `Registry`)",
+    L"CREATE TABLE `InstallExecuteSequence` (`Action` CHAR(72) NOT NULL, `Condition` CHAR(255), `Sequence` "
+    L"SHORT PRIMARY KEY `Action`)",
+    L"CREATE TABLE `CustomAction` (`Action` CHAR(72) NOT NULL, `Type` SHORT NOT NULL, `Source` CHAR(72), "
+    L"`Target` CHAR(255) PRIMARY KEY `Action`)",
+    L"CREATE TABLE `Binary` (`Name` CHAR(72) NOT NULL, `Data` OBJECT NOT NULL PRIMARY KEY `Name`)",
+
+    L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('ProductName', 'Quorbel benchmark')",
+    L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('ProductVersion', '1.0.0')",
+    L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('ProductLanguage', '1033')",
+    L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('Manufacturer', 'Brenmoor')",
+    L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('ALLUSERS', '1')",
+    L"INSERT INTO `Directory` (`Directory`, `DefaultDir`) VALUES ('TARGETDIR', 'SourceDir')",
+    // 64-bit, with a registry value for its key path.
+    L"INSERT INTO `Component` (`Component`, `ComponentId`, `Directory_`, `Attributes`, `KeyPath`) VALUES "
+    L"('registration', '{0C4B1F5E-6B0A-4D29-9C0B-53D5A1C7E301}', 'TARGETDIR', 260, 'key_path')",
+    L"INSERT INTO `Feature` (`Feature`, `Level`, `Attributes`) VALUES ('registration', 1, 0)",
+    L"INSERT INTO `FeatureComponents` (`Feature_`, `Component_`) VALUES ('registration', 'registration')",
+    L"INSERT INTO `Registry` (`Registry`, `Root`, `Key`, `Name`, `Value`, `Component_`) VALUES ('key_path', "
+    L"2, "
+    L"'SOFTWARE\\Brenmoor\\Quorbel benchmark', 'Installed', 'yes', 'registration')",
+};
+
+// The standard actions where the installer's own templates have them.
+constexpr std::pair<const wchar_t*, int> STANDARD_ACTIONS[]{
+    {L"CostInitialize", 800},
+    {L"FileCost", 900},
+    {L"CostFinalize", 1000},
+    {L"InstallValidate", 1400},
+    {L"InstallInitialize", 1500},
+    {L"ProcessComponents", 1600},
+    {L"UnpublishFeatures", 1800},
+    {L"RemoveRegistryValues", 2600},
+    {L"WriteRegistryValues", 5000},
+    {L"RegisterProduct", 6100},
+    {L"PublishFeatures", 6300},
+    {L"PublishProduct", 6400},
+    {L"InstallFinalize", 6600},
+};
+constexpr int AFTER_WRITE_REGISTRY_VALUES = 5001;
+
+// Each question mark of the statement takes the field of `record` with its number.
+void run_query(MSIHANDLE database, const std::wstring& sql, MSIHANDLE record = 0)
+{
+    installer_handle view;
+    require(MsiDatabaseOpenViewW(database, sql.c_str(), view.put()), "MsiDatabaseOpenViewW");
+    require(MsiViewExecute(view.get(), record), "MsiViewExecute");
+}
+
+void describe_package(MSIHANDLE database, const std::wstring& package_code)
+{
+    installer_handle summary;
+    require(MsiGetSummaryInformationW(database, nullptr, 4, summary.put()), "MsiGetSummaryInformationW");
+    const auto set = [&](UINT property, UINT type, int number, const wchar_t* text) {
+        require(
+            MsiSummaryInfoSetPropertyW(summary.get(), property, type, number, nullptr, text),
+            "MsiSummaryInfoSetPropertyW");
+    };
+    set(7, VT_LPSTR, 0, L"x64;1033");
+    set(9, VT_LPSTR, 0, package_code.c_str());
+    set(14, VT_I4, 200, nullptr); // the version of the installer that it needs
+    set(15, VT_I4, 2, nullptr);   // compressed, long names
+    require(MsiSummaryInfoPersist(summary.get()), "MsiSummaryInfoPersist");
+}
+
+void add_sequence(MSIHANDLE database)
+{
+    for (const auto& [action, number] : STANDARD_ACTIONS) {
+        run_query(
+            database,
+            std::wstring{L"INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('"} + action +
+                L"', " + std::to_wstring(number) + L")");
+    }
+}
+
+void add_rows(MSIHANDLE database, const std::vector<registry_row>& rows)
+{
+    const installer_handle record{MsiCreateRecord(4)};
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        MsiRecordSetStringW(record.get(), 1, (L"row" + std::to_wstring(i)).c_str());
+        MsiRecordSetStringW(record.get(), 2, rows[i].key.c_str());
+        MsiRecordSetStringW(record.get(), 3, rows[i].name.c_str());
+        MsiRecordSetStringW(record.get(), 4, rows[i].text.c_str());
+        run_query(
+            database,
+            L"INSERT INTO `Registry` (`Registry`, `Root`, `Key`, `Name`, `Value`, `Component_`) VALUES "
+            L"(?, 2, ?, ?, ?, 'registration')",
+            record.get());
+    }
+}
+
+void add_library(MSIHANDLE database)
+{
+    const std::filesystem::path program{test_support::this_program()};
+    const std::wstring library = program.parent_path() / L"custom_actions.dll";
+    const installer_handle record{MsiCreateRecord(1)};
+    require(MsiRecordSetStreamW(record.get(), 1, library.c_str()), "cannot read the library");
+    run_query(database, L"INSERT INTO `Binary` (`Name`, `Data`) VALUES ('library', ?)", record.get());
+}
+
+void add_action(MSIHANDLE database, const std::wstring& action, int number)
+{
+    run_query(
+        database,
+        L"INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('" + action + L"', " +
+            std::to_wstring(DEFERRED_LIBRARY_ACTION_AS_SYSTEM) + L", 'library', '" + action + L"')");
+    run_query(
+        database,
+        L"INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('" + action +
+            L"', 'NOT REMOVE', " + std::to_wstring(number) + L")");
+}
+
+std::wstring scratch_file()
+{
+    std::array<wchar_t, MAX_PATH> folder{};
+    std::array<wchar_t, MAX_PATH> file{};
+    GetTempPathW(static_cast<DWORD>(folder.size()), folder.data());
+    GetTempFileNameW(folder.data(), L"qbl", 0, file.data());
+    return file.data();
+}
+
+UINT remove_product(const std::wstring& product_code)
+{
+    return MsiConfigureProductW(product_code.c_str(), INSTALLLEVEL_DEFAULT, INSTALLSTATE_ABSENT);
+}
+
+} // namespace
+
+scratch_package::scratch_package(std::wstring product_code, const package_content& content)
+    : product_code_{std::move(product_code)}, path_{scratch_file()}
+{
+    MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
+    remove_product(product_code_);
+
+    installer_handle database;
+    require(MsiOpenDatabaseW(path_.c_str(), MSIDBOPEN_CREATE, database.put()), "MsiOpenDatabaseW");
+    describe_package(database.get(), product_code_);
+    for (const wchar_t* statement : SMALLEST_PACKAGE) {
+        run_query(database.get(), statement);
+    }
+    run_query(
+        database.get(),
+        L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('ProductCode', '" + product_code_ + L"')");
+    add_sequence(database.get());
+    add_rows(database.get(), content.rows);
+    if (!content.actions.empty()) {
+        add_library(database.get());
+    }
+    int number = AFTER_WRITE_REGISTRY_VALUES;
+    for (const std::wstring& action : content.actions) {
+        add_action(database.get(), action, number++);
+    }
+    require(MsiDatabaseCommit(database.get()), "MsiDatabaseCommit");
+}
+
+scratch_package::~scratch_package()
+{
+    remove_product(product_code_);
+    DeleteFileW(path_.c_str());
+}
+
+void scratch_package::install() const
+{
+    require(MsiInstallProductW(path_.c_str(), L""), "cannot install a package");
+}
+
+void scratch_package::remove() const
+{
+    require(remove_product(product_code_), "cannot remove a package");
+}
+
+} // namespace benchmarks
