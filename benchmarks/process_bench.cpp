@@ -30,7 +30,7 @@ process_list start(std::deque<toy_process>& programs, int count, const std::wstr
 
 void bare_snapshot()
 {
-    const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
     PROCESSENTRY32W entry{};
     entry.dwSize = sizeof entry;
     for (BOOL more = Process32FirstW(snapshot, &entry); more; more = Process32NextW(snapshot, &entry)) {
@@ -100,7 +100,7 @@ void measure_processes(report& results)
     results.against_floor("processes: closing 40 that close at once", closing[0], closing[1], 1.05);
     // Three that may take 5 seconds each to be gone after the time for all is over.
     const auto mixed = median_times({[] { return close_at_once(20, 3, 1000); }}).front();
-    results.against_floor("processes: closing 20 and 3 that do not listen", mixed[0], 1000 + 3 * 5000, 1.0);
+    results.against_floor("processes: closing 20 and 3 that do not listen", mixed[0], 1000 + (3 * 5000), 1.0);
 }
 
 } // namespace benchmarks

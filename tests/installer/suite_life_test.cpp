@@ -237,6 +237,9 @@ TEST_F(SuiteLife, brings_explorer_back_after_success_and_after_failure)
             << "once, forward or in the rollback";
         EXPECT_TRUE(custom_actions::explorer_running_in_session(own_session()));
         EXPECT_EQ(suite_value(L"Version").has_value(), result == 0);
+        EXPECT_EQ(types_with_our_handler(), result == 0 ? 64U : 0U)
+            << "a failure leaves no registration behind";
+        EXPECT_EQ(user_value(ICON_SLOT).has_value(), result == 0);
     }
 }
 
@@ -279,6 +282,8 @@ TEST(SamplePackage, calls_every_action_that_the_library_exports)
         {"close_and_kill_our_processes", immediate},
         {"restore_explorer", deferred},
         {"rollback_explorer", rollback},
+        {"rollback_property_handler", rollback},
+        {"rollback_icon_handler", deferred_as_user + 256},
         {"fail_on_purpose", deferred},
     };
     EXPECT_EQ(package_column(L"SELECT `Action`, `Type` FROM `CustomAction`"), expected);
