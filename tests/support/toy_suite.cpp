@@ -51,7 +51,9 @@ std::wstring toy_library(const std::wstring& name)
 
 toy_process::toy_process(const std::wstring& name, const std::wstring& behaviour)
 {
-    const std::wstring event = L"toy-ready-" + std::to_wstring(GetCurrentProcessId());
+    static unsigned started_before = 0; // the program before may still hold its event
+    const std::wstring event =
+        L"toy-ready-" + std::to_wstring(GetCurrentProcessId()) + L'-' + std::to_wstring(++started_before);
     const kernel_handle ready{CreateEventW(nullptr, TRUE, FALSE, event.c_str())};
     std::wstring command_line =
         L'"' + (name.find(L'\\') == std::wstring::npos ? copy_of(L"toy_program.exe", name) : name) +
