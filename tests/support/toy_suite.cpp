@@ -5,18 +5,43 @@
 
 #include <filesystem>
 #include <stdexcept>
+#include <system_error>
 
 namespace test_support {
 namespace {
 
 using custom_actions::kernel_handle;
 
+// A folder of this process's own, empty at first and gone in the end. (A process id comes again, and with it
+// the folder of a process that was ended.)
+class toy_folder {
+public:
+    toy_folder()
+    {
+        std::filesystem::remove_all(path_);
+        std::filesystem::create_directories(path_);
+    }
+
+    ~toy_folder()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+
+    toy_folder(const toy_folder&) = delete;
+    toy_folder& operator=(const toy_folder&) = delete;
+
+    [[nodiscard]] const std::filesystem::path& path() const noexcept { return path_; }
+
+private:
+    std::filesystem::path path_ =
+        std::filesystem::temp_directory_path() / (L"toy-suite-" + std::to_wstring(GetCurrentProcessId()));
+};
+
 std::wstring copy_of(const wchar_t* original, const std::wstring& name)
 {
-    const auto folder =
-        std::filesystem::temp_directory_path() / (L"toy-suite-" + std::to_wstring(GetCurrentProcessId()));
-    std::filesystem::create_directories(folder);
-    const auto copy = folder / name;
+    static const toy_folder folder;
+    const auto copy = folder.path() / name;
     std::filesystem::copy_file(
         std::filesystem::path{this_program()}.parent_path() / original,
         copy,
