@@ -133,23 +133,6 @@ TEST_F(Explorer, comes_back_for_the_recorded_user)
     EXPECT_EQ(fault.calls(), 0U) << "it is there already";
 }
 
-std::optional<TOKEN_ELEVATION_TYPE> played_elevation;
-import_patch<decltype(GetTokenInformation)>* token_patch = nullptr;
-
-BOOL WINAPI
-play_elevation(HANDLE token, TOKEN_INFORMATION_CLASS what, LPVOID answer, DWORD size, PDWORD needed)
-{
-    if (what == TokenElevationType && played_elevation) {
-        *static_cast<TOKEN_ELEVATION_TYPE*>(answer) = *played_elevation;
-        return TRUE;
-    }
-    if (what == TokenElevationType || what == TokenLinkedToken) {
-        SetLastError(ERROR_ACCESS_DENIED);
-        return FALSE;
-    }
-    return token_patch->original()(token, what, answer, size, needed);
-}
-
 UINT WINAPI long_windows_directory(LPWSTR, UINT)
 {
     return 260;
@@ -179,12 +162,20 @@ TEST_F(Explorer, is_not_started_where_anything_fails_and_tells_what)
         THROWN_WITH(restart, CreateProcessAsUserW, FALSE, {ERROR_PRIVILEGE_NOT_HELD}),
         "Cannot restart Explorer as the interactive user (1314)");
     {
-        import_patch<decltype(GetTokenInformation)> patch{
-            module_under_test(), "GetTokenInformation", play_elevation};
-        token_patch = &patch;
-        played_elevation.reset();
+        std::optional<TOKEN_ELEVATION_TYPE> elevation;
+        const test_support::intercepted_import<"GetTokenInformation", decltype(GetTokenInformation)> patch{
+            module_under_test(),
+            [&](HANDLE, TOKEN_INFORMATION_CLASS what, LPVOID answer, DWORD, PDWORD) -> std::optional<BOOL> {
+                if (what == TokenElevationType && elevation) {
+                    *static_cast<TOKEN_ELEVATION_TYPE*>(answer) = *elevation;
+                    return TRUE;
+                }
+                SetLastError(ERROR_ACCESS_DENIED);
+                return what == TokenElevationType || what == TokenLinkedToken ? std::optional{FALSE}
+                                                                              : std::nullopt;
+            }};
         EXPECT_EQ(thrown_by(restart), "Cannot inspect Explorer token elevation (5)");
-        played_elevation = TokenElevationTypeFull;
+        elevation = TokenElevationTypeFull;
         EXPECT_EQ(thrown_by(restart), "Cannot obtain filtered Explorer token (5)");
     }
     EXPECT_FALSE(explorer_running_in_session(own_session()));

@@ -10,6 +10,7 @@
 #include <wtsapi32.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace custom_actions {
@@ -93,20 +94,18 @@ TEST(HostOwner, tells_of_every_call_that_fails)
         about("Cannot verify interactive owner of host PID "));
 }
 
-BOOL WINAPI limited_token(HANDLE, TOKEN_INFORMATION_CLASS what, LPVOID answer, DWORD, PDWORD)
-{
-    if (what == TokenElevationType) {
-        *static_cast<TOKEN_ELEVATION_TYPE*>(answer) = TokenElevationTypeLimited;
-        return TRUE;
-    }
-    SetLastError(ERROR_NO_SUCH_LOGON_SESSION);
-    return FALSE;
-}
-
 TEST(HostOwner, needs_the_full_token_of_a_limited_user)
 {
-    const test_support::import_patch<decltype(GetTokenInformation)> patch{
-        module_under_test(), "GetTokenInformation", limited_token};
+    const test_support::intercepted_import<"GetTokenInformation", decltype(GetTokenInformation)> patch{
+        module_under_test(),
+        [](HANDLE, TOKEN_INFORMATION_CLASS what, LPVOID answer, DWORD, PDWORD) -> std::optional<BOOL> {
+            if (what == TokenElevationType) {
+                *static_cast<TOKEN_ELEVATION_TYPE*>(answer) = TokenElevationTypeLimited;
+                return TRUE;
+            }
+            SetLastError(ERROR_NO_SUCH_LOGON_SESSION);
+            return FALSE;
+        }};
     EXPECT_EQ(thrown_by(look_as_owner), "Cannot inspect elevated host owner (1312)");
 }
 

@@ -11,6 +11,7 @@
 #include <tlhelp32.h>
 
 #include <deque>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,8 +20,6 @@ namespace custom_actions {
 namespace {
 
 using namespace std::chrono_literals;
-using test_support::failing_import;
-using test_support::import_patch;
 using test_support::installer_call;
 using test_support::toy_library;
 using test_support::toy_process;
@@ -208,18 +207,12 @@ TEST_F(SuiteClosing, names_the_programs_that_keep_the_hook)
     EXPECT_FALSE(bystander.exit_code()) << "nobody else's program is ended";
 }
 
-HANDLE(WINAPI* real_snapshot)(DWORD, DWORD) = nullptr;
-
-HANDLE WINAPI no_thread_snapshot(DWORD flags, DWORD process)
-{
-    return flags == TH32CS_SNAPTHREAD ? INVALID_HANDLE_VALUE : real_snapshot(flags, process);
-}
-
 TEST_F(SuiteClosing, completes_where_the_release_cannot_be_verified)
 {
-    const import_patch<decltype(CreateToolhelp32Snapshot)> patch{
-        module_under_test(), "CreateToolhelp32Snapshot", no_thread_snapshot};
-    real_snapshot = patch.original();
+    const test_support::intercepted_import<"CreateToolhelp32Snapshot", decltype(CreateToolhelp32Snapshot)>
+        patch{module_under_test(), [](DWORD flags, DWORD) {
+                  return flags == TH32CS_SNAPTHREAD ? std::optional{INVALID_HANDLE_VALUE} : std::nullopt;
+              }};
     const auto lines = close();
     EXPECT_EQ(lines.at(3), L"Could not verify Window Organizer hook release.");
     EXPECT_EQ(lines.back(), L": Completed.");

@@ -4,7 +4,7 @@
 #include "custom_actions/shell_registration/drive_icons.h"
 #include "custom_actions/shell_registration/icon_handler.h"
 #include "custom_actions/shell_registration/new_menu.h"
-#include "tests/support/import_patch.h"
+#include "tests/support/failing_import.h"
 #include "tests/support/registry_sandbox.h"
 #include "tests/support/scripted_session.h"
 
@@ -23,6 +23,7 @@ namespace {
 
 using test_support::dump_registry;
 using test_support::import_patch;
+using test_support::intercepted_import;
 using test_support::planted_value;
 using test_support::posted_message;
 using test_support::registry_text;
@@ -58,27 +59,12 @@ HRESULT size_answer = S_FALSE;
 HRESULT text_answer = S_OK;
 std::vector<LONG> notifications;
 
-struct patched_calls;
-extern std::optional<patched_calls> patched;
-
-LSTATUS fault_of(std::wstring_view path, REGSAM access)
+std::optional<LSTATUS> fault_of(std::wstring_view path, REGSAM access)
 {
-    const bool planned =
+    const bool fails =
         planned_fault && path.ends_with(planned_fault->path_end) && access == planned_fault->access;
-    return planned ? planned_fault->code : ERROR_SUCCESS;
+    return fails ? std::optional{planned_fault->code} : std::nullopt;
 }
-
-LSTATUS WINAPI open_key(HKEY parent, LPCWSTR path, DWORD options, REGSAM access, PHKEY key);
-LSTATUS WINAPI create_key(
-    HKEY parent,
-    LPCWSTR path,
-    DWORD reserved,
-    LPWSTR key_class,
-    DWORD options,
-    REGSAM access,
-    LPSECURITY_ATTRIBUTES security,
-    PHKEY key,
-    LPDWORD disposition);
 
 HRESULT WINAPI query_association(ASSOCF flags, ASSOCSTR what, LPCWSTR, LPCWSTR, LPWSTR text, DWORD* length)
 {
@@ -102,46 +88,14 @@ void WINAPI notify_shell(LONG event, UINT flags, LPCVOID first, LPCVOID second)
     notifications.push_back(event);
 }
 
-struct patched_calls {
-    HMODULE module = GetModuleHandleW(nullptr);
-    import_patch<decltype(RegOpenKeyExW)> open{module, "RegOpenKeyExW", open_key};
-    import_patch<decltype(RegCreateKeyExW)> create{module, "RegCreateKeyExW", create_key};
-    import_patch<decltype(AssocQueryStringW)> query{module, "AssocQueryStringW", query_association};
-    import_patch<decltype(SHChangeNotify)> notify{module, "SHChangeNotify", notify_shell};
-};
-
-std::optional<patched_calls> patched;
-
-LSTATUS WINAPI open_key(HKEY parent, LPCWSTR path, DWORD options, REGSAM access, PHKEY key)
+std::optional<LSTATUS> answer_open(HKEY parent, LPCWSTR path, DWORD options, REGSAM access, PHKEY key)
 {
-    if (const LSTATUS fault = fault_of(path, access); fault != ERROR_SUCCESS) {
-        return fault;
-    }
     if (parent != HKEY_CLASSES_ROOT) {
-        return patched->open.original()(parent, path, options, access, key);
+        return fault_of(path, access);
     }
     classes_root_accesses.push_back(access);
     const std::wstring redirected = std::wstring{CLASSES_ROOT} + L'\\' + path;
-    return patched->open.original()(HKEY_CURRENT_USER, redirected.c_str(), options, access, key);
-}
-
-LSTATUS WINAPI create_key(
-    HKEY parent,
-    LPCWSTR path,
-    DWORD reserved,
-    LPWSTR key_class,
-    DWORD options,
-    REGSAM access,
-    LPSECURITY_ATTRIBUTES security,
-    PHKEY key,
-    LPDWORD disposition)
-{
-    EXPECT_EQ(parent, HKEY_CURRENT_USER) << "nothing else is written";
-    const LSTATUS fault = fault_of(path, access);
-    return fault != ERROR_SUCCESS
-               ? fault
-               : patched->create.original()(
-                     parent, path, reserved, key_class, options, access, security, key, disposition);
+    return RegOpenKeyExW(HKEY_CURRENT_USER, redirected.c_str(), options, access, key);
 }
 
 class IconHandler : public testing::Test {
@@ -156,14 +110,9 @@ protected:
         plant(CLASSES + LR"(ico.first\DefaultIcon)", L"", L"first.ico");
         plant(ASSOCIATIONS + L".ini", L"somebody's", L"value");
         plant(ASSOCIATIONS + L".ico", L"somebody's", L"value");
-        patched.emplace();
     }
 
-    ~IconHandler() override
-    {
-        patched.reset();
-        planned_fault.reset();
-    }
+    ~IconHandler() override { planned_fault.reset(); }
 
     static void plant(const std::wstring& path, const wchar_t* name, std::wstring_view text)
     {
@@ -199,6 +148,24 @@ protected:
 
     test_support::registry_sandbox user{HKEY_CURRENT_USER};
     test_support::scripted_session session{GetModuleHandleW(nullptr)};
+    HMODULE program = GetModuleHandleW(nullptr);
+    intercepted_import<"RegOpenKeyExW", decltype(RegOpenKeyExW)> opens{program, answer_open};
+    intercepted_import<"RegCreateKeyExW", decltype(RegCreateKeyExW)> creates{
+        program,
+        [](HKEY parent,
+           LPCWSTR path,
+           DWORD,
+           LPWSTR,
+           DWORD,
+           REGSAM access,
+           LPSECURITY_ATTRIBUTES,
+           PHKEY,
+           LPDWORD) {
+            EXPECT_EQ(parent, HKEY_CURRENT_USER) << "nothing else is written";
+            return fault_of(path, access);
+        }};
+    import_patch<decltype(AssocQueryStringW)> query{program, "AssocQueryStringW", query_association};
+    import_patch<decltype(SHChangeNotify)> notify{program, "SHChangeNotify", notify_shell};
 };
 
 const posted_message REMOVED{

@@ -2,7 +2,7 @@
 
 #include "custom_actions/shell_registration/file_type_tables.h"
 #include "custom_actions/shell_registration/property_handler.h"
-#include "tests/support/import_patch.h"
+#include "tests/support/failing_import.h"
 #include "tests/support/registry_sandbox.h"
 #include "tests/support/scripted_session.h"
 
@@ -21,6 +21,7 @@ namespace {
 
 using test_support::dump_registry;
 using test_support::import_patch;
+using test_support::intercepted_import;
 using test_support::plant_value;
 using test_support::planted_value;
 using test_support::posted_message;
@@ -58,106 +59,26 @@ struct registry_fault {
 std::optional<registry_fault> planned_fault; // what is to fail as long as it stands
 std::vector<std::string> registry_calls;     // "open 20019 path", ... of the code under test
 
-LSTATUS fault_of(const std::string& call, std::string_view subject, REGSAM access = 0)
-{
-    if (planned_fault && planned_fault->call == call && subject.ends_with(planned_fault->subject) &&
-        (planned_fault->access == 0 || planned_fault->access == access)) {
-        return planned_fault->code;
-    }
-    return ERROR_SUCCESS;
-}
-
-void note_call(const char* call, REGSAM access, const char* path)
+std::optional<LSTATUS> answer(const char* call, REGSAM access, std::string_view subject)
 {
     std::ostringstream text;
-    text << call << ' ' << std::hex << std::uppercase << access << ' ' << path;
+    text << call << ' ' << std::hex << std::uppercase << access << ' ' << subject;
     registry_calls.push_back(text.str());
-}
-
-LSTATUS WINAPI open_key(HKEY parent, LPCSTR path, DWORD options, REGSAM access, PHKEY key);
-LSTATUS WINAPI create_key(
-    HKEY parent,
-    LPCSTR path,
-    DWORD reserved,
-    LPSTR key_class,
-    DWORD options,
-    REGSAM access,
-    LPSECURITY_ATTRIBUTES security,
-    PHKEY key,
-    LPDWORD disposition);
-LSTATUS WINAPI write_value(HKEY key, LPCSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size);
-LSTATUS WINAPI delete_key(HKEY key, LPCSTR name);
-
-struct patched_registry {
-    HMODULE module = GetModuleHandleW(nullptr);
-    import_patch<decltype(RegOpenKeyExA)> open{module, "RegOpenKeyExA", open_key};
-    import_patch<decltype(RegCreateKeyExA)> create{module, "RegCreateKeyExA", create_key};
-    import_patch<decltype(RegSetValueExA)> write{module, "RegSetValueExA", write_value};
-    import_patch<decltype(RegDeleteKeyA)> erase{module, "RegDeleteKeyA", delete_key};
-};
-
-std::optional<patched_registry> patched;
-
-LSTATUS WINAPI open_key(HKEY parent, LPCSTR path, DWORD options, REGSAM access, PHKEY key)
-{
-    note_call("open", access, path);
-    const LSTATUS fault = fault_of("open", path, access);
-    return fault != ERROR_SUCCESS ? fault : patched->open.original()(parent, path, options, access, key);
-}
-
-LSTATUS WINAPI create_key(
-    HKEY parent,
-    LPCSTR path,
-    DWORD reserved,
-    LPSTR key_class,
-    DWORD options,
-    REGSAM access,
-    LPSECURITY_ATTRIBUTES security,
-    PHKEY key,
-    LPDWORD disposition)
-{
-    note_call("create", access, path);
-    const LSTATUS fault = fault_of("create", path, access);
-    return fault != ERROR_SUCCESS
-               ? fault
-               : patched->create.original()(
-                     parent, path, reserved, key_class, options, access, security, key, disposition);
-}
-
-LSTATUS WINAPI write_value(HKEY key, LPCSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size)
-{
-    note_call("write", size, name);
-    const LSTATUS fault = fault_of("write", name);
-    return fault != ERROR_SUCCESS ? fault : patched->write.original()(key, name, reserved, type, data, size);
-}
-
-LSTATUS WINAPI delete_key(HKEY key, LPCSTR name)
-{
-    note_call("delete", 0, name);
-    const LSTATUS fault = fault_of("delete", name);
-    return fault != ERROR_SUCCESS ? fault : patched->erase.original()(key, name);
-}
-
-BOOL WINAPI under_wow64(HANDLE, PBOOL answer)
-{
-    *answer = TRUE;
-    return TRUE;
+    const bool fails = planned_fault && planned_fault->call == call &&
+                       subject.ends_with(planned_fault->subject) &&
+                       (planned_fault->access == 0 || planned_fault->access == access);
+    return fails ? std::optional{planned_fault->code} : std::nullopt;
 }
 
 class PropertyHandler : public testing::Test {
 protected:
     PropertyHandler()
     {
-        patched.emplace();
         plant_value(HKEY_LOCAL_MACHINE, HANDLERS, L"somebody's", registry_text(L"value"));
         plant_value(HKEY_LOCAL_MACHINE, ASSOCIATIONS, L"somebody's", registry_text(L"value"));
     }
 
-    ~PropertyHandler() override
-    {
-        planned_fault.reset();
-        patched.reset();
-    }
+    ~PropertyHandler() override { planned_fault.reset(); }
 
     // Each returns what the action wrote to standard output.
     std::string install() { return run(register_property_handler, ERROR_SUCCESS); }
@@ -197,6 +118,19 @@ protected:
 
     test_support::registry_sandbox machine{HKEY_LOCAL_MACHINE};
     test_support::scripted_session session{GetModuleHandleW(nullptr)};
+    HMODULE program = GetModuleHandleW(nullptr);
+    intercepted_import<"RegOpenKeyExA", decltype(RegOpenKeyExA)> opens{
+        program, [](HKEY, LPCSTR path, DWORD, REGSAM access, PHKEY) { return answer("open", access, path); }};
+    intercepted_import<"RegCreateKeyExA", decltype(RegCreateKeyExA)> creates{
+        program,
+        [](HKEY, LPCSTR path, DWORD, LPSTR, DWORD, REGSAM access, LPSECURITY_ATTRIBUTES, PHKEY, LPDWORD) {
+            return answer("create", access, path);
+        }};
+    intercepted_import<"RegSetValueExA", decltype(RegSetValueExA)> writes{
+        program,
+        [](HKEY, LPCSTR name, DWORD, DWORD, const BYTE*, DWORD) { return answer("write", 0, name); }};
+    intercepted_import<"RegDeleteKeyA", decltype(RegDeleteKeyA)> deletes{
+        program, [](HKEY, LPCSTR name) { return answer("delete", 0, name); }};
 };
 
 TEST_F(PropertyHandler, is_registered_for_every_type_with_its_lists)
@@ -380,8 +314,11 @@ TEST_F(PropertyHandler, asks_for_no_more_access_than_it_needs)
     EXPECT_THAT(registry_calls, Contains("open 20019 .txt"));
     EXPECT_THAT(registry_calls, Contains("open 2001F" + handlers + R"(\.txt)"));
 
-    const import_patch<decltype(IsWow64Process)> wow64{
-        GetModuleHandleW(nullptr), "IsWow64Process", under_wow64};
+    const intercepted_import<"IsWow64Process", decltype(IsWow64Process)> wow64{
+        program, [](HANDLE, PBOOL answer) {
+            *answer = TRUE;
+            return std::optional{TRUE};
+        }};
     plant_handler(L".jpg", registry_text(FOREIGN));
     install();
     EXPECT_THAT(registry_calls, Contains("open 20019" + handlers + R"(\.txt)")) << "no view for a probe";

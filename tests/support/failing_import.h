@@ -6,6 +6,9 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <functional>
+#include <optional>
+#include <utility>
 
 namespace test_support {
 
@@ -15,6 +18,36 @@ struct function_name {
     char text[Size];
 
     consteval function_name(const char (&name)[Size]) { std::ranges::copy(name, text); }
+};
+
+// Looks at every call that a module makes to one imported function: where `answer` returns a value, that is
+// the call's result and nothing is done; where it returns none, the call goes on as it was made. One of a
+// kind can live at a time.
+template <function_name Name, class Function>
+class intercepted_import;
+
+template <function_name Name, class Result, class... Arguments>
+class intercepted_import<Name, Result WINAPI(Arguments...)> {
+public:
+    using answer = std::function<std::optional<Result>(Arguments...)>;
+
+    intercepted_import(HMODULE module, answer to_calls) : patch_{module, Name.text, &stub}
+    {
+        original_ = patch_.original();
+        answer_ = std::move(to_calls);
+    }
+
+private:
+    static Result WINAPI stub(Arguments... arguments)
+    {
+        const std::optional<Result> result = answer_(arguments...);
+        return result ? *result : original_(arguments...);
+    }
+
+    inline static Result(WINAPI* original_)(Arguments...) = nullptr;
+    inline static answer answer_;
+
+    import_patch<Result WINAPI(Arguments...)> patch_;
 };
 
 struct call_fault {
@@ -32,33 +65,27 @@ class failing_import;
 template <function_name Name, class Result, class... Arguments>
 class failing_import<Name, Result WINAPI(Arguments...)> {
 public:
-    failing_import(HMODULE module, Result result, call_fault fault) : patch_{module, Name.text, &stub}
+    failing_import(HMODULE module, Result result, call_fault fault)
+        : intercepted_{module, [this, result, fault](Arguments...) -> std::optional<Result> {
+                           ++calls_;
+                           if (calls_ < fault.nth ||
+                               (fault.count != 0 && calls_ >= fault.nth + fault.count)) {
+                               return std::nullopt;
+                           }
+                           SetLastError(fault.last_error);
+                           return result;
+                       }}
     {
-        original_ = patch_.original();
-        result_ = result;
-        fault_ = fault;
-        calls_ = 0;
     }
+
+    failing_import(const failing_import&) = delete;
+    failing_import& operator=(const failing_import&) = delete;
 
     [[nodiscard]] unsigned calls() const noexcept { return calls_; }
 
 private:
-    static Result WINAPI stub(Arguments... arguments)
-    {
-        ++calls_;
-        if (calls_ >= fault_.nth && (fault_.count == 0 || calls_ < fault_.nth + fault_.count)) {
-            SetLastError(fault_.last_error);
-            return result_;
-        }
-        return original_(arguments...);
-    }
-
-    inline static Result(WINAPI* original_)(Arguments...) = nullptr;
-    inline static Result result_{};
-    inline static call_fault fault_{};
-    inline static unsigned calls_ = 0;
-
-    import_patch<Result WINAPI(Arguments...)> patch_;
+    unsigned calls_ = 0;
+    intercepted_import<Name, Result WINAPI(Arguments...)> intercepted_;
 };
 
 } // namespace test_support
