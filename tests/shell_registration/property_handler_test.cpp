@@ -119,6 +119,16 @@ protected:
     test_support::registry_sandbox machine{HKEY_LOCAL_MACHINE};
     test_support::scripted_session session{GetModuleHandleW(nullptr)};
     HMODULE program = GetModuleHandleW(nullptr);
+    // Elevated, whatever the test program is.
+    intercepted_import<"GetTokenInformation", decltype(GetTokenInformation)> elevation{
+        program,
+        [](HANDLE, TOKEN_INFORMATION_CLASS what, LPVOID answer, DWORD, PDWORD) -> std::optional<BOOL> {
+            if (what != TokenElevation) {
+                return std::nullopt;
+            }
+            static_cast<TOKEN_ELEVATION*>(answer)->TokenIsElevated = TRUE;
+            return TRUE;
+        }};
     intercepted_import<"RegOpenKeyExA", decltype(RegOpenKeyExA)> opens{
         program, [](HKEY, LPCSTR path, DWORD, REGSAM access, PHKEY) { return answer("open", access, path); }};
     intercepted_import<"RegCreateKeyExA", decltype(RegCreateKeyExA)> creates{
