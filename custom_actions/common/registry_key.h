@@ -10,6 +10,9 @@
 
 namespace custom_actions {
 
+// 0x2001F: for a key that is looked into and changed.
+inline constexpr REGSAM KEY_READ_WRITE = KEY_READ | KEY_WRITE;
+
 // KEY_WOW64_64KEY where this process runs under WOW64, so that a 32-bit process reaches the 64-bit view; else
 // 0.
 REGSAM native_registry_view() noexcept;

@@ -48,7 +48,7 @@ bool restore_drive_icon(wchar_t letter)
     const LSTATUS opened = key.open(
         HKEY_CURRENT_USER,
         std::wstring{LR"(Software\Classes\Applications\Explorer.exe\Drives\)"} + letter + LR"(\DefaultIcon)",
-        KEY_READ | KEY_WRITE | native_registry_view());
+        KEY_READ_WRITE | native_registry_view());
     if (opened != ERROR_SUCCESS) {
         return opened == ERROR_FILE_NOT_FOUND;
     }

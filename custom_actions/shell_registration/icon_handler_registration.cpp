@@ -78,8 +78,7 @@ void set_handler_with_backup(
     const std::wstring& path, const wchar_t* name, const std::wstring& data, const wchar_t* backup_name)
 {
     registry_key key;
-    if (const LSTATUS status =
-            key.create(HKEY_CURRENT_USER, path, KEY_READ | KEY_WRITE | native_registry_view());
+    if (const LSTATUS status = key.create(HKEY_CURRENT_USER, path, KEY_READ_WRITE | native_registry_view());
         status != ERROR_SUCCESS) {
         throw windows_error{"Failed to create/open registry key", static_cast<DWORD>(status)};
     }

@@ -25,7 +25,7 @@ slot_state restore_slot(const std::wstring& path)
 {
     registry_key key;
     registry_value value;
-    if (key.open(HKEY_CURRENT_USER, path, KEY_READ | KEY_WRITE) != ERROR_SUCCESS ||
+    if (key.open(HKEY_CURRENT_USER, path, KEY_READ_WRITE) != ERROR_SUCCESS ||
         key.read(L"", 2048, value) != ERROR_SUCCESS) {
         return slot_state::not_ours;
     }
@@ -91,7 +91,7 @@ void clear_treatment(const std::wstring& type)
             nullptr,
             &marker,
             &size) == ERROR_SUCCESS &&
-        marker != 0 && key.open(HKEY_CURRENT_USER, path, KEY_READ | KEY_WRITE) == ERROR_SUCCESS) {
+        marker != 0 && key.open(HKEY_CURRENT_USER, path, KEY_READ_WRITE) == ERROR_SUCCESS) {
         key.delete_value(L"Treatment");
         key.delete_value(TREATMENT_MARKER_VALUE);
     }

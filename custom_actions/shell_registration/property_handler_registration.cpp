@@ -9,8 +9,6 @@
 namespace custom_actions {
 namespace {
 
-constexpr REGSAM KEY_READ_WRITE = KEY_READ | KEY_WRITE;
-
 bool process_is_elevated() noexcept
 {
     kernel_handle token;

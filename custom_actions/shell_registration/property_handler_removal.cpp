@@ -8,8 +8,7 @@
 namespace custom_actions {
 namespace {
 
-// Without a view flag: the library is a 64-bit one, and removal leaves it at that.
-constexpr REGSAM KEY_READ_WRITE = KEY_READ | KEY_WRITE;
+// Every key is opened without a view flag: the library is a 64-bit one, and removal leaves it at that.
 
 // The extensions whose handler is the suite's, in the order of the registry, complete before anything is
 // changed.
