@@ -48,4 +48,16 @@ UINT __stdcall close_and_kill_our_processes(MSIHANDLE session);
 // ERROR_INSTALL_FAILURE, and posts the one error, where that fails.
 UINT __stdcall restore_explorer(MSIHANDLE session);
 
+// Records whether Windows Search runs: leaves "running" or "unchanged" in "stop_search", "rollback_search"
+// and "restore_search". Returns ERROR_INSTALL_FAILURE, and posts the one error, where "RollbackDisabled" is
+// set, where the service is neither running nor stopped, or where anything else fails.
+UINT __stdcall capture_search_state(MSIHANDLE session);
+
+// Stops Windows Search where "CustomActionData" is "running", and nothing where it is "unchanged". Returns
+// ERROR_INSTALL_FAILURE, and posts the one error, where it is anything else or the service does not stop.
+UINT __stdcall stop_search(MSIHANDLE session);
+
+// Starts Windows Search again, likewise.
+UINT __stdcall restore_search(MSIHANDLE session);
+
 } // extern "C"

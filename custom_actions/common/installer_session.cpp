@@ -1,7 +1,6 @@
 #include "custom_actions/common/installer_session.h"
 
 #include "custom_actions/common/scoped_handle.h"
-#include "custom_actions/common/windows_error.h"
 
 #include <cwchar>
 

@@ -1,9 +1,12 @@
 #pragma once
 
+#include "custom_actions/common/windows_error.h"
+
 #include <windows.h>
 #include <msi.h>
 #include <msiquery.h>
 
+#include <array>
 #include <functional>
 #include <string>
 
@@ -36,5 +39,19 @@ UINT upgrade_log(MSIHANDLE session, const std::wstring& text);
 // character; an unset property is an empty string. Throws windows_error "Cannot read installer property" with
 // the installer's code.
 std::wstring read_property(MSIHANDLE session, const wchar_t* name);
+
+// Returns the value of a property that is never long, read at once into `Size` characters. Throws
+// windows_error `failure` with the installer's code, ERROR_MORE_DATA where it does not fit with its
+// terminating zero.
+template <DWORD Size>
+std::wstring read_short_property(MSIHANDLE session, const wchar_t* name, const char* failure)
+{
+    std::array<wchar_t, Size> value{};
+    DWORD length = Size;
+    if (const UINT result = MsiGetPropertyW(session, name, value.data(), &length); result != ERROR_SUCCESS) {
+        throw windows_error{failure, result};
+    }
+    return value.data();
+}
 
 } // namespace custom_actions

@@ -1,32 +1,18 @@
 #include "custom_actions/processes/explorer.h"
 
 #include "custom_actions/common/scoped_handle.h"
+#include "custom_actions/common/system_directory.h"
 #include "custom_actions/common/text.h"
 #include "custom_actions/common/windows_error.h"
 #include "custom_actions/processes/process_inventory.h"
 #include "custom_actions/processes/token.h"
-
-#include <userenv.h>
-#include <wtsapi32.h>
+#include "custom_actions/processes/user_process.h"
 
 #include <algorithm>
-#include <array>
 #include <stdexcept>
 
 namespace custom_actions {
 namespace {
-
-constexpr const wchar_t* UNCHANGED = L"unchanged";
-
-struct environment_block_traits {
-    using handle_type = void*;
-
-    static bool is_open(handle_type handle) noexcept { return handle != nullptr; }
-
-    static void close(handle_type handle) noexcept { DestroyEnvironmentBlock(handle); }
-};
-
-using environment_block = scoped_handle<environment_block_traits>;
 
 // The thread's token, or the process's where the thread has none.
 kernel_handle current_token()
@@ -40,82 +26,25 @@ kernel_handle current_token()
     return token;
 }
 
-// The token of the recorded session's user, who must still be the recorded one.
-kernel_handle recorded_user_token(const explorer_session& recorded)
-{
-    kernel_handle token;
-    if (!WTSQueryUserToken(recorded.session, token.put())) {
-        throw_last_error("Cannot obtain logged-in Explorer user token");
-    }
-    if (token_user_sid(token.get()) != recorded.user_sid) {
-        throw std::runtime_error{"Explorer session user changed during installation"};
-    }
-    return token;
-}
-
-// The same user without elevation.
-kernel_handle without_elevation(kernel_handle token)
-{
-    switch (token_elevation_type(token.get())) {
-    case TokenElevationTypeDefault:
-    case TokenElevationTypeLimited:
-        return token;
-    case TokenElevationTypeFull: {
-        kernel_handle filtered = linked_token(token.get());
-        if (!filtered) {
-            throw_last_error("Cannot obtain filtered Explorer token");
-        }
-        return filtered;
-    }
-    default:
-        throw_last_error("Cannot inspect Explorer token elevation");
-    }
-}
-
-std::wstring windows_directory()
-{
-    std::array<wchar_t, 260> path{};
-    const UINT length = GetWindowsDirectoryW(path.data(), static_cast<UINT>(path.size()));
-    if (length == 0 || length >= path.size()) {
-        throw std::runtime_error{"Cannot resolve Windows directory"};
-    }
-    return path.data();
-}
-
-struct started_process {
-    kernel_handle process;
-    kernel_handle thread;
+constexpr session_user_failures USER_FAILURES{
+    .query = "Cannot obtain logged-in Explorer user token",
+    .other_user = "Explorer session user changed during installation",
+    .elevation = "Cannot inspect Explorer token elevation",
+    .unelevated = "Cannot obtain filtered Explorer token",
 };
 
-started_process start_explorer(HANDLE user)
+kernel_handle start_explorer(HANDLE user)
 {
     const std::wstring directory = windows_directory();
     const std::wstring program = directory + LR"(\explorer.exe)";
-    std::wstring command_line = L'"' + program + L'"';
-    environment_block environment;
-    if (!CreateEnvironmentBlock(environment.put(), user, FALSE)) {
-        throw_last_error("Cannot create Explorer environment");
-    }
-    std::wstring desktop = LR"(winsta0\default)";
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    startup.lpDesktop = desktop.data();
-    PROCESS_INFORMATION started{};
-    if (!CreateProcessAsUserW(
-            user,
-            program.c_str(),
-            command_line.data(),
-            nullptr,
-            nullptr,
-            FALSE,
-            CREATE_UNICODE_ENVIRONMENT,
-            environment.get(),
-            directory.c_str(),
-            &startup,
-            &started)) {
-        throw_last_error("Cannot restart Explorer as the interactive user");
-    }
-    return {.process = kernel_handle{started.hProcess}, .thread = kernel_handle{started.hThread}};
+    return start_as_user(
+        user,
+        {.path = program,
+         .command_line = L'"' + program + L'"',
+         .directory = directory,
+         .creation_flags = 0,
+         .environment_failure = "Cannot create Explorer environment",
+         .start_failure = "Cannot restart Explorer as the interactive user"});
 }
 
 // The first Explorer may hand over to another, so any of the session will do.
@@ -144,9 +73,14 @@ std::wstring explorer_session_record()
         throw_last_error("Cannot read installer session");
     }
     if (session == 0 || !explorer_running_in_session(session)) {
-        return UNCHANGED;
+        return UNCHANGED_EXPLORER;
     }
-    return std::to_wstring(session) + L'|' + token_user_sid(token.get());
+    return explorer_record(session, token_user_sid(token.get()));
+}
+
+std::wstring explorer_record(DWORD session, const std::wstring& user_sid)
+{
+    return std::to_wstring(session) + L'|' + user_sid;
 }
 
 explorer_session parse_explorer_record(std::wstring_view record)
@@ -166,15 +100,15 @@ explorer_session parse_explorer_record(std::wstring_view record)
 
 void restart_explorer_from_record(const std::wstring& record)
 {
-    if (record == UNCHANGED) {
+    if (record == UNCHANGED_EXPLORER) {
         return;
     }
     const explorer_session recorded = parse_explorer_record(record);
-    const kernel_handle user = without_elevation(recorded_user_token(recorded));
+    const kernel_handle user = unelevated_session_user(recorded.session, recorded.user_sid, USER_FAILURES);
     if (explorer_running_in_session(recorded.session)) {
         return;
     }
-    const started_process explorer = start_explorer(user.get());
+    const kernel_handle explorer = start_explorer(user.get());
     wait_for_explorer(recorded.session);
 }
 

@@ -9,7 +9,14 @@
 // immediate action that closes Explorer to the deferred ones that bring it back, as their CustomActionData.
 namespace custom_actions {
 
-// The record: "unchanged" where there is nothing to bring back, or "<session id>|<user SID>". Throws
+// The record where there is nothing to bring back.
+inline constexpr const wchar_t* UNCHANGED_EXPLORER = L"unchanged";
+
+// The record of an Explorer that is to run for this user: "<session id>|<user SID>".
+std::wstring explorer_record(DWORD session, const std::wstring& user_sid);
+
+// The record of what is: "unchanged" where there is nothing to bring back, or that of the
+// user who installs. Throws
 // windows_error "Cannot determine installer user session" or "Cannot read installer session", and what
 // token_user_sid throws.
 std::wstring explorer_session_record();

@@ -3,8 +3,10 @@
 #include "custom_actions/common/windows_error.h"
 
 #include <sddl.h>
+#include <wtsapi32.h>
 
 #include <cstddef>
+#include <stdexcept>
 #include <vector>
 
 namespace custom_actions {
@@ -43,6 +45,32 @@ std::wstring token_user_sid(HANDLE token)
     }
     const local_memory owner{text};
     return text;
+}
+
+kernel_handle
+unelevated_session_user(DWORD session, const std::wstring& user_sid, const session_user_failures& failures)
+{
+    kernel_handle token;
+    if (!WTSQueryUserToken(session, token.put())) {
+        throw_last_error(failures.query);
+    }
+    if (token_user_sid(token.get()) != user_sid) {
+        throw std::runtime_error{failures.other_user};
+    }
+    switch (token_elevation_type(token.get())) {
+    case TokenElevationTypeDefault:
+    case TokenElevationTypeLimited:
+        return token;
+    case TokenElevationTypeFull: {
+        kernel_handle unelevated = linked_token(token.get());
+        if (!unelevated) {
+            throw_last_error(failures.unelevated);
+        }
+        return unelevated;
+    }
+    default:
+        throw_last_error(failures.elevation);
+    }
 }
 
 } // namespace custom_actions

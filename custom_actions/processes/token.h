@@ -19,4 +19,18 @@ kernel_handle linked_token(HANDLE token) noexcept;
 // or "Cannot format Explorer user identity".
 std::wstring token_user_sid(HANDLE token);
 
+// What each step of getting a session's user that fails is called.
+struct session_user_failures {
+    const char* query;      // nobody is logged on there, or the caller may not ask
+    const char* other_user; // somebody else is
+    const char* elevation;
+    const char* unelevated;
+};
+
+// The token of the session's user, without elevation. Throws windows_error `query`, `elevation` or
+// `unelevated`, std::runtime_error `other_user` where that user's SID is not exactly `user_sid`, and what
+// token_user_sid throws.
+kernel_handle
+unelevated_session_user(DWORD session, const std::wstring& user_sid, const session_user_failures& failures);
+
 } // namespace custom_actions
