@@ -1,0 +1,80 @@
+#pragma once
+
+#include "tests/support/import_patch.h"
+
+#include <windows.h>
+#include <winsvc.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+// A service "WSearch" of the tests' own with the real service manager. Tests that install it need a machine that
+// is disposable and has no Windows Search.
+namespace test_support {
+
+// What the service program is told; times in milliseconds. How it is meant: package/toy_suite/toy_service.cpp.
+struct search_behaviour {
+    DWORD start_time = 0;
+    DWORD stop_time = 0;
+    DWORD started_state = SERVICE_RUNNING;
+    bool never_stops = false;
+    DWORD wait_hint = 0;
+    DWORD check_point_step = 0;
+    std::wstring watch;
+};
+
+// The service, installed and stopped. Ends and removes it when the scope ends, in whatever state it is.
+class windows_search {
+public:
+    // Takes the place of one that an earlier test has left. Throws std::system_error with the service manager's
+    // code, and std::runtime_error where the machine's own Windows Search is there.
+    explicit windows_search(const search_behaviour& behaviour = {});
+    ~windows_search();
+
+    windows_search(const windows_search&) = delete;
+    windows_search& operator=(const windows_search&) = delete;
+
+    // Starts it and waits until it is in its started state. Nothing counts as asked after that. Throws
+    // std::runtime_error where it does not get there within 10 seconds.
+    void start();
+
+    // Sends it one stop control and does not wait.
+    void ask_to_stop();
+
+    [[nodiscard]] DWORD state() const;
+
+    // How often it was asked since start() or, without that, since it was installed.
+    [[nodiscard]] DWORD stops() const;
+    [[nodiscard]] DWORD starts() const;
+
+    // The first line of the watched file when it stopped or started last.
+    [[nodiscard]] std::wstring line_at_stop() const;
+    [[nodiscard]] std::wstring line_at_start() const;
+
+private:
+    search_behaviour behaviour_;
+};
+
+// Counts the handles of the service manager that a module opens and closes. Fails the test where one is left
+// open at the end. One can live at a time.
+class service_handle_check {
+public:
+    explicit service_handle_check(HMODULE module);
+    ~service_handle_check();
+
+    service_handle_check(const service_handle_check&) = delete;
+    service_handle_check& operator=(const service_handle_check&) = delete;
+
+private:
+    static SC_HANDLE WINAPI open_manager(LPCWSTR machine, LPCWSTR database, DWORD access);
+    static SC_HANDLE WINAPI open_service(SC_HANDLE manager, LPCWSTR name, DWORD access);
+    static BOOL WINAPI close(SC_HANDLE handle);
+
+    import_patch<decltype(OpenSCManagerW)> manager_;
+    import_patch<decltype(OpenServiceW)> service_;
+    import_patch<decltype(CloseServiceHandle)> close_;
+    std::vector<SC_HANDLE> open_;
+};
+
+} // namespace test_support
