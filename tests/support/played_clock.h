@@ -8,8 +8,8 @@
 
 namespace test_support {
 
-// A clock for one module (its GetTickCount64) that runs only while the module sleeps (its Sleep, which returns
-// at once). One can live at a time.
+// A clock for one module (its GetTickCount64) that runs only while the module sleeps (its Sleep, which
+// returns at once). One can live at a time.
 class played_clock {
 public:
     explicit played_clock(HMODULE module)
@@ -21,6 +21,7 @@ public:
 
     // The time since the clock began, and every sleep since then, in milliseconds.
     [[nodiscard]] ULONGLONG now() const noexcept { return now_; }
+
     [[nodiscard]] const std::vector<DWORD>& sleeps() const noexcept { return sleeps_; }
 
 private:

@@ -1,19 +1,16 @@
 #pragma once
 
-#include "tests/support/import_patch.h"
-
 #include <windows.h>
 #include <winsvc.h>
 
-#include <memory>
 #include <string>
-#include <vector>
 
-// A service "WSearch" of the tests' own with the real service manager. Tests that install it need a machine that
-// is disposable and has no Windows Search.
+// A service "WSearch" of the tests' own with the real service manager. Tests that install it need a machine
+// that is disposable and has no Windows Search.
 namespace test_support {
 
-// What the service program is told; times in milliseconds. How it is meant: package/toy_suite/toy_service.cpp.
+// What the service program is told; times in milliseconds. How it is meant:
+// package/toy_suite/toy_service.cpp.
 struct search_behaviour {
     DWORD start_time = 0;
     DWORD stop_time = 0;
@@ -21,14 +18,14 @@ struct search_behaviour {
     bool never_stops = false;
     DWORD wait_hint = 0;
     DWORD check_point_step = 0;
-    std::wstring watch;
+    const wchar_t* watch = L"";
 };
 
 // The service, installed and stopped. Ends and removes it when the scope ends, in whatever state it is.
 class windows_search {
 public:
-    // Takes the place of one that an earlier test has left. Throws std::system_error with the service manager's
-    // code, and std::runtime_error where the machine's own Windows Search is there.
+    // Takes the place of one that an earlier test has left. Throws std::system_error with the service
+    // manager's code, and std::runtime_error where the machine's own Windows Search is there.
     explicit windows_search(const search_behaviour& behaviour = {});
     ~windows_search();
 
@@ -43,6 +40,7 @@ public:
     void ask_to_stop();
 
     [[nodiscard]] DWORD state() const;
+    [[nodiscard]] DWORD process_id() const;
 
     // How often it was asked since start() or, without that, since it was installed.
     [[nodiscard]] DWORD stops() const;
@@ -53,28 +51,7 @@ public:
     [[nodiscard]] std::wstring line_at_start() const;
 
 private:
-    search_behaviour behaviour_;
-};
-
-// Counts the handles of the service manager that a module opens and closes. Fails the test where one is left
-// open at the end. One can live at a time.
-class service_handle_check {
-public:
-    explicit service_handle_check(HMODULE module);
-    ~service_handle_check();
-
-    service_handle_check(const service_handle_check&) = delete;
-    service_handle_check& operator=(const service_handle_check&) = delete;
-
-private:
-    static SC_HANDLE WINAPI open_manager(LPCWSTR machine, LPCWSTR database, DWORD access);
-    static SC_HANDLE WINAPI open_service(SC_HANDLE manager, LPCWSTR name, DWORD access);
-    static BOOL WINAPI close(SC_HANDLE handle);
-
-    import_patch<decltype(OpenSCManagerW)> manager_;
-    import_patch<decltype(OpenServiceW)> service_;
-    import_patch<decltype(CloseServiceHandle)> close_;
-    std::vector<SC_HANDLE> open_;
+    DWORD started_state_;
 };
 
 } // namespace test_support
