@@ -169,6 +169,11 @@ void windows_search::start()
     const service_handle service = find_service();
     checked(StartServiceW(service.get(), 0, nullptr), "StartServiceW");
     wait_until([&] { return starts() != 0 && state() == started_state_; });
+    forget();
+}
+
+void windows_search::forget()
+{
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, (KEY + L"\\Asked").c_str());
 }
 

@@ -32,9 +32,12 @@ public:
     windows_search(const windows_search&) = delete;
     windows_search& operator=(const windows_search&) = delete;
 
-    // Starts it and waits until it is in its started state. Nothing counts as asked after that. Throws
+    // Starts it, waits until it is in its started state, and forgets that it was asked. Throws
     // std::runtime_error where it does not get there within 10 seconds.
     void start();
+
+    // From here on, nothing counts as asked before.
+    void forget();
 
     // Sends it one stop control and does not wait.
     void ask_to_stop();
@@ -42,7 +45,7 @@ public:
     [[nodiscard]] DWORD state() const;
     [[nodiscard]] DWORD process_id() const;
 
-    // How often it was asked since start() or, without that, since it was installed.
+    // How often it was asked since start() or forget() or, without these, since it was installed.
     [[nodiscard]] DWORD stops() const;
     [[nodiscard]] DWORD starts() const;
 
