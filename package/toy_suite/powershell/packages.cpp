@@ -41,11 +41,6 @@ std::wstring publisher_id(const std::wstring& publisher)
     return id;
 }
 
-std::wstring full_name(const package_identity& identity)
-{
-    return identity.name + L'_' + identity.version + L"_x64__" + publisher_id(identity.publisher);
-}
-
 // Whether both are the same package, of whatever version.
 bool same_family(const std::wstring& full_name, const package_identity& identity)
 {
@@ -67,6 +62,12 @@ package_identity read_identity(const std::filesystem::path& package)
         .name = attribute(element, "Name"),
         .publisher = attribute(element, "Publisher"),
         .version = attribute(element, "Version")};
+}
+
+std::wstring full_package_name(const package_identity& identity, const std::wstring& architecture)
+{
+    return identity.name + L'_' + identity.version + L'_' + architecture + L"__" +
+           publisher_id(identity.publisher);
 }
 
 std::vector<registered_package> packages_named(const std::wstring& name)
@@ -111,7 +112,7 @@ void add_package(const std::wstring& path, const std::wstring& external_location
             remove_package(before);
         }
     }
-    const state_key key{std::wstring{PACKAGES} + L'\\' + full_name(identity)};
+    const state_key key{std::wstring{PACKAGES} + L'\\' + full_package_name(identity)};
     key.write(L"Name", identity.name);
     key.write(L"Publisher", identity.publisher);
     key.write(L"Version", identity.version);

@@ -16,6 +16,9 @@ struct package_identity {
 // What the manifest in a package says of it. Throws std::runtime_error.
 package_identity read_identity(const std::filesystem::path& package);
 
+// How the system names a registered package.
+std::wstring full_package_name(const package_identity& identity, const std::wstring& architecture = L"x64");
+
 struct registered_package {
     std::wstring full_name;
     package_identity identity;

@@ -20,7 +20,7 @@ void start_process(const std::wstring& program, const std::wstring& arguments, c
             nullptr,
             nullptr,
             FALSE,
-            0,
+            CREATE_NEW_CONSOLE, // and not this process's output, which somebody may be reading to its end
             nullptr,
             folder.empty() ? nullptr : folder.c_str(),
             &startup,
