@@ -60,4 +60,40 @@ UINT __stdcall stop_search(MSIHANDLE session);
 // Starts Windows Search again, likewise.
 UINT __stdcall restore_search(MSIHANDLE session);
 
+// Registers the sparse package whose file "CustomActionData" names, for whoever runs the action, with the
+// file's folder as the place of its files. Returns ERROR_INVALID_PARAMETER, with an error, where there is no
+// such data or it has 260 characters or more, and ERROR_INSTALL_FAILURE where PowerShell does not end with 0.
+UINT __stdcall msix_install_package(MSIHANDLE session);
+
+// Removes every package with the name in "CustomActionData" that whoever runs the action has. Returns the
+// same; ERROR_INVALID_PARAMETER also, without a line, where a character of it can be in no package's name.
+UINT __stdcall msix_uninstall_package(MSIHANDLE session);
+
+// Prepares a controlled upgrade of the installed suite: pins "INSTALLFOLDER" to its folder and leaves the
+// data of the four phases below in the properties with their names. Returns ERROR_INSTALL_FAILURE, with the
+// line "Controlled upgrade: ..." and the error "Quorbel upgrade: ...", where the upgrade cannot be run so;
+// and so do the four.
+UINT __stdcall prepare_controlled_upgrade(MSIHANDLE session);
+
+// Saves the packages and what runs, and stops the suite and Windows Search.
+UINT __stdcall begin_controlled_upgrade(MSIHANDLE session);
+
+// Registers the new packages for the user.
+UINT __stdcall install_upgrade_packages(MSIHANDLE session);
+
+// Brings back what ran and commits the upgrade.
+UINT __stdcall finish_controlled_upgrade(MSIHANDLE session);
+
+// Undoes an upgrade that failed after it had begun.
+UINT __stdcall rollback_controlled_upgrade(MSIHANDLE session);
+
+// Registers the task that brings the suite's main programs back, leaves its name in "QblEarlyRecoveryTask"
+// and asks the programs to close. Returns ERROR_INSTALL_FAILURE, with a line and no error, where the task
+// cannot be registered; the programs then run on.
+UINT __stdcall early_close_upgrade(MSIHANDLE session);
+
+// Runs that task, waits for it and removes it. Returns ERROR_INSTALL_FAILURE, with a line and no error, where
+// it fails; the task then stays.
+UINT __stdcall recover_early_upgrade(MSIHANDLE session);
+
 } // extern "C"

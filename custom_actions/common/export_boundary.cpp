@@ -15,6 +15,11 @@ void report_early_close_failure(MSIHANDLE session, const std::wstring& message)
     upgrade_log(session, L"Early closure failed: " + message);
 }
 
+void report_early_recovery_failure(MSIHANDLE session, const std::wstring& message)
+{
+    upgrade_log(session, L"Early recovery failed: " + message);
+}
+
 void report_error_record(MSIHANDLE session, const std::wstring& message)
 {
     msi_message(session, INSTALLMESSAGE_ERROR, message);

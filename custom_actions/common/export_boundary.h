@@ -18,6 +18,9 @@ void report_upgrade_failure(MSIHANDLE session, const std::wstring& message);
 // The early close: one line of the upgrade's log and no error.
 void report_early_close_failure(MSIHANDLE session, const std::wstring& message);
 
+// The early recovery, likewise.
+void report_early_recovery_failure(MSIHANDLE session, const std::wstring& message);
+
 // The message itself as one error, without a log line.
 void report_error_record(MSIHANDLE session, const std::wstring& message);
 

@@ -91,6 +91,15 @@ std::wstring_view parent_folder(std::wstring_view path) noexcept
     return path.substr(0, end);
 }
 
+std::wstring join_path(std::wstring_view folder, std::wstring_view name)
+{
+    std::wstring path{folder};
+    if (!path.empty() && !is_separator(path.back())) {
+        path += L'\\';
+    }
+    return path.append(name);
+}
+
 std::wstring normalized_folder(std::wstring_view path)
 {
     const std::size_t name = root_name_length(path);

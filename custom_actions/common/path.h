@@ -20,6 +20,9 @@ std::wstring_view file_extension(std::wstring_view path) noexcept;
 // The path without its file name and the separators in front of that, down to its root and no further.
 std::wstring_view parent_folder(std::wstring_view path) noexcept;
 
+// The path of `name` in `folder`.
+std::wstring join_path(std::wstring_view folder, std::wstring_view name);
+
 // The folder that the path names: with "\" alone as separator and one of them at a time, without "." and
 // with each ".." folded into the name before it, and without a separator at its end (but a root keeps its
 // own).

@@ -15,8 +15,7 @@ inline constexpr const wchar_t* UNCHANGED_EXPLORER = L"unchanged";
 // The record of an Explorer that is to run for this user: "<session id>|<user SID>".
 std::wstring explorer_record(DWORD session, const std::wstring& user_sid);
 
-// The record of what is: "unchanged" where there is nothing to bring back, or that of the
-// user who installs. Throws
+// The record of what is: of the user who installs, or that there is nothing to bring back. Throws
 // windows_error "Cannot determine installer user session" or "Cannot read installer session", and what
 // token_user_sid throws.
 std::wstring explorer_session_record();

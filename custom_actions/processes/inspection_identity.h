@@ -41,6 +41,9 @@ public:
     host_owner_impersonation(const host_owner_impersonation&) = delete;
     host_owner_impersonation& operator=(const host_owner_impersonation&) = delete;
 
+    // The session that the process runs in.
+    [[nodiscard]] DWORD session() const noexcept { return session_; }
+
 private:
     void restore_identity() noexcept;
 

@@ -12,18 +12,29 @@
 namespace custom_actions {
 namespace {
 
-BOOL CALLBACK ask_to_close(HWND window, LPARAM parameter)
+struct close_request {
+    const process_list* processes;
+    asked_windows windows;
+};
+
+bool is_desktop_window(HWND window) noexcept
 {
-    // NOLINTNEXTLINE(performance-no-int-to-ptr): how Windows hands a callback its data
-    const auto& processes = *reinterpret_cast<const process_list*>(parameter);
-    DWORD owner = 0;
-    GetWindowThreadProcessId(window, &owner);
-    if (std::ranges::find(processes, owner) == processes.end() || window == GetShellWindow()) {
-        return TRUE;
+    if (window == GetShellWindow()) {
+        return true;
     }
     std::array<wchar_t, 64> window_class{};
     const int length = GetClassNameW(window, window_class.data(), static_cast<int>(window_class.size()));
-    if (length == 0 || !is_desktop_class(window_class.data())) {
+    return length != 0 && is_desktop_class(window_class.data());
+}
+
+BOOL CALLBACK ask_to_close(HWND window, LPARAM parameter)
+{
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): how Windows hands a callback its data
+    const auto& request = *reinterpret_cast<const close_request*>(parameter);
+    DWORD owner = 0;
+    GetWindowThreadProcessId(window, &owner);
+    if (std::ranges::find(*request.processes, owner) != request.processes->end() &&
+        (request.windows == asked_windows::all || !is_desktop_window(window))) {
         PostMessageW(window, WM_CLOSE, 0, 0);
     }
     return TRUE;
@@ -49,18 +60,29 @@ bool is_desktop_class(std::wstring_view window_class) noexcept
     return std::ranges::find(classes, window_class) != classes.end();
 }
 
+void ask_windows_to_close(const process_list& processes, asked_windows windows) noexcept
+{
+    const close_request request{.processes = &processes, .windows = windows};
+    EnumWindows(ask_to_close, reinterpret_cast<LPARAM>(&request));
+}
+
+DWORD time_left(ULONGLONG deadline) noexcept
+{
+    const ULONGLONG now = GetTickCount64();
+    return now < deadline ? static_cast<DWORD>(deadline - now) : 0;
+}
+
 void close_processes(const process_list& processes, DWORD timeout_ms)
 {
     if (processes.empty()) {
         return;
     }
-    EnumWindows(ask_to_close, reinterpret_cast<LPARAM>(&processes));
+    ask_windows_to_close(processes, asked_windows::all_but_desktop);
     std::vector<kernel_handle> opened = open_all(processes);
     const ULONGLONG deadline = GetTickCount64() + timeout_ms;
     for (kernel_handle& process : opened) {
-        const ULONGLONG now = GetTickCount64();
-        const DWORD left = now < deadline ? static_cast<DWORD>(deadline - now) : 0;
-        if (WaitForSingleObject(process.get(), left) != WAIT_OBJECT_0 && TerminateProcess(process.get(), 1)) {
+        if (WaitForSingleObject(process.get(), time_left(deadline)) != WAIT_OBJECT_0 &&
+            TerminateProcess(process.get(), 1)) {
             WaitForSingleObject(process.get(), 5000);
         }
         process = {};

@@ -15,6 +15,14 @@ namespace custom_actions {
 // std::bad_alloc alone.
 void close_processes(const process_list& processes, DWORD timeout_ms);
 
+enum class asked_windows { all, all_but_desktop };
+
+// Posts a close request to the top-level windows of these processes.
+void ask_windows_to_close(const process_list& processes, asked_windows windows) noexcept;
+
+// The milliseconds until GetTickCount64() gets to `deadline`; 0 once it has.
+DWORD time_left(ULONGLONG deadline) noexcept;
+
 // Whether windows of this class make up the desktop and the taskbars, which are never asked to close.
 bool is_desktop_class(std::wstring_view window_class) noexcept;
 

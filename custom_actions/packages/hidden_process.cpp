@@ -1,0 +1,115 @@
+#include "custom_actions/packages/hidden_process.h"
+
+#include "custom_actions/common/scoped_handle.h"
+
+#include <array>
+#include <thread>
+#include <utility>
+
+namespace custom_actions {
+namespace {
+
+struct output_pipe {
+    kernel_handle read_end;
+    kernel_handle write_end; // the child's
+
+    // False where it cannot be made.
+    bool create() noexcept
+    {
+        SECURITY_ATTRIBUTES inheritable{
+            .nLength = sizeof inheritable, .lpSecurityDescriptor = nullptr, .bInheritHandle = TRUE};
+        return CreatePipe(read_end.put(), write_end.put(), &inheritable, 0) &&
+               SetHandleInformation(read_end.get(), HANDLE_FLAG_INHERIT, 0);
+    }
+};
+
+// Reads one pipe to its end on a thread of its own, so that the child never waits for room in it.
+class pipe_reader {
+public:
+    explicit pipe_reader(kernel_handle read_end) : pipe_{std::move(read_end)}, thread_{[this] { read_all(); }}
+    {
+    }
+
+    // The text, once the pipe is at its end.
+    std::wstring wait()
+    {
+        thread_.join();
+        return std::move(text_);
+    }
+
+private:
+    void read_all()
+    {
+        std::array<char, 4095> bytes{};
+        std::array<wchar_t, 4095> characters{}; // there are never more of them than bytes
+        DWORD size = 0;
+        while (ReadFile(pipe_.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &size, nullptr)) {
+            const int length = MultiByteToWideChar(
+                CP_UTF8,
+                0,
+                bytes.data(),
+                static_cast<int>(size),
+                characters.data(),
+                static_cast<int>(characters.size()));
+            text_.append(characters.data(), static_cast<std::size_t>(length));
+        }
+    }
+
+    kernel_handle pipe_;
+    std::wstring text_;
+    std::jthread thread_; // last, so that it finds the others there
+};
+
+// An empty handle where the process cannot be started.
+kernel_handle start_hidden(std::wstring command_line, HANDLE output, HANDLE error) noexcept
+{
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = output;
+    startup.hStdError = error;
+    PROCESS_INFORMATION started{};
+    if (!CreateProcessW(
+            nullptr,
+            command_line.data(),
+            nullptr,
+            nullptr,
+            TRUE,
+            CREATE_NO_WINDOW,
+            nullptr,
+            nullptr,
+            &startup,
+            &started)) {
+        return {};
+    }
+    const kernel_handle thread{started.hThread};
+    return kernel_handle{started.hProcess};
+}
+
+} // namespace
+
+process_output run_hidden_process(const std::wstring& command_line)
+{
+    process_output result;
+    output_pipe output;
+    output_pipe error;
+    kernel_handle process;
+    if (output.create() && error.create()) {
+        process = start_hidden(command_line, output.write_end.get(), error.write_end.get());
+    }
+    if (!process) {
+        result.error = L"Failed to launch PowerShell process.";
+        return result;
+    }
+    output.write_end = {};
+    error.write_end = {};
+    pipe_reader output_reader{std::move(output.read_end)};
+    pipe_reader error_reader{std::move(error.read_end)};
+    WaitForSingleObject(process.get(), INFINITE);
+    GetExitCodeProcess(process.get(), &result.exit_code);
+    result.output = output_reader.wait();
+    result.error = error_reader.wait();
+    return result;
+}
+
+} // namespace custom_actions

@@ -1,0 +1,151 @@
+#include "custom_actions/packages/powershell.h"
+
+#include "custom_actions/common/installer_session.h"
+#include "custom_actions/common/path.h"
+#include "custom_actions/common/scoped_handle.h"
+#include "custom_actions/common/system_directory.h"
+#include "custom_actions/common/windows_error.h"
+#include "custom_actions/processes/user_process.h"
+
+#include <wincrypt.h>
+
+#include <array>
+#include <optional>
+#include <stdexcept>
+
+namespace custom_actions {
+namespace {
+
+// What the script prints goes to the log, and so does the error that ends it, behind what was printed before.
+std::wstring logged_script(std::wstring_view script, const std::wstring& log)
+{
+    const std::wstring quoted_log = quote_powershell_literal(log);
+    std::wstring wrapped =
+        L"$ErrorActionPreference='Stop'; $ProgressPreference='SilentlyContinue'; try { & { ";
+    wrapped.append(script)
+        .append(L" } *>&1 | Out-File -LiteralPath ")
+        .append(quoted_log)
+        .append(L" -Encoding utf8; exit 0 } catch { $_ | Out-String | Out-File -LiteralPath ")
+        .append(quoted_log)
+        .append(L" -Encoding utf8 -Append; exit 1 }");
+    return wrapped;
+}
+
+std::wstring base64_of_utf16(std::wstring_view text, const char* failure)
+{
+    const auto* const bytes = reinterpret_cast<const BYTE*>(text.data());
+    const auto size = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+    constexpr DWORD format = CRYPT_STRING_BASE64 | CRYPT_STRING_NOCRLF;
+    DWORD length = 0;
+    if (!CryptBinaryToStringW(bytes, size, format, nullptr, &length)) {
+        throw_last_error(failure);
+    }
+    std::wstring encoded(length, L'\0');
+    if (!CryptBinaryToStringW(bytes, size, format, encoded.data(), &length)) {
+        throw_last_error(failure);
+    }
+    encoded.resize(encoded.find(L'\0')); // the length that is told counts the terminator
+    return encoded;
+}
+
+kernel_handle start_script(const controlled_upgrade::context& context, const std::wstring& script)
+{
+    const std::wstring arguments = powershell_arguments(script, "Cannot encode user operation");
+    const std::wstring directory = system_directory("Cannot resolve system directory");
+    const std::wstring program = powershell_program(directory);
+    const kernel_handle user = controlled_upgrade::interactive_user_token(context);
+    return start_as_user(
+        user.get(),
+        {.path = program,
+         .command_line = L'"' + program + L"\" " + arguments,
+         .directory = directory,
+         .creation_flags = CREATE_NO_WINDOW,
+         .environment_failure = "Cannot create user environment",
+         .start_failure = "Cannot launch package operation as original user"});
+}
+
+// The whole file; nothing where it cannot be opened or read to its end.
+std::optional<std::string> read_file(const std::wstring& path)
+{
+    const kernel_handle file{CreateFileW(
+        path.c_str(),
+        GENERIC_READ,
+        FILE_SHARE_READ | FILE_SHARE_WRITE,
+        nullptr,
+        OPEN_EXISTING,
+        FILE_ATTRIBUTE_NORMAL,
+        nullptr)};
+    if (!file) {
+        return std::nullopt;
+    }
+    std::string content;
+    std::array<char, 4096> chunk{};
+    DWORD read = 0;
+    while (ReadFile(file.get(), chunk.data(), static_cast<DWORD>(chunk.size()), &read, nullptr)) {
+        if (read == 0) {
+            return content;
+        }
+        content.append(chunk.data(), read);
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+std::wstring quote_powershell_literal(std::wstring_view text)
+{
+    std::wstring literal = L"'";
+    for (const wchar_t character : text) {
+        literal.append(character == L'\'' ? 2 : 1, character);
+    }
+    return literal += L'\'';
+}
+
+std::wstring powershell_program(const std::wstring& system_directory)
+{
+    return system_directory + LR"(\WindowsPowerShell\v1.0\powershell.exe)";
+}
+
+std::wstring powershell_arguments(std::wstring_view script, const char* failure)
+{
+    return L"-NoProfile -NonInteractive -WindowStyle Hidden -EncodedCommand " +
+           base64_of_utf16(script, failure);
+}
+
+std::string run_powershell(
+    MSIHANDLE session,
+    const controlled_upgrade::context& context,
+    std::wstring_view script,
+    const std::wstring& operation,
+    DWORD timeout_ms)
+{
+    const std::wstring log = join_path(context.workspace, L"output\\" + operation + L".log");
+    const kernel_handle process = start_script(context, logged_script(script, log));
+    upgrade_log(session, L"Starting " + operation + L" for " + context.user_sid);
+
+    const ULONGLONG start = GetTickCount64();
+    if (WaitForSingleObject(process.get(), timeout_ms) != WAIT_OBJECT_0) {
+        TerminateProcess(process.get(), ERROR_TIMEOUT);
+        WaitForSingleObject(process.get(), 5000);
+        upgrade_log(
+            session,
+            L"Operation timed out; AppX service work may still be pending. Retaining recovery state at " +
+                context.workspace);
+        throw std::runtime_error{"User operation timed out; see retained upgrade recovery logs"};
+    }
+    DWORD exit_code = 0;
+    if (!GetExitCodeProcess(process.get(), &exit_code)) {
+        throw_last_error("Cannot read user operation result");
+    }
+    std::optional<std::string> output = read_file(log);
+    upgrade_log(
+        session,
+        operation + L" finished in " + std::to_wstring(GetTickCount64() - start) + L" ms, exit " +
+            std::to_wstring(exit_code) + L"; log: " + log);
+    if (exit_code != 0 || !output) {
+        throw std::runtime_error{"User operation failed; see retained upgrade recovery logs"};
+    }
+    return *std::move(output);
+}
+
+} // namespace custom_actions

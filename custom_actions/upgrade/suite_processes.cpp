@@ -1,0 +1,136 @@
+#include "custom_actions/upgrade/suite_processes.h"
+
+#include "custom_actions/common/installer_session.h"
+#include "custom_actions/common/scoped_handle.h"
+#include "custom_actions/common/windows_error.h"
+#include "custom_actions/processes/inspection_identity.h"
+#include "custom_actions/processes/process_closing.h"
+#include "custom_actions/upgrade/process_location.h"
+
+#include <exception>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+namespace custom_actions::controlled_upgrade {
+namespace {
+
+name_list upgrade_images()
+{
+    name_list images = our_process_images();
+    images.emplace_back(L"Quorbel.SystemTray.exe");
+    images.emplace_back(L"Quorbel.ContextMenuReplacement.Controller.exe");
+    return images;
+}
+
+bool process_has_gone(DWORD process) noexcept
+{
+    const kernel_handle opened{OpenProcess(SYNCHRONIZE, FALSE, process)};
+    return opened ? WaitForSingleObject(opened.get(), 0) == WAIT_OBJECT_0
+                  : GetLastError() == ERROR_INVALID_PARAMETER;
+}
+
+// A host that goes meanwhile has nothing loaded.
+bool host_has_our_modules(DWORD process, const context& context)
+{
+    try {
+        const host_owner_impersonation owner{process, context.session_id};
+        return process_has_module(process, our_shell_modules(), listing::strict);
+    } catch (const std::exception&) {
+        if (process_has_gone(process)) {
+            return false;
+        }
+        throw;
+    }
+}
+
+// Nothing where the process has gone.
+std::optional<DWORD> process_session(DWORD process, const context& context)
+{
+    DWORD session = 0;
+    if (ProcessIdToSessionId(process, &session)) {
+        return session;
+    }
+    if (GetLastError() == ERROR_INVALID_PARAMETER) {
+        return std::nullopt;
+    }
+    return host_owner_impersonation{process, context.session_id}.session();
+}
+
+bool runs_in_upgraded_session(DWORD process, const context& context)
+{
+    const std::optional<DWORD> session = process_session(process, context);
+    if (session && *session != context.session_id) {
+        throw std::runtime_error{"QBL is running in another session; close it there before upgrading"};
+    }
+    return session.has_value();
+}
+
+// Empty handles and what has gone are left out.
+std::vector<kernel_handle> open_processes(const process_list& processes, const context& context)
+{
+    std::vector<kernel_handle> opened;
+    opened.reserve(processes.size());
+    for (const DWORD process : processes) {
+        kernel_handle handle =
+            open_process_as_host_owner(SYNCHRONIZE | PROCESS_TERMINATE, process, context.session_id);
+        if (handle) {
+            opened.push_back(std::move(handle));
+        } else if (GetLastError() != ERROR_INVALID_PARAMETER) {
+            throw_last_error("Cannot stop a QBL host");
+        }
+    }
+    return opened;
+}
+
+void end_process(HANDLE process)
+{
+    if (WaitForSingleObject(process, 0) == WAIT_OBJECT_0) {
+        return;
+    }
+    if (!TerminateProcess(process, 1) || WaitForSingleObject(process, 5000) != WAIT_OBJECT_0) {
+        throw_last_error("QBL host did not exit after termination");
+    }
+}
+
+} // namespace
+
+process_list upgrade_processes(const context& context)
+{
+    process_list found = find_processes_by_image(upgrade_images(), listing::strict);
+    std::erase_if(found, [&](DWORD process) { return !image_in_product_directory(process, context); });
+
+    const debug_privilege_scope privilege;
+    for (const DWORD process : find_processes_by_image(shell_host_images(), listing::strict)) {
+        if (host_has_our_modules(process, context)) {
+            found.push_back(process);
+        }
+    }
+    std::erase_if(found, [&](DWORD process) { return !runs_in_upgraded_session(process, context); });
+    return found;
+}
+
+void stop(MSIHANDLE session, const context& context)
+{
+    const auto log = [session](const std::wstring& line) { upgrade_log(session, line); };
+    process_list processes = upgrade_processes(context);
+    for (const DWORD polite_limit_ms : {DWORD{5000}, DWORD{1000}}) {
+        log_process_group(log, L"Upgrade processes", processes);
+        if (processes.empty()) {
+            return;
+        }
+        const std::vector<kernel_handle> opened = open_processes(processes, context);
+        close_processes(processes, polite_limit_ms);
+        for (const kernel_handle& process : opened) {
+            end_process(process.get());
+        }
+        processes = upgrade_processes(context);
+        if (processes.empty()) {
+            return;
+        }
+    }
+    throw std::runtime_error{"QBL processes survived shutdown; refusing to replace their files"};
+}
+
+} // namespace custom_actions::controlled_upgrade

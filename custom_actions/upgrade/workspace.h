@@ -1,0 +1,43 @@
+#pragma once
+
+#include "custom_actions/upgrade/context.h"
+
+#include <string>
+
+// The folder in which one upgrade keeps its saved packages, its scripts' output and its markers: files whose
+// being there records that a step happened, for later phases to decide on, which may run in other processes.
+// It is never removed.
+namespace custom_actions::controlled_upgrade {
+
+namespace marker {
+inline constexpr const wchar_t* BACKUP_COMPLETE = L"backup-complete";
+inline constexpr const wchar_t* HELPER_RUNNING = L"helper-running";
+inline constexpr const wchar_t* SEARCH_RUNNING = L"search-running";
+inline constexpr const wchar_t* SEARCH_START_TYPE = L"search-start-type-"; // and the type
+inline constexpr const wchar_t* SEARCH_DELAYED_START = L"search-delayed-start";
+inline constexpr const wchar_t* SHUTDOWN_STARTED = L"shutdown-started";
+inline constexpr const wchar_t* REGISTERED = L"registered-"; // and the package's index
+inline constexpr const wchar_t* PACKAGES_TOUCHED = L"packages-touched";
+inline constexpr const wchar_t* PACKAGES_VERIFIED = L"packages-verified";
+inline constexpr const wchar_t* COMMITTED = L"committed";
+inline constexpr const wchar_t* ROLLBACK_COMPLETE = L"rollback-complete";
+} // namespace marker
+
+// What the user may do in a secure directory; the system and the administrators may do everything.
+enum class user_access { read, full };
+
+// Makes a new directory with an access list of its own, which what is made in it inherits. Throws
+// windows_error "Cannot secure recovery directory", or "Cannot create unique recovery directory" also where
+// there is something of this name.
+void create_secure_directory(const std::wstring& path, const std::wstring& user_sid, user_access access);
+
+// Throws windows_error "Cannot persist upgrade recovery state".
+void write_marker(const context& context, const std::wstring& name);
+
+// Throws windows_error "Cannot read upgrade recovery state" where that cannot be told.
+bool has_marker(const context& context, const std::wstring& name);
+
+// The list of the folder windows that were open, which the user's scripts write and read.
+std::wstring folder_list_path(const context& context);
+
+} // namespace custom_actions::controlled_upgrade
