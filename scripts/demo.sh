@@ -115,6 +115,7 @@ suite_value() {
 suite_value_is() { [ "$(suite_value "$1")" = "$2" ]; }
 installed_notes='build/wine/drive_c/Program Files/Quorbel/release_notes.txt'
 notes_are() { [ "$(tr -d '\r' <"$installed_notes")" = "$1" ]; }
+notes_now() { nothing_installed || tr -d '\r' <"$installed_notes"; }
 nothing_installed() { [ ! -e "$installed_notes" ]; }
 
 handlers='HKLM\SOFTWARE\Microsoft\Windows\CurrentVersion\PropertySystem\PropertyHandlers'
@@ -248,7 +249,7 @@ scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null
 run_msiexec 6-failed-upgrade /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
 check "the installer failed" failed_to_install
 # Wine does not bring back the old version's files, so what there is now depends on where this runs.
-check_search "Quorbel 1.4.2" "$(cat "$installed_notes" 2>/dev/null | tr -d '\r')"
+check_search "Quorbel 1.4.2" "$(notes_now)"
 
 heading "Upgrade to 1.5.0 again, and remove it"
 run_msiexec 7-upgrade-1.5.0 /i "$(package 1.5.0)"
