@@ -1,9 +1,11 @@
+#include "custom_actions/common/system_directory.h"
 #include "custom_actions/common/windows_error.h"
 #include "custom_actions/processes/token.h"
 #include "custom_actions/upgrade/early_upgrade.h"
 #include "tests/support/child_process.h"
 #include "tests/support/faults.h"
 #include "tests/support/played_clock.h"
+#include "tests/support/powershell_stand_in.h"
 #include "tests/support/scheduler_stand_in.h"
 #include "tests/support/scripted_session.h"
 #include "tests/support/toy_suite.h"
@@ -12,21 +14,21 @@
 #include <gtest/gtest.h>
 #include <objbase.h>
 #include <tlhelp32.h>
-#include <wincrypt.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <iterator>
 #include <optional>
-#include <regex>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 namespace custom_actions {
 namespace {
 
 using namespace std::chrono_literals;
+using test_support::end_programs;
 using test_support::intercepted_import;
 using test_support::thrown_by;
 using test_support::toy_process;
@@ -34,7 +36,6 @@ using testing::AllOf;
 using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::ResultOf;
 using testing::SizeIs;
@@ -63,13 +64,6 @@ DWORD own_session()
     return session;
 }
 
-std::wstring system_folder()
-{
-    wchar_t path[MAX_PATH]{};
-    GetSystemDirectoryW(path, MAX_PATH);
-    return path;
-}
-
 std::wstring id_of(const toy_process& process)
 {
     return L" " + std::to_wstring(process.id());
@@ -80,57 +74,6 @@ std::string told(const char* failure)
 {
     return std::string{failure} + " (" + std::to_string(static_cast<DWORD>(TOLD)) + ")";
 }
-
-// What PowerShell is given to run.
-std::wstring script_of(const test_support::scheduler_stand_in::properties& task)
-{
-    static constexpr std::wstring_view before =
-        L"-NoProfile -NonInteractive -WindowStyle Hidden -EncodedCommand ";
-    const std::wstring& arguments = task.at(L"Arguments");
-    EXPECT_EQ(arguments.substr(0, before.size()), before);
-    const std::wstring encoded = arguments.substr(before.size());
-    std::wstring script(encoded.size(), L'\0');
-    auto size = static_cast<DWORD>(script.size() * sizeof(wchar_t));
-    EXPECT_TRUE(CryptStringToBinaryW(
-        encoded.c_str(),
-        0,
-        CRYPT_STRING_BASE64,
-        reinterpret_cast<BYTE*>(script.data()),
-        &size,
-        nullptr,
-        nullptr));
-    script.resize(size / sizeof(wchar_t));
-    return script;
-}
-
-// A copy of the toy program at this path, until the scope ends.
-class installed_program {
-public:
-    installed_program(const wchar_t* folder, const wchar_t* name)
-        : folder_{std::filesystem::temp_directory_path() / folder}
-    {
-        std::filesystem::create_directories(folder_);
-        std::filesystem::copy_file(
-            std::filesystem::path{test_support::this_program()}.parent_path() / L"toy_program.exe",
-            folder_ / name,
-            std::filesystem::copy_options::overwrite_existing);
-        path = (folder_ / name).wstring();
-    }
-
-    ~installed_program()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(folder_, ignored);
-    }
-
-    installed_program(const installed_program&) = delete;
-    installed_program& operator=(const installed_program&) = delete;
-
-    std::wstring path;
-
-private:
-    std::filesystem::path folder_;
-};
 
 struct scheduler_call {
     const wchar_t* call;
@@ -244,14 +187,15 @@ private:
 
 TEST_F(EarlyUpgrade, closes_the_programs_once_a_task_can_bring_them_back)
 {
-    const installed_program quoted{L"toy o'suite", L"Quorbel.HotkeyHandler.exe"};
-    const installed_program main_image{L"toy suite", L"Quorbel.exe"};
-    const toy_process main_program{main_image.path};
-    const toy_process again{main_image.path, L"--class=Progman"};
-    const toy_process hotkeys{quoted.path};
+    const toy_process main_program{L"Quorbel.exe"};
+    const toy_process again{L"Quorbel.exe", L"--class=Progman"};
+    const toy_process hotkeys{L"Quorbel.HotkeyHandler.exe"};
     const toy_process tagging{L"quorbel.autotagging.service.EXE"};
     const toy_process other{L"Quorbel.Comment.exe"};
-    EXPECT_EQ(prepare(), "");
+    {
+        const test_support::played_clock stopped{module_under_test()}; // however busy the machine is
+        EXPECT_EQ(prepare(), "");
+    }
 
     EXPECT_EQ(main_program.exit_code(), 0U);
     EXPECT_EQ(again.exit_code(), 0U) << "whatever its window is";
@@ -275,17 +219,9 @@ TEST_F(EarlyUpgrade, closes_the_programs_once_a_task_can_bring_them_back)
             L"survivors."));
 
     auto properties = task;
-    EXPECT_EQ(
-        script_of(task),
-        L"$ErrorActionPreference='Stop'; $session=(Get-Process -Id $PID).SessionId; foreach($path in @('" +
-            main_image.path + L"','" + std::regex_replace(quoted.path, std::wregex{L"'"}, L"''") + L"'" +
-            L")) { $name=[IO.Path]::GetFileNameWithoutExtension($path); $running=@(Get-Process -Name $name "
-            L"-ErrorAction SilentlyContinue | Where-Object { $_.SessionId -eq $session -and $_.Path -eq "
-            L"$path }); if (!$running.Count -and (Test-Path -LiteralPath $path)) { Start-Process -FilePath "
-            L"$path -WorkingDirectory ([IO.Path]::GetDirectoryName($path)) | Out-Null } }");
     properties.erase(L"Arguments");
     const test_support::scheduler_stand_in::properties expected{
-        {L"Path", system_folder() + LR"(\WindowsPowerShell\v1.0\powershell.exe)"},
+        {L"Path", system_directory("no system directory") + LR"(\WindowsPowerShell\v1.0\powershell.exe)"},
         {L"UserId", own_sid()},
         {L"LogonType", L"3"},
         {L"RunLevel", L"0"},
@@ -298,6 +234,38 @@ TEST_F(EarlyUpgrade, closes_the_programs_once_a_task_can_bring_them_back)
     std::vector<std::wstring> calls;
     std::ranges::transform(CLOSING, std::back_inserter(calls), &scheduler_call::call);
     EXPECT_EQ(scheduler->calls(), calls);
+}
+
+TEST_F(EarlyUpgrade, brings_back_each_program_that_it_closed_and_that_is_not_back_yet)
+{
+    const test_support::powershell_stand_in powershell;
+    const auto folder = std::filesystem::temp_directory_path() / L"toy o'suite";
+    const auto quoted = folder / L"Quorbel.HotkeyHandler.exe";
+    std::filesystem::create_directories(folder);
+    std::filesystem::copy_file(
+        std::filesystem::path{test_support::this_program()}.parent_path() / L"toy_program.exe",
+        quoted,
+        std::filesystem::copy_options::overwrite_existing);
+    {
+        const toy_process main_program{L"Quorbel.exe"};
+        const toy_process tray{L"Quorbel.SystemTray.exe"};
+        const toy_process same_tray{L"Quorbel.SystemTray.exe"};
+        const toy_process hotkeys{quoted.wstring()};
+        const toy_process tagging{L"quorbel.autotagging.service.EXE"};
+        EXPECT_EQ(prepare(), "");
+    }
+    const toy_process main_program{L"Quorbel.exe"}; // by the user himself
+    EXPECT_EQ(recover(), "") << powershell.refused();
+    ASSERT_THAT(powershell.scripts(), SizeIs(1));
+    const std::wstring script = powershell.scripts().front();
+    EXPECT_EQ(script.find(L"SystemTray"), script.rfind(L"SystemTray")) << "two processes of one path";
+    EXPECT_EQ(end_programs(L"Quorbel.exe"), 1U);
+    EXPECT_EQ(end_programs(L"Quorbel.SystemTray.exe"), 1U);
+    EXPECT_EQ(end_programs(L"Quorbel.HotkeyHandler.exe"), 1U);
+    EXPECT_EQ(end_programs(L"Quorbel.AutoTagging.Service.exe"), 0U);
+    EXPECT_THAT(scheduler->tasks(), IsEmpty());
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
 }
 
 TEST_F(EarlyUpgrade, closes_nothing_that_it_cannot_bring_back)
@@ -362,13 +330,15 @@ TEST_F(EarlyUpgrade, leaves_alone_what_is_not_the_users_or_cannot_be_looked_at)
     EXPECT_FALSE(main_program.exit_code());
 }
 
-TEST_F(EarlyUpgrade, registers_an_empty_list_where_nothing_is_started_again)
+TEST_F(EarlyUpgrade, registers_a_task_also_where_nothing_is_to_be_started_again)
 {
+    const test_support::powershell_stand_in powershell;
     const toy_process tagging{L"Quorbel.AutoTagging.Service.exe"};
     EXPECT_EQ(prepare(), "");
-    EXPECT_EQ(tagging.exit_code(), 0U);
-    ASSERT_THAT(scheduler->tasks(), SizeIs(1));
-    EXPECT_THAT(script_of(scheduler->tasks().begin()->second), HasSubstr(L"foreach($path in @()) {"));
+    EXPECT_EQ(tagging.exit_code(5s), 0U);
+    EXPECT_THAT(scheduler->tasks(), SizeIs(1));
+    EXPECT_EQ(recover(), "") << powershell.refused();
+    EXPECT_EQ(end_programs(L"Quorbel.AutoTagging.Service.exe"), 0U);
 }
 
 TEST_F(EarlyUpgrade, gives_all_programs_two_seconds_together_and_ends_none)
@@ -422,7 +392,9 @@ protected:
     {
         scheduler->clear();
         scheduler->register_task(
-            TASK, {{L"Path", system_folder() + LR"(\cmd.exe)"}, {L"Arguments", L"/c " + command}});
+            TASK,
+            {{L"Path", system_directory("no system directory") + LR"(\cmd.exe)"},
+             {L"Arguments", L"/c " + command}});
     }
 };
 
