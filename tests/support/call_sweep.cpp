@@ -279,10 +279,8 @@ public:
         at_ += code.size();
     }
 
-    template <class Value>
-    void value(Value number) noexcept
+    void value(ULONG_PTR number) noexcept
     {
-        static_assert(sizeof number == 8);
         std::memcpy(at_, &number, sizeof number);
         at_ += sizeof number;
     }
@@ -340,12 +338,12 @@ call_sweep::call_sweep(HMODULE module)
         throw std::runtime_error{"how do these fail? The table of call_sweep.cpp does not tell:" + unknown};
     }
     write_code();
-    const std::size_t stubs_start = code_->size - stubs_.size() * STUB_SIZE;
+    const std::size_t stubs_start = code_->size - (stubs_.size() * STUB_SIZE);
     for (std::size_t index = 0; index != stubs_.size(); ++index) {
         patches_.push_back(std::make_unique<untyped_import_patch>(
             module,
             stubs_[index].function.c_str(),
-            reinterpret_cast<ULONG_PTR>(code_->start + stubs_start + index * STUB_SIZE)));
+            reinterpret_cast<ULONG_PTR>(code_->start + stubs_start + (index * STUB_SIZE))));
     }
 }
 
@@ -356,20 +354,20 @@ void call_sweep::write_code()
 {
     const std::size_t table_size = stubs_.size() * sizeof(RUNTIME_FUNCTION);
     const std::size_t stubs_start = (table_size + UNWIND_INFORMATION.size() + 15) / 16 * 16;
-    code_ = std::make_unique<executable_memory>(stubs_start + stubs_.size() * STUB_SIZE);
+    code_ = std::make_unique<executable_memory>(stubs_start + (stubs_.size() * STUB_SIZE));
     auto* const functions = reinterpret_cast<RUNTIME_FUNCTION*>(code_->start);
     code_writer{code_->start + table_size}.bytes(UNWIND_INFORMATION);
     for (std::size_t index = 0; index != stubs_.size(); ++index) {
-        const auto offset = static_cast<DWORD>(stubs_start + index * STUB_SIZE);
+        const auto offset = static_cast<DWORD>(stubs_start + (index * STUB_SIZE));
         functions[index].BeginAddress = offset;
         functions[index].EndAddress = offset + STUB_SIZE;
         functions[index].UnwindData = static_cast<DWORD>(table_size);
         code_writer code{code_->start + offset};
         code.bytes(PROLOGUE);
         code.bytes(SAVE_AND_ASK);
-        code.value(&stubs_[index]);
+        code.value(reinterpret_cast<ULONG_PTR>(&stubs_[index]));
         code.bytes(LOAD_RAX);
-        code.value(&on_call);
+        code.value(reinterpret_cast<ULONG_PTR>(&on_call));
         code.bytes(ASK_AND_RESTORE);
         code.bytes(LOAD_RAX);
         code.value(stubs_[index].original);
@@ -427,7 +425,7 @@ const ULONG_PTR* call_sweep::on_call(const stub* called, ULONG_PTR first_argumen
     for (void* const step : std::span{way}.first(depth)) {
         const auto address = reinterpret_cast<ULONG_PTR>(step);
         if (address >= sweep.module_start_ && address < sweep.module_end_) {
-            place = place * 31 + (address - sweep.module_start_);
+            place = (place * 31) + (address - sweep.module_start_);
         }
     }
     const ULONG_PTR* const result = sweep.count(*called, first_argument, place);
