@@ -1,8 +1,26 @@
 #!/usr/bin/env bash
-# Builds, lints and runs every test; ends in CTest's own summary.
+# Builds, lints and runs every test; ends in CTest's own summary. Nothing waits without an end: all stages together are
+# over within 75 minutes on any machine, and the one that is ended for its time is named.
 set -eu
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-scripts/build.sh
-scripts/lint.sh
-# One at a time: some end Explorer, close programs by name or install packages, in the one prefix that all share.
-ctest --preset mingw
+
+# stage SECONDS COMMAND...: runs the command, which has that long.
+stage() {
+  local limit=$1 code=0 start=$SECONDS
+  shift
+  timeout -k 15 "$limit" "$@" </dev/null || code=$?
+  echo "== $1: $((SECONDS - start)) s"
+  if [ "$code" = 124 ] || [ "$code" = 137 ]; then
+    echo "== ENDED: $* was not done within $limit s. What runs:" >&2
+    ps -eo pid,ppid,etimes,time,stat,args --sort=-etimes | cut -c1-160 >&2
+  fi
+  [ "$code" = 0 ] || exit "$code"
+}
+trap 'scripts/wine.sh --end' EXIT
+
+stage 600 scripts/setup.sh
+stage 1200 scripts/build.sh
+stage 1200 scripts/lint.sh
+# One at a time: some end Explorer, close programs by name or install packages, in the one prefix that all share. CTest
+# itself starts no test any more at the end of its time, so that there is a summary of those that ran.
+stage 1500 ctest --preset mingw --stop-time "$(date -d '+23 minutes' +%T)"

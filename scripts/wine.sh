@@ -2,6 +2,9 @@
 # Runs a Windows program in the project's own Wine prefix, build/wine, making the prefix first where there is none.
 # CMake uses it to run what it has cross-compiled.
 #   scripts/wine.sh PROGRAM [ARGUMENT...]
+#   scripts/wine.sh --limit SECONDS PROGRAM [ARGUMENT...]
+#                               ends the program when its time is over, and gives its output when it has ended: what it
+#                               leaves running holds nothing of the caller's open
 #   scripts/wine.sh --end       ends everything that runs in the prefix
 set -eu
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -14,22 +17,38 @@ export DISPOSABLE_MACHINE=1 # the prefix is: tests may install there what they l
 # would be offered for download.
 export WINEDLLOVERRIDES='winedbg.exe=d;winemenubuilder.exe=d;mscoree=d;mshtml=d'
 
+# within SECONDS COMMAND...: runs the command and says so where its time is over.
+within() {
+  local code=0
+  timeout -k 10 "$@" || code=$?
+  [ "$code" != 124 ] && [ "$code" != 137 ] || echo "wine.sh: ENDED, not done within $1 s: ${*:2}" >&2
+  return "$code"
+}
+
+end_all() { within 20 "$WINESERVER" -k >/dev/null 2>&1 </dev/null || true; } # it fails where no server runs
+
 make_prefix() {
-  "$wine" wineboot --init &&
+  within 180 "$wine" wineboot --init &&
     # Real windows, and no display that shows them.
-    "$wine" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f &&
-    "$WINESERVER" -w
+    within 60 "$wine" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f &&
+    { within 30 "$WINESERVER" -w || end_all; }
 }
 
 if [ "${1:-}" = --end ]; then
-  [ ! -d "$WINEPREFIX" ] || "$WINESERVER" -k || true # it fails where no server runs
+  [ ! -d "$WINEPREFIX" ] || end_all
   exit 0
+fi
+
+limit=
+if [ "${1:-}" = --limit ]; then
+  limit=$2
+  shift 2
 fi
 
 if [ ! -f "$WINEPREFIX/.ready" ]; then
   mkdir -p "$WINEPREFIX"
   (
-    flock 9
+    flock -w 300 9 || { echo "wine.sh: somebody else has been making $WINEPREFIX for 300 s" >&2; exit 1; }
     if [ ! -f "$WINEPREFIX/.ready" ]; then
       make_prefix >"$WINEPREFIX/.setup.log" 2>&1 </dev/null 9>&- || { cat "$WINEPREFIX/.setup.log" >&2; exit 1; }
       touch "$WINEPREFIX/.ready"
@@ -39,7 +58,14 @@ fi
 
 # The services of the prefix inherit the pipes of the program that brings them up, and whoever reads those pipes would
 # wait for them: so they are brought up here, and stay.
-if "$WINESERVER" -p >/dev/null 2>&1 </dev/null; then
-  "$wine" wineboot >/dev/null 2>&1 </dev/null
+if timeout -k 5 20 "$WINESERVER" -p >/dev/null 2>&1 </dev/null; then
+  within 120 "$wine" wineboot >/dev/null 2>&1 </dev/null || { echo "wine.sh: wineboot ended with $?" >&2; exit 1; }
 fi
-exec "$wine" "$@"
+[ -n "$limit" ] || exec "$wine" "$@"
+
+output=$(mktemp)
+trap 'rm -f "$output"' EXIT
+code=0
+within "$limit" "$wine" "$@" >"$output" 2>&1 </dev/null || code=$?
+cat "$output"
+exit "$code"

@@ -36,7 +36,7 @@ using com_pointer = scoped_handle<com_traits<Interface>>;
 struct com_string_traits {
     using handle_type = BSTR;
 
-    static bool is_open(handle_type text) noexcept { return text != nullptr; }
+    static bool is_open(const wchar_t* text) noexcept { return text != nullptr; }
 
     static void close(handle_type text) noexcept { SysFreeString(text); }
 };

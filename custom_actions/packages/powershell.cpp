@@ -81,13 +81,13 @@ std::optional<std::string> read_file(const std::wstring& path)
     std::string content;
     std::array<char, 4096> chunk{};
     DWORD read = 0;
-    do {
-        if (!ReadFile(file.get(), chunk.data(), static_cast<DWORD>(chunk.size()), &read, nullptr)) {
-            return std::nullopt;
+    while (ReadFile(file.get(), chunk.data(), static_cast<DWORD>(chunk.size()), &read, nullptr)) {
+        if (read == 0) {
+            return content;
         }
         content.append(chunk.data(), read);
-    } while (read != 0);
-    return content;
+    }
+    return std::nullopt;
 }
 
 } // namespace

@@ -13,7 +13,7 @@ namespace custom_actions {
 namespace {
 
 struct close_request {
-    const process_list& processes;
+    const process_list* processes;
     asked_windows windows;
 };
 
@@ -33,7 +33,7 @@ BOOL CALLBACK ask_to_close(HWND window, LPARAM parameter)
     const auto& request = *reinterpret_cast<const close_request*>(parameter);
     DWORD owner = 0;
     GetWindowThreadProcessId(window, &owner);
-    if (std::ranges::find(request.processes, owner) != request.processes.end() &&
+    if (std::ranges::find(*request.processes, owner) != request.processes->end() &&
         (request.windows == asked_windows::all || !is_desktop_window(window))) {
         PostMessageW(window, WM_CLOSE, 0, 0);
     }
@@ -62,7 +62,7 @@ bool is_desktop_class(std::wstring_view window_class) noexcept
 
 void ask_windows_to_close(const process_list& processes, asked_windows windows) noexcept
 {
-    const close_request request{.processes = processes, .windows = windows};
+    const close_request request{.processes = &processes, .windows = windows};
     EnumWindows(ask_to_close, reinterpret_cast<LPARAM>(&request));
 }
 

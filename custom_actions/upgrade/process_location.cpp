@@ -15,7 +15,7 @@ DWORD first_module_path(HANDLE process, std::wstring& path) noexcept
 {
     HMODULE first = nullptr;
     DWORD needed = 0;
-    if (!K32EnumProcessModulesEx(process, &first, sizeof first, &needed, LIST_MODULES_ALL)) {
+    if (!K32EnumProcessModulesEx(process, &first, sizeof(HMODULE), &needed, LIST_MODULES_ALL)) {
         return 0;
     }
     return K32GetModuleFileNameExW(process, first, path.data(), static_cast<DWORD>(path.size()));

@@ -10,6 +10,7 @@
 #include "tests/support/pe_image.h"
 #include "tests/support/registry_sandbox.h"
 #include "tests/support/toy_suite.h"
+#include "tests/support/windows_search.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -38,10 +39,12 @@ std::optional<std::wstring> suite_value(const wchar_t* name)
     return status == ERROR_SUCCESS ? std::optional<std::wstring>{text} : std::nullopt;
 }
 
+constexpr const wchar_t* RELEASE_NOTES = LR"(C:\Program Files\Quorbel\release_notes.txt)";
+
 // The first line of the installed file, or nothing where there is none.
 std::string release_notes()
 {
-    std::ifstream file{R"(C:\Program Files\Quorbel\release_notes.txt)"};
+    std::ifstream file{RELEASE_NOTES};
     std::string line;
     std::getline(file, line);
     return line;
@@ -112,6 +115,26 @@ DWORD own_session()
     return session;
 }
 
+// Search ran before and runs now. It was stopped and started once: with the files of `before` on the machine,
+// and with those that are there now.
+void expect_search_was_out_of_the_way(
+    const installation& run, windows_search& search, const std::wstring& before)
+{
+    EXPECT_THAT(
+        run.lines_after("Windows Search "),
+        ElementsAre(
+            "was running; transactional stop/restore scheduled.",
+            "stopped before file changes.",
+            "restored to running."));
+    EXPECT_EQ(search.state(), DWORD{SERVICE_RUNNING});
+    EXPECT_EQ(search.stops(), 1U);
+    EXPECT_EQ(search.starts(), 1U);
+    EXPECT_EQ(search.line_at_stop(), before);
+    const std::string now = release_notes();
+    EXPECT_EQ(search.line_at_start(), (std::wstring{now.begin(), now.end()}));
+    search.forget();
+}
+
 TEST_F(SuiteLife, runs_from_installation_over_two_upgrades_to_removal)
 {
     ASSERT_EQ(suite_value(L"Version"), std::nullopt);
@@ -119,6 +142,9 @@ TEST_F(SuiteLife, runs_from_installation_over_two_upgrades_to_removal)
     plant_value(HKEY_LOCAL_MACHINE, HANDLERS + L"\\.png", L"", registry_text(FOREIGN_HANDLER));
 
     plant_value(HKEY_CURRENT_USER, ICON_SLOT, L"", registry_text(FOREIGN_HANDLER));
+
+    windows_search search{{.start_time = 300, .stop_time = 300, .watch = RELEASE_NOTES}};
+    search.start();
 
     const installation first = run_installer(sample_package(L"1.4.1"));
     EXPECT_EQ(first.result, 0U);
@@ -135,6 +161,7 @@ TEST_F(SuiteLife, runs_from_installation_over_two_upgrades_to_removal)
     EXPECT_THAT(
         first.lines_after("Custom action: propertyhandler_updateregistry: "),
         ElementsAre("Starting...", "Registry updated successfully."));
+    expect_search_was_out_of_the_way(first, search, L"");
     EXPECT_EQ(types_with_our_handler(), 63U) << "all but .png, which had another";
     EXPECT_EQ(handler_of(L".png"), registry_text(FOREIGN_HANDLER));
     EXPECT_THAT(
@@ -174,6 +201,7 @@ TEST_F(SuiteLife, runs_from_installation_over_two_upgrades_to_removal)
     EXPECT_THAT(minor.lines_after(EXPLORER_RESTORED), ElementsAre(""));
     EXPECT_EQ(suite_value(L"MinorUpgrade"), L"1");
     EXPECT_EQ(release_notes(), "Quorbel 1.4.2");
+    expect_search_was_out_of_the_way(minor, search, L"Quorbel 1.4.1");
 
     const installation major = run_installer(sample_package(L"1.5.0"));
     EXPECT_EQ(major.result, 0U);
@@ -187,6 +215,7 @@ TEST_F(SuiteLife, runs_from_installation_over_two_upgrades_to_removal)
     EXPECT_EQ(suite_value(L"Version"), L"1.5.0");
     EXPECT_EQ(suite_value(L"MinorUpgrade"), L"");
     EXPECT_EQ(release_notes(), "Quorbel 1.5.0");
+    expect_search_was_out_of_the_way(major, search, L"Quorbel 1.4.2");
     EXPECT_EQ(types_with_our_handler(), 63U);
     for (const auto* upgrade : {&minor, &major}) {
         EXPECT_THAT(upgrade->lines_after("Quorbel has been removed."), IsEmpty())
@@ -203,6 +232,7 @@ TEST_F(SuiteLife, runs_from_installation_over_two_upgrades_to_removal)
     EXPECT_THAT(removal.lines_after("Please restart when it is convenient for you."), ElementsAre(""));
     EXPECT_EQ(suite_value(L"Version"), std::nullopt);
     EXPECT_EQ(release_notes(), "");
+    expect_search_was_out_of_the_way(removal, search, L"Quorbel 1.5.0");
     EXPECT_THAT(
         removal.lines_after("Custom action: propertyhandler_removeregistry: "),
         ElementsAre("Starting...", "Registry updated successfully."));
@@ -241,6 +271,18 @@ TEST_F(SuiteLife, brings_explorer_back_after_success_and_after_failure)
             << "a failure leaves no registration behind";
         EXPECT_EQ(user_value(ICON_SLOT).has_value(), result == 0);
     }
+}
+
+TEST_F(SuiteLife, brings_search_back_after_an_upgrade_that_fails)
+{
+    const installation first = run_installer(sample_package(L"1.4.2"));
+    EXPECT_THAT(first.lines_after("Windows Search "), ElementsAre("stopped or absent; leave unchanged."));
+
+    windows_search search{{.watch = RELEASE_NOTES}};
+    search.start();
+    const installation failed = run_installer(sample_package(L"1.5.0"), L"FAIL_ON_PURPOSE=1");
+    EXPECT_EQ(failed.result, DWORD{ERROR_INSTALL_FAILURE});
+    expect_search_was_out_of_the_way(failed, search, L"Quorbel 1.4.2");
 }
 
 // Two columns of a table of the package, a text and the number that goes with it.
@@ -282,6 +324,10 @@ TEST(SamplePackage, calls_every_action_that_the_library_exports)
         {"close_and_kill_our_processes", immediate},
         {"restore_explorer", deferred},
         {"rollback_explorer", rollback},
+        {"capture_search_state", immediate},
+        {"rollback_search", rollback},
+        {"stop_search", deferred},
+        {"restore_search", deferred},
         {"rollback_property_handler", rollback},
         {"rollback_icon_handler", deferred_as_user + 256},
         {"fail_on_purpose", deferred},
@@ -296,7 +342,11 @@ TEST(SamplePackage, calls_every_action_that_the_library_exports)
             EXPECT_LT(places.at(action), places.at("InstallFinalize")) << action;
         }
     }
-    EXPECT_LT(places.at("InstallInitialize"), places.at("RemoveExistingProducts"));
+    EXPECT_LT(places.at("capture_search_state"), places.at("close_and_kill_our_processes"));
+    EXPECT_LT(places.at("rollback_search"), places.at("stop_search"));
+    EXPECT_LT(places.at("stop_search"), places.at("InstallExecute"));
+    EXPECT_LT(places.at("InstallExecute"), places.at("RemoveExistingProducts"));
+    EXPECT_LT(places.at("InstallFiles"), places.at("restore_search"));
     EXPECT_LT(places.at("RemoveExistingProducts"), places.at("ProcessComponents"));
 
     const auto called = package_column(L"SELECT `Target`, `Type` FROM `CustomAction`");

@@ -3,6 +3,7 @@
 #include "custom_actions/processes/token.h"
 #include "tests/support/faults.h"
 #include "tests/support/installation.h"
+#include "tests/support/played_clock.h"
 #include "tests/support/toy_suite.h"
 
 #include <gmock/gmock.h>
@@ -14,6 +15,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace custom_actions {
 namespace {
@@ -181,22 +183,6 @@ TEST_F(Explorer, is_not_started_where_anything_fails_and_tells_what)
     EXPECT_FALSE(explorer_running_in_session(own_session()));
 }
 
-// A clock that runs only while somebody sleeps.
-ULONGLONG played_now = 0;
-unsigned played_sleeps = 0;
-
-ULONGLONG WINAPI tell_played_time()
-{
-    return played_now;
-}
-
-void WINAPI sleep_in_played_time(DWORD milliseconds)
-{
-    EXPECT_EQ(milliseconds, 250U);
-    played_now += milliseconds;
-    ++played_sleeps;
-}
-
 BOOL WINAPI start_nothing(
     HANDLE,
     LPCWSTR program,
@@ -222,15 +208,13 @@ BOOL WINAPI start_nothing(
 TEST_F(Explorer, is_waited_for_ten_seconds)
 {
     end_explorer();
-    const import_patch<decltype(GetTickCount64)> clock{
-        module_under_test(), "GetTickCount64", tell_played_time};
-    const import_patch<decltype(Sleep)> sleep{module_under_test(), "Sleep", sleep_in_played_time};
+    const test_support::played_clock clock{module_under_test()};
     const import_patch<decltype(CreateProcessAsUserW)> start{
         module_under_test(), "CreateProcessAsUserW", start_nothing};
     EXPECT_EQ(
         thrown_by([] { restart_explorer_from_record(own_record()); }),
         "Explorer did not return after launch");
-    EXPECT_EQ(played_sleeps, 40U);
+    EXPECT_EQ(clock.sleeps(), std::vector<DWORD>(40, 250));
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "custom_actions/processes/process_closing.h"
 #include "tests/support/faults.h"
 #include "tests/support/installation.h"
+#include "tests/support/played_clock.h"
 #include "tests/support/scripted_session.h"
 #include "tests/support/toy_suite.h"
 
@@ -194,16 +195,14 @@ TEST_F(SuiteClosing, fails_silently_before_it_has_begun)
 TEST_F(SuiteClosing, names_the_programs_that_keep_the_hook)
 {
     const toy_process bystander{L"Other.exe", L"--load=" + toy_library(L"Quorbel.WindowOrganizer.Hook.dll")};
-    const ULONGLONG took = milliseconds_for([&] {
-        EXPECT_EQ(
-            close().at(3),
-            L"Window Organizer hook image still mapped in running applications; its file will be removed on "
-            L"restart. "
-            L"PIDs:" +
-                id_of(bystander));
-    });
-    EXPECT_GE(took, 3000U);
-    EXPECT_LT(took, 6000U);
+    const test_support::played_clock clock{module_under_test()};
+    EXPECT_EQ(
+        close().at(3),
+        L"Window Organizer hook image still mapped in running applications; its file will be removed on "
+        L"restart. "
+        L"PIDs:" +
+            id_of(bystander));
+    EXPECT_EQ(clock.sleeps(), std::vector<DWORD>(12, 250));
     EXPECT_FALSE(bystander.exit_code()) << "nobody else's program is ended";
 }
 

@@ -51,22 +51,28 @@ std::wstring copy_of(const wchar_t* original, const std::wstring& name)
 
 } // namespace
 
-void end_explorer()
+std::size_t end_programs(const std::wstring& name)
 {
     using custom_actions::find_processes_by_image;
     using custom_actions::listing;
+    const std::size_t at_first = find_processes_by_image({name}, listing::strict).size();
     for (int tries = 0; tries != 100; ++tries) {
-        const auto running = find_processes_by_image({L"explorer.exe"}, listing::strict);
+        const auto running = find_processes_by_image({name}, listing::strict);
         if (running.empty()) {
-            return;
+            return at_first;
         }
         for (const DWORD process : running) {
-            const kernel_handle explorer{OpenProcess(PROCESS_TERMINATE, FALSE, process)};
-            TerminateProcess(explorer.get(), 0);
+            const kernel_handle program{OpenProcess(PROCESS_TERMINATE, FALSE, process)};
+            TerminateProcess(program.get(), 0);
         }
         Sleep(50);
     }
-    throw std::runtime_error{"Explorer does not end"};
+    throw std::runtime_error{"a program does not end"};
+}
+
+void end_explorer()
+{
+    end_programs(L"explorer.exe");
 }
 
 std::wstring toy_library(const std::wstring& name)

@@ -16,6 +16,9 @@ namespace test_support {
 // end: what was started by a test holds the test's output open, and whoever reads that would wait for it.
 void end_explorer();
 
+// Ends every program of this name and waits until none is listed; how many there were at first.
+std::size_t end_programs(const std::wstring& name);
+
 // A copy of the toy library under this name, in a folder of this process's own; its path.
 std::wstring toy_library(const std::wstring& name);
 

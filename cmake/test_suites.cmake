@@ -1,0 +1,31 @@
+# One entry of CTest's for each suite of a GoogleTest program: one for each case would cost a process each, and one for
+# the program would hide which part of it failed. The program is asked for its suites when CTest starts, since it may not
+# run where it is built.
+#   add_test_suites(TARGET [PROPERTY VALUE...])
+# The cases of the suite "Fault" break on purpose; others run them in processes of their own.
+function(add_test_suites target)
+  # The program ends a test that is over its time by itself, with its name; behind that is the limit of a suite, and
+  # CTest's own is behind both.
+  set(suite_limit 200)
+  set(ctest_limit 230)
+  if(CMAKE_CROSSCOMPILING)
+    set(emulator ${CMAKE_CROSSCOMPILING_EMULATOR} --limit ${suite_limit})
+  endif()
+  set(list_file ${CMAKE_CURRENT_BINARY_DIR}/${target}_suites)
+  file(
+    GENERATE
+    OUTPUT ${list_file}_$<CONFIG>.cmake
+    CONTENT "set(emulator \"${emulator}\")
+set(list_file \"${list_file}\")
+set(program \"$<TARGET_FILE:${target}>\")
+set(properties \"TIMEOUT;${ctest_limit};${ARGN}\")
+include(\"${PROJECT_SOURCE_DIR}/cmake/list_test_suites.cmake\")
+")
+  get_property(multi_config GLOBAL PROPERTY GENERATOR_IS_MULTI_CONFIG)
+  set(config ${CMAKE_BUILD_TYPE})
+  if(multi_config)
+    set(config "\${CTEST_CONFIGURATION_TYPE}")
+  endif()
+  file(WRITE ${list_file}.cmake "include(\"${list_file}_${config}.cmake\")\n")
+  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${list_file}.cmake)
+endfunction()

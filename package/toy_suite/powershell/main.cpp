@@ -1,0 +1,195 @@
+// Stands in for Windows PowerShell where there is none. It understands the two command lines and the very
+// statements that the custom actions give to PowerShell, on a machine whose packages and folder windows are
+// made up in the registry; processes are real. Whatever else it is given it refuses: exit code 64, with the
+// text on standard error and in the state's value "Refused".
+//
+// Every script is kept, numbered from 1, in the values of the state's key "Scripts"; "ElevationType" is the
+// TOKEN_ELEVATION_TYPE under which the last one ran.
+
+#include "package/toy_suite/powershell/state.h"
+#include "package/toy_suite/powershell/statements.h"
+#include "package/toy_suite/powershell/text.h"
+
+#include <windows.h>
+#include <shellapi.h>
+#include <wincrypt.h>
+
+#include <algorithm>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace toy_powershell {
+namespace {
+
+constexpr int REFUSED = 64;
+
+std::vector<std::wstring> read_arguments()
+{
+    int count = 0;
+    LPWSTR* arguments = CommandLineToArgvW(GetCommandLineW(), &count);
+    std::vector<std::wstring> read{arguments + 1, arguments + count};
+    LocalFree(static_cast<void*>(arguments));
+    return read;
+}
+
+// The text that Base64 of its UTF-16 units stands for.
+std::optional<std::wstring> decode(const std::wstring& encoded)
+{
+    DWORD size = 0;
+    if (CryptStringToBinaryW(encoded.c_str(), 0, CRYPT_STRING_BASE64, nullptr, &size, nullptr, nullptr) ==
+            FALSE ||
+        size % sizeof(wchar_t) != 0) {
+        return std::nullopt;
+    }
+    std::wstring text(size / sizeof(wchar_t), L'\0');
+    const BOOL decoded = CryptStringToBinaryW(
+        encoded.c_str(),
+        0,
+        CRYPT_STRING_BASE64,
+        reinterpret_cast<BYTE*>(text.data()),
+        &size,
+        nullptr,
+        nullptr);
+    return decoded != FALSE ? std::optional{std::move(text)} : std::nullopt;
+}
+
+// The script of either command line; nothing where it is another.
+std::optional<std::wstring> read_script(const std::vector<std::wstring>& arguments)
+{
+    static constexpr std::wstring_view encoded =
+        L"-NoProfile -NonInteractive -WindowStyle Hidden -EncodedCommand ";
+    static constexpr std::wstring_view plain = L"-NoProfile -ExecutionPolicy Bypass -Command ";
+    std::wstring options;
+    for (std::size_t i = 0; i + 1 < arguments.size(); ++i) {
+        options.append(arguments[i]).push_back(L' ');
+    }
+    if (options == encoded) {
+        return decode(arguments.back());
+    }
+    return options == plain ? std::optional{arguments.back()} : std::nullopt;
+}
+
+int refuse(const std::wstring& text)
+{
+    state_key{}.write(L"Refused", text);
+    std::cerr << "The stand-in for PowerShell does not understand: " << narrow(text) << '\n';
+    return REFUSED;
+}
+
+void record(const std::wstring& script)
+{
+    const state_key scripts{L"Scripts"};
+    scripts.write(std::to_wstring(scripts.value_count() + 1).c_str(), script);
+    HANDLE token = nullptr;
+    TOKEN_ELEVATION_TYPE elevation{};
+    DWORD size = sizeof elevation;
+    if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token) != FALSE) {
+        GetTokenInformation(token, TokenElevationType, &elevation, size, &size);
+        CloseHandle(token);
+    }
+    state_key{}.write(L"ElevationType", static_cast<DWORD>(elevation));
+}
+
+// As many bytes as the order says.
+std::string filling(const wchar_t* order, const std::wstring& script)
+{
+    std::string text(std::stoul(order_argument(order, script).value_or(L"0")), '\0');
+    std::ranges::generate(text, [i = 0U]() mutable { return static_cast<char>('0' + (i++ % 10)); });
+    return text;
+}
+
+void run_steps(const parsed_script& parsed, const std::wstring& script, run_state& state)
+{
+    if (ordered(L"Hang", script)) {
+        Sleep(INFINITE);
+    }
+    if (ordered(L"Fail", script)) {
+        throw std::runtime_error{"The script was told to fail"};
+    }
+    for (const script_step& step : parsed.steps) {
+        step.what->run(state, step.values);
+    }
+}
+
+int run_on_streams(const parsed_script& parsed, const std::wstring& script)
+{
+    run_state state;
+    std::string error = filling(L"PrintError", script);
+    state.output = filling(L"PrintOut", script);
+    int code = 0;
+    try {
+        run_steps(parsed, script, state);
+    } catch (const std::exception& thrown) {
+        error.append(thrown.what()).push_back('\n');
+        code = 1;
+    }
+    std::cout << state.output;
+    std::cerr << error;
+    return code;
+}
+
+// The log is opened before anything is done, and has a byte-order mark and lines as Windows' own are.
+int run_into_log(const std::wstring& path, const parsed_script& parsed, const std::wstring& script)
+{
+    if (ordered(L"NoLog", script)) {
+        return 0;
+    }
+    std::ofstream log{std::filesystem::path{path}, std::ios::binary};
+    if (!log) {
+        std::cerr << "Out-File : Could not write '" << narrow(path) << "'\n";
+        return 1;
+    }
+    run_state state;
+    state.output = filling(L"PrintOut", script) + filling(L"PrintError", script);
+    int code = 0;
+    try {
+        run_steps(parsed, script, state);
+    } catch (const std::exception& error) {
+        state.output.append(error.what()).append("\n\n");
+        code = 1;
+    }
+    if (ordered(L"EmptyLog", script)) {
+        state.output.clear();
+    }
+    log << "\xEF\xBB\xBF";
+    for (const char byte : state.output) {
+        log << (byte == '\n' ? "\r\n" : std::string{byte});
+    }
+    return code;
+}
+
+int run()
+{
+    const auto script = read_script(read_arguments());
+    if (!script) {
+        return refuse(GetCommandLineW());
+    }
+    record(*script);
+    const auto parsed = parse(*script);
+    if (!parsed) {
+        return refuse(*script);
+    }
+    if (const auto code = order_argument(L"Die", *script)) {
+        return static_cast<int>(std::stoul(*code));
+    }
+    return parsed->log ? run_into_log(*parsed->log, *parsed, *script) : run_on_streams(*parsed, *script);
+}
+
+} // namespace
+} // namespace toy_powershell
+
+int main()
+{
+    try {
+        return toy_powershell::run();
+    } catch (const std::exception& error) {
+        std::cerr << "The stand-in for PowerShell is broken: " << error.what() << '\n';
+        return toy_powershell::REFUSED;
+    }
+}

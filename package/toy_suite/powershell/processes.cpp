@@ -1,0 +1,69 @@
+#include "package/toy_suite/powershell/processes.h"
+
+#include "package/toy_suite/powershell/text.h"
+
+#include <tlhelp32.h>
+
+#include <stdexcept>
+
+namespace toy_powershell {
+
+void start_process(const std::wstring& program, const std::wstring& arguments, const std::wstring& folder)
+{
+    std::wstring command_line = L'"' + program + L'"' + (arguments.empty() ? L"" : L' ' + arguments);
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION started{};
+    if (CreateProcessW(
+            program.c_str(),
+            command_line.data(),
+            nullptr,
+            nullptr,
+            FALSE,
+            CREATE_NEW_CONSOLE, // and not this process's output, which somebody may be reading to its end
+            nullptr,
+            folder.empty() ? nullptr : folder.c_str(),
+            &startup,
+            &started) == FALSE) {
+        throw std::runtime_error{
+            "Start-Process : This command cannot be run: " + narrow(program) + ", error " +
+            std::to_string(GetLastError())};
+    }
+    CloseHandle(started.hThread);
+    CloseHandle(started.hProcess);
+}
+
+DWORD session_of(DWORD process)
+{
+    DWORD session = 0;
+    return ProcessIdToSessionId(process, &session) != FALSE ? session : ~DWORD{0};
+}
+
+std::wstring path_of(DWORD process)
+{
+    std::wstring path(32768, L'\0');
+    auto size = static_cast<DWORD>(path.size());
+    HANDLE opened = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, process);
+    const bool told = opened != nullptr && QueryFullProcessImageNameW(opened, 0, path.data(), &size) != FALSE;
+    if (opened != nullptr) {
+        CloseHandle(opened);
+    }
+    path.resize(told ? size : 0);
+    return path;
+}
+
+bool process_runs(const std::wstring& name, const std::function<bool(DWORD)>& condition)
+{
+    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    PROCESSENTRY32W entry{};
+    entry.dwSize = sizeof entry;
+    bool runs = false;
+    for (BOOL more = Process32FirstW(snapshot, &entry); more != FALSE && !runs;
+         more = Process32NextW(snapshot, &entry)) {
+        runs = equal_ignoring_case(entry.szExeFile, name + L".exe") && condition(entry.th32ProcessID);
+    }
+    CloseHandle(snapshot);
+    return runs;
+}
+
+} // namespace toy_powershell

@@ -1,0 +1,166 @@
+// Windows Search of the toy suite: a service program, to be installed under that service's name, "WSearch".
+// What it does is in the values of the key Toy below the service's own key; where one is missing, it starts
+// and stops at once.
+//   StartTime     how long starting takes, in milliseconds
+//   StopTime      how long stopping takes
+//   StartedState  the state it then is in (4, running): 1 ends it, which is a start refused; 2 stays pending;
+//   7 is paused NeverStops    1: it stays stop pending WaitHint      what it hints at while it starts or
+//   stops, in milliseconds CheckPointStep
+//                 after how many milliseconds it raises its check point meanwhile; 0 is never
+//   Watch         a file, whose first line it keeps when it starts and when it stops
+// The values of the key Asked, beside that, tell what was asked of it: the numbers Starts and Stops, and the
+// lines AtStart and AtStop of the watched file. The event Global\toy-search-end ends it, whatever it is told
+// and in whatever state it is.
+
+#include <windows.h>
+
+#include <algorithm>
+#include <fstream>
+#include <string>
+
+namespace {
+
+constexpr const wchar_t* SERVICE_NAME = L"WSearch";
+constexpr const wchar_t* TOLD = LR"(SYSTEM\CurrentControlSet\Services\WSearch\Toy)";
+constexpr const wchar_t* ASKED = LR"(SYSTEM\CurrentControlSet\Services\WSearch\Asked)";
+
+SERVICE_STATUS_HANDLE reporting = nullptr;
+HANDLE stop_asked = nullptr;
+HANDLE end_asked = nullptr;
+
+DWORD read_number(const wchar_t* key, const wchar_t* name, DWORD otherwise)
+{
+    DWORD number = 0;
+    DWORD size = sizeof number;
+    const LSTATUS status =
+        RegGetValueW(HKEY_LOCAL_MACHINE, key, name, RRF_RT_REG_DWORD, nullptr, &number, &size);
+    return status == ERROR_SUCCESS ? number : otherwise;
+}
+
+void count_one(const wchar_t* name)
+{
+    const DWORD count = read_number(ASKED, name, 0) + 1;
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, ASKED, name, REG_DWORD, &count, sizeof count);
+}
+
+void keep_watched_line(const wchar_t* name)
+{
+    wchar_t path[MAX_PATH]{};
+    DWORD size = sizeof path;
+    if (RegGetValueW(HKEY_LOCAL_MACHINE, TOLD, L"Watch", RRF_RT_REG_SZ, nullptr, path, &size) !=
+        ERROR_SUCCESS) {
+        return;
+    }
+    std::ifstream file{path};
+    std::string line;
+    std::getline(file, line);
+    std::erase(line, '\r');
+    const std::wstring kept{line.begin(), line.end()};
+    RegSetKeyValueW(
+        HKEY_LOCAL_MACHINE,
+        ASKED,
+        name,
+        REG_SZ,
+        kept.c_str(),
+        static_cast<DWORD>((kept.size() + 1) * sizeof(wchar_t)));
+}
+
+bool is_pending(DWORD state)
+{
+    return state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING;
+}
+
+void report(DWORD state, DWORD check_point = 0)
+{
+    SERVICE_STATUS status{};
+    status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+    status.dwCurrentState = state;
+    status.dwControlsAccepted = is_pending(state) ? 0 : SERVICE_ACCEPT_STOP;
+    status.dwCheckPoint = check_point;
+    status.dwWaitHint = is_pending(state) ? read_number(TOLD, L"WaitHint", 0) : 0;
+    SetServiceStatus(reporting, &status);
+}
+
+// Whether the end was asked for before so many milliseconds are over.
+bool end_comes_within(DWORD milliseconds)
+{
+    return WaitForSingleObject(end_asked, milliseconds) == WAIT_OBJECT_0;
+}
+
+// Raises the check point of the state that was reported with the check point 1, for `milliseconds`; false
+// where the end was asked for.
+bool pass_time(DWORD pending_state, DWORD milliseconds)
+{
+    const DWORD step = read_number(TOLD, L"CheckPointStep", 0);
+    for (DWORD check_point = 2; step != 0 && milliseconds > step; ++check_point) {
+        if (end_comes_within(step)) {
+            return false;
+        }
+        milliseconds -= step;
+        report(pending_state, check_point);
+    }
+    return !end_comes_within(milliseconds);
+}
+
+DWORD WINAPI on_control(DWORD control, DWORD /*event*/, LPVOID /*data*/, LPVOID /*context*/)
+{
+    switch (control) {
+    case SERVICE_CONTROL_STOP:
+        count_one(L"Stops");
+        report(SERVICE_STOP_PENDING, 1);
+        SetEvent(stop_asked);
+        return NO_ERROR;
+    case SERVICE_CONTROL_INTERROGATE:
+        return NO_ERROR;
+    default:
+        return ERROR_CALL_NOT_IMPLEMENTED;
+    }
+}
+
+bool start()
+{
+    report(SERVICE_START_PENDING, 1);
+    count_one(L"Starts");
+    keep_watched_line(L"AtStart");
+    if (!pass_time(SERVICE_START_PENDING, read_number(TOLD, L"StartTime", 0))) {
+        return false;
+    }
+    const DWORD started = read_number(TOLD, L"StartedState", SERVICE_RUNNING);
+    report(started, is_pending(started) ? 2 : 0);
+    return started != SERVICE_STOPPED;
+}
+
+void stop()
+{
+    if (!pass_time(SERVICE_STOP_PENDING, read_number(TOLD, L"StopTime", 0))) {
+        return;
+    }
+    keep_watched_line(L"AtStop");
+    if (read_number(TOLD, L"NeverStops", 0) != 0) {
+        WaitForSingleObject(end_asked, INFINITE);
+    }
+}
+
+void WINAPI run_service(DWORD /*count*/, LPWSTR* /*arguments*/)
+{
+    reporting = RegisterServiceCtrlHandlerExW(SERVICE_NAME, on_control, nullptr);
+    if (start()) {
+        const HANDLE asked[]{stop_asked, end_asked};
+        if (WaitForMultipleObjects(2, asked, FALSE, INFINITE) == WAIT_OBJECT_0) {
+            stop();
+        }
+    }
+    report(SERVICE_STOPPED);
+}
+
+} // namespace
+
+int main()
+{
+    stop_asked = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    end_asked = CreateEventW(nullptr, TRUE, FALSE, LR"(Global\toy-search-end)");
+    ResetEvent(end_asked); // the program before may still hold it
+    std::wstring name = SERVICE_NAME;
+    const SERVICE_TABLE_ENTRYW services[]{{name.data(), run_service}, {nullptr, nullptr}};
+    return StartServiceCtrlDispatcherW(services) ? 0 : 1;
+}

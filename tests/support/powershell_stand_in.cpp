@@ -1,0 +1,141 @@
+#include "tests/support/powershell_stand_in.h"
+
+#include "package/toy_suite/powershell/packages.h"
+#include "package/toy_suite/powershell/state.h"
+#include "tests/support/child_process.h"
+#include "tests/support/installation.h"
+
+#include <array>
+#include <filesystem>
+#include <stdexcept>
+
+namespace test_support {
+namespace {
+
+using toy_powershell::state_key;
+
+constexpr const wchar_t* STATE = L"Software\\QuorbelStandIn\\PowerShell";
+
+std::filesystem::path system_powershell()
+{
+    std::array<wchar_t, MAX_PATH> system{};
+    GetSystemDirectoryW(system.data(), static_cast<UINT>(system.size()));
+    return std::filesystem::path{system.data()} / LR"(WindowsPowerShell\v1.0\powershell.exe)";
+}
+
+std::filesystem::path set_aside()
+{
+    return system_powershell().replace_extension(L".set_aside");
+}
+
+} // namespace
+
+powershell_stand_in::powershell_stand_in()
+{
+    if (!machine_is_disposable()) {
+        throw std::runtime_error{"takes PowerShell's place: set DISPOSABLE_MACHINE where that may be"};
+    }
+    RegDeleteTreeW(HKEY_CURRENT_USER, STATE);
+    if (!std::filesystem::exists(set_aside())) { // a process that was ended may have left it there
+        std::filesystem::rename(system_powershell(), set_aside());
+    }
+    std::filesystem::copy_file(
+        std::filesystem::path{this_program()}.parent_path() / L"toy_powershell.exe",
+        system_powershell(),
+        std::filesystem::copy_options::overwrite_existing);
+}
+
+powershell_stand_in::~powershell_stand_in()
+{
+    std::error_code ignored; // the next one finds it set aside
+    std::filesystem::rename(set_aside(), system_powershell(), ignored);
+    RegDeleteTreeW(HKEY_CURRENT_USER, STATE);
+}
+
+void powershell_stand_in::tell(const wchar_t* order, const std::wstring& text) const
+{
+    state_key{}.write(order, text);
+}
+
+void powershell_stand_in::tell(const wchar_t* order, DWORD number) const
+{
+    state_key{}.write(order, number);
+}
+
+void powershell_stand_in::tell_nothing() const
+{
+    for (const wchar_t* order :
+         {L"Hang",
+          L"Die",
+          L"NoLog",
+          L"EmptyLog",
+          L"PrintOut",
+          L"PrintError",
+          L"Fail",
+          L"FailAdd",
+          L"AddStatus",
+          L"KeepPackage",
+          L"TrayWaitMs"}) {
+        RegDeleteKeyValueW(HKEY_CURRENT_USER, STATE, order);
+    }
+}
+
+std::vector<std::wstring> powershell_stand_in::scripts() const
+{
+    const state_key key{L"Scripts"};
+    std::vector<std::wstring> given;
+    while (const auto script = key.text(std::to_wstring(given.size() + 1).c_str())) {
+        given.push_back(*script);
+    }
+    return given;
+}
+
+std::wstring powershell_stand_in::refused() const
+{
+    return state_key{}.text(L"Refused").value_or(L"");
+}
+
+TOKEN_ELEVATION_TYPE powershell_stand_in::elevation() const
+{
+    return static_cast<TOKEN_ELEVATION_TYPE>(state_key{}.number(L"ElevationType").value_or(0));
+}
+
+void powershell_stand_in::register_package(
+    const std::wstring& name,
+    const std::wstring& version,
+    const std::wstring& status,
+    const std::wstring& architecture) const
+{
+    const toy_powershell::package_identity identity{
+        .name = name, .publisher = L"CN=Brenmoor", .version = version};
+    const state_key key{LR"(Packages\)" + full_package_name(identity, architecture)};
+    key.write(L"Name", name);
+    key.write(L"Publisher", identity.publisher);
+    key.write(L"Version", version);
+    key.write(L"Status", status);
+}
+
+std::vector<std::wstring> powershell_stand_in::packages() const
+{
+    std::vector<std::wstring> told;
+    for (const std::wstring& name : state_key{L"Packages"}.subkeys()) {
+        const state_key key{LR"(Packages\)" + name};
+        std::wstring& line = told.emplace_back();
+        for (const wchar_t* value : {L"Name", L"Version", L"Status", L"ExternalLocation"}) {
+            line += (line.empty() ? L"" : L" ") + key.text(value).value_or(L"-");
+        }
+    }
+    return told;
+}
+
+void powershell_stand_in::open_folders(const std::vector<std::wstring>& urls) const
+{
+    state_key{}.write(L"OpenFolders", urls);
+}
+
+std::vector<std::wstring> powershell_stand_in::folders() const
+{
+    return state_key{}.list(L"OpenFolders");
+}
+
+} // namespace test_support

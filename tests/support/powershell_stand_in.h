@@ -1,0 +1,55 @@
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+namespace test_support {
+
+// The toy suite's stand-in for PowerShell in the place of the system's own, which is set aside, until the
+// scope ends. package/toy_suite/powershell/state.h tells what it can be told. It knows nothing at first: no
+// orders, no packages, no folder windows. One can live at a time on the whole machine.
+class powershell_stand_in {
+public:
+    // Throws std::runtime_error where the machine may not be changed, std::system_error where it cannot be.
+    powershell_stand_in();
+    ~powershell_stand_in();
+
+    powershell_stand_in(const powershell_stand_in&) = delete;
+    powershell_stand_in& operator=(const powershell_stand_in&) = delete;
+
+    // An order, as in tell(L"Fail", L"install-3") or tell(L"Die", L"17 capture"); TrayWaitMs is a number.
+    void tell(const wchar_t* order, const std::wstring& text) const;
+    void tell(const wchar_t* order, DWORD number) const;
+
+    // Takes back every order, and nothing else.
+    void tell_nothing() const;
+
+    // The scripts that it was given, in order.
+    [[nodiscard]] std::vector<std::wstring> scripts() const;
+
+    // What it did not understand; empty where that was never so.
+    [[nodiscard]] std::wstring refused() const;
+
+    // Under which elevation the last script ran.
+    [[nodiscard]] TOKEN_ELEVATION_TYPE elevation() const;
+
+    // A package of CN=Brenmoor, registered beside whatever is. It takes part in updates as our packages do
+    // where it is for their architecture.
+    void register_package(
+        const std::wstring& name,
+        const std::wstring& version,
+        const std::wstring& status = L"Ok",
+        const std::wstring& architecture = L"x64") const;
+
+    // The registered packages in the order of their names, as in "Sorvane.Icon 1.5.0.0 Ok C:\\Suite", with
+    // the place of their files.
+    [[nodiscard]] std::vector<std::wstring> packages() const;
+
+    // The open folder windows, by their addresses.
+    void open_folders(const std::vector<std::wstring>& urls) const;
+    [[nodiscard]] std::vector<std::wstring> folders() const;
+};
+
+} // namespace test_support
