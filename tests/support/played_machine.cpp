@@ -8,6 +8,7 @@
 #include <fstream>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 namespace test_support {
 namespace {
@@ -82,22 +83,25 @@ void played_machine::answer(HMODULE module, Answer answer)
 
 played_machine::played_machine(HMODULE module) : ended_process_{ended_process()}, clock_{module}
 {
+    play_snapshots(module);
     play_processes(module);
+    play_scripts(module);
     play_service(module);
     begin_anew();
 }
 
 played_machine::~played_machine() = default;
 
-void played_machine::list(DWORD process, bool polite)
+void played_machine::list(
+    DWORD process, const std::wstring& name, bool polite, const std::wstring& loaded_library)
 {
-    programs_[process] = {.polite = polite, .running = true};
+    programs_[process] = {.name = name, .library = loaded_library, .polite = polite, .running = true};
 }
 
 void played_machine::begin_anew(std::optional<DWORD> search_state)
 {
-    for (auto& [process, program] : programs_) {
-        program.running = true;
+    for (auto& [process, listed] : programs_) {
+        listed.running = true;
     }
     search_state_ = search_state;
     search_start_type_ = SERVICE_AUTO_START;
@@ -122,30 +126,71 @@ played_machine::program* played_machine::find(HANDLE process)
     return found;
 }
 
-bool played_machine::is_listed(DWORD process)
+// A snapshot has what is there when it is looked at: each program once, with one thread, itself as its first
+// module and the library that it has loaded.
+void played_machine::play_snapshots(HMODULE module)
 {
-    const program* const found = find(process);
-    return found != nullptr && found->running;
+    answer<"CreateToolhelp32Snapshot", decltype(CreateToolhelp32Snapshot)>(
+        module, [this](DWORD, DWORD process) {
+            inspected_ = process;
+            return std::optional{duplicate(ended_process_)};
+        });
+    const auto process = [this](HANDLE, PROCESSENTRY32W* entry) {
+        const auto found = next_running();
+        if (found == programs_.end()) {
+            return std::optional{fail_with(ERROR_NO_MORE_FILES)};
+        }
+        entry->th32ProcessID = found->first;
+        *std::ranges::copy(found->second.name, entry->szExeFile).out = L'\0';
+        return std::optional{TRUE};
+    };
+    const auto thread = [this](HANDLE, THREADENTRY32* entry) {
+        const auto found = next_running();
+        if (found == programs_.end()) {
+            return std::optional{fail_with(ERROR_NO_MORE_FILES)};
+        }
+        entry->th32OwnerProcessID = found->first;
+        return std::optional{TRUE};
+    };
+    const auto from_start = [this](const auto& next) {
+        return [this, next](HANDLE snapshot, auto* entry) {
+            next_ = 0;
+            return next(snapshot, entry);
+        };
+    };
+    answer<"Process32FirstW", decltype(Process32FirstW)>(module, from_start(process));
+    answer<"Process32NextW", decltype(Process32NextW)>(module, process);
+    answer<"Thread32First", decltype(Thread32First)>(module, from_start(thread));
+    answer<"Thread32Next", decltype(Thread32Next)>(module, thread);
+    answer<"Module32FirstW", decltype(Module32FirstW)>(module, [this](HANDLE, MODULEENTRY32W* entry) {
+        const program& inspected = programs_.at(inspected_);
+        *std::ranges::copy(inspected.name, entry->szModule).out = L'\0';
+        at_library_ = !inspected.library.empty();
+        return std::optional{TRUE};
+    });
+    answer<"Module32NextW", decltype(Module32NextW)>(module, [this](HANDLE, MODULEENTRY32W* entry) {
+        if (!std::exchange(at_library_, false)) {
+            return std::optional{fail_with(ERROR_NO_MORE_FILES)};
+        }
+        *std::ranges::copy(programs_.at(inspected_).library, entry->szModule).out = L'\0';
+        return std::optional{TRUE};
+    });
+}
+
+std::map<DWORD, played_machine::program>::const_iterator played_machine::next_running()
+{
+    auto found = programs_.lower_bound(next_);
+    while (found != programs_.end() && !found->second.running) {
+        ++found;
+    }
+    if (found != programs_.end()) {
+        next_ = found->first + 1;
+    }
+    return found;
 }
 
 void played_machine::play_processes(HMODULE module)
 {
-    answer<"Process32FirstW", decltype(Process32FirstW)>(
-        module, [this](HANDLE snapshot, PROCESSENTRY32W* entry) {
-            BOOL more = Process32FirstW(snapshot, entry);
-            while (more && !is_listed(entry->th32ProcessID)) {
-                more = Process32NextW(snapshot, entry);
-            }
-            return std::optional{more};
-        });
-    answer<"Process32NextW", decltype(Process32NextW)>(
-        module, [this](HANDLE snapshot, PROCESSENTRY32W* entry) {
-            BOOL more = Process32NextW(snapshot, entry);
-            while (more && !is_listed(entry->th32ProcessID)) {
-                more = Process32NextW(snapshot, entry);
-            }
-            return std::optional{more};
-        });
     answer<"OpenProcess", decltype(OpenProcess)>(
         module, [this](DWORD access, BOOL inherit, DWORD process) -> std::optional<HANDLE> {
             const program* const found = find(process);
@@ -185,6 +230,10 @@ void played_machine::play_processes(HMODULE module)
     });
     answer<"PostThreadMessageW", decltype(PostThreadMessageW)>(
         module, [](DWORD, UINT, WPARAM, LPARAM) { return std::optional{TRUE}; });
+}
+
+void played_machine::play_scripts(HMODULE module)
+{
     answer<"CreateProcessAsUserW", decltype(CreateProcessAsUserW)>(
         module,
         [this](
@@ -199,19 +248,45 @@ void played_machine::play_processes(HMODULE module)
             LPCWSTR,
             LPSTARTUPINFOW,
             LPPROCESS_INFORMATION started) { return std::optional{start_as_user(command_line, *started)}; });
+    answer<"CreateProcessW", decltype(CreateProcessW)>(
+        module,
+        [this](
+            LPCWSTR,
+            LPWSTR,
+            LPSECURITY_ATTRIBUTES,
+            LPSECURITY_ATTRIBUTES,
+            BOOL,
+            DWORD,
+            LPVOID,
+            LPCWSTR,
+            LPSTARTUPINFOW startup,
+            LPPROCESS_INFORMATION started) {
+            for (HANDLE const stream : {startup->hStdOutput, startup->hStdError}) {
+                DWORD written = 0;
+                WriteFile(stream, "text", 4, &written, nullptr);
+            }
+            return std::optional{give_ended_process(*started)};
+        });
+}
+
+BOOL played_machine::give_ended_process(PROCESS_INFORMATION& started) const
+{
+    started = {};
+    started.hProcess = duplicate(ended_process_);
+    started.hThread = duplicate(ended_process_);
+    return TRUE;
 }
 
 BOOL played_machine::start_as_user(const wchar_t* command_line, PROCESS_INFORMATION& started)
 {
     if (const std::wstring_view text = command_line; text.find(L"explorer.exe") != text.npos) {
-        for (auto& [process, program] : programs_) {
-            program.running = true;
+        for (auto& [process, listed] : programs_) {
+            listed.running = listed.running || listed.name == L"explorer.exe";
         }
     } else {
         leave_log(encoded_script(text));
     }
-    started = {.hProcess = duplicate(ended_process_), .hThread = duplicate(ended_process_)};
-    return TRUE;
+    return give_ended_process(started);
 }
 
 SC_HANDLE played_machine::open_service_handle()

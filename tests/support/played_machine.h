@@ -29,9 +29,9 @@ public:
     played_machine(const played_machine&) = delete;
     played_machine& operator=(const played_machine&) = delete;
 
-    // Has a process in the list of processes, in which there is nothing else. One that is `polite` ends when
-    // a window of its is asked to close, one that is not when it is terminated.
-    void list(DWORD process, bool polite);
+    // Has a process in the list of processes, in which there is nothing else, with one library loaded. One
+    // that is `polite` ends when a window of its is asked to close, one that is not when it is terminated.
+    void list(DWORD process, const std::wstring& name, bool polite, const std::wstring& loaded_library = L"");
 
     // Every listed program runs again, and the service as told; with no state it is not installed.
     void begin_anew(std::optional<DWORD> search_state = SERVICE_RUNNING);
@@ -43,22 +43,30 @@ public:
 
 private:
     struct program {
+        std::wstring name;
+        std::wstring library;
         bool polite;
         bool running;
     };
 
     program* find(DWORD process);
     program* find(HANDLE process);
-    bool is_listed(DWORD process);
+    std::map<DWORD, program>::const_iterator next_running();
+    void play_snapshots(HMODULE module);
     SC_HANDLE open_service_handle();
     void play_processes(HMODULE module);
+    void play_scripts(HMODULE module);
     void play_service(HMODULE module);
+    BOOL give_ended_process(PROCESS_INFORMATION& started) const;
     BOOL start_as_user(const wchar_t* command_line, PROCESS_INFORMATION& started);
 
     template <function_name Name, class Function, class Answer>
     void answer(HMODULE module, Answer answer);
 
     std::map<DWORD, program> programs_;
+    DWORD next_ = 0;      // from which process on a snapshot is read
+    DWORD inspected_ = 0; // whose modules the last one has
+    bool at_library_ = false;
     std::map<SC_HANDLE, std::unique_ptr<char>> service_handles_;
     std::optional<DWORD> search_state_;
     DWORD search_start_type_ = SERVICE_AUTO_START;
