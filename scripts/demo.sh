@@ -9,12 +9,54 @@ scripts/build.sh
 logs=build/demo
 rm -rf "$logs"
 mkdir -p "$logs"
+# Windows Search, played by a service program of the demo's own with the real service manager.
+search='HKLM\SYSTEM\CurrentControlSet\Services\WSearch'
+search_state() {
+  scripts/wine.sh sc query WSearch 2>/dev/null </dev/null | tr -d '\r' | sed -n 's/^ *STATE *: [0-9]* *//p'
+}
+search_is() {
+  for _ in $(seq 50); do [ "$(search_state)" != "$1" ] || return 0; sleep 0.1; done
+  return 1
+}
+remove_search() {
+  [ -n "$(search_state)" ] || return 0
+  scripts/wine.sh sc stop WSearch >/dev/null 2>&1 </dev/null || true
+  search_is STOPPED || true
+  scripts/wine.sh sc delete WSearch >/dev/null 2>&1 </dev/null || true
+}
+install_search() {
+  local value
+  scripts/wine.sh sc create WSearch binPath= "$(pwd | sed 's|^|Z:|; s|/|\\|g')\build\mingw\toy_service.exe" start= demand
+  plant "$search\Toy" /v Watch /d 'C:\Program Files\Quorbel\release_notes.txt'
+  for value in StartTime StopTime; do plant "$search\Toy" /v $value /t REG_DWORD /d 300; done
+  scripts/wine.sh sc start WSearch
+  search_is RUNNING
+} >/dev/null 2>&1 </dev/null
+# What the service was asked since the last step: how often, and with which files on the machine.
+search_was_asked() {
+  scripts/wine.sh reg query "$search\Asked" /v "$1" 2>/dev/null </dev/null |
+    tr -d '\r' | sed -n "s/^ *$1 *REG_[A-Z]* *//p"
+}
+search_was_asked_once() { [ "$(search_was_asked Stops)" = 0x1 ] && [ "$(search_was_asked Starts)" = 0x1 ]; }
+files_at() { [ "$(search_was_asked "$1")" = "$2" ]; }
+# check_search BEFORE AFTER: that Search ran, was out of the way while BEFORE became AFTER, and runs again.
+check_search() {
+  check "Windows Search was running before" logged "Windows Search was running; transactional stop/restore scheduled."
+  check "it was stopped and started once" search_was_asked_once
+  check "it was stopped before a file changed (there was ${1:-nothing})" files_at AtStop "$1"
+  check "it was started after the last one (there was ${2:-nothing})" files_at AtStart "$2"
+  check "it is running again" search_is RUNNING
+  check "and the log tells so" logged "Windows Search restored to running."
+  scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null || true
+}
+
 # Whatever became of it: no trace of the demo's own in the prefix, and nothing left running there.
 clean_up() {
   local key
   for key in "${handlers:-}\\.jpg" "${icon_slot:-}" "${drive:-}"; do
     scripts/wine.sh reg delete "$key" /f >/dev/null 2>&1 </dev/null || true
   done
+  remove_search
   scripts/wine.sh --end
 }
 trap clean_up EXIT
@@ -45,7 +87,7 @@ check() {
 action_lines() {
   local actions
   actions=$(sed -n 's/^    \([a-z_]\{1,\}\)\r\{0,1\}$/\1/p' custom_actions/custom_actions.def | paste -sd'|')
-  tr -d '\r' <"$1" | awk -v actions="^($actions)\\\\.\$" '
+  tr -d '\r' <"$1" | awk -v actions="^($actions|rollback_[a-z_]*)\\\\.\$" '
     /^Action start / && $NF ~ actions { inside = 1; next }
     /^Action ended / { inside = 0 }
     inside && NF { print "    " $0 }'
@@ -61,6 +103,7 @@ run_msiexec() {
 }
 
 succeeded() { [ "$result" = 0 ]; }
+failed_to_install() { [ "$result" = 67 ]; } # 1603 in the byte that a shell sees
 logged() { grep -qF -- "$1" "$log"; }
 not_logged() { ! logged "$1"; }
 
@@ -72,6 +115,7 @@ suite_value() {
 suite_value_is() { [ "$(suite_value "$1")" = "$2" ]; }
 installed_notes='build/wine/drive_c/Program Files/Quorbel/release_notes.txt'
 notes_are() { [ "$(tr -d '\r' <"$installed_notes")" = "$1" ]; }
+notes_now() { nothing_installed || tr -d '\r' <"$installed_notes"; }
 nothing_installed() { [ ! -e "$installed_notes" ]; }
 
 handlers='HKLM\SOFTWARE\Microsoft\Windows\CurrentVersion\PropertySystem\PropertyHandlers'
@@ -91,6 +135,10 @@ for version in 1.4.1 1.4.2 1.5.0; do # what a demo that was broken off may have 
   scripts/wine.sh msiexec /x "$(package $version)" /qn >/dev/null 2>&1 </dev/null || true
 done
 
+remove_search
+install_search
+scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null
+
 # Somebody else's, before the suite comes.
 plant "$handlers\.jpg" /ve /d "$foreign_handler"
 plant "$icon_slot" /ve /d "$foreign_handler"
@@ -105,6 +153,7 @@ printf '    %s file types carry the property handler; .jpg had another before\n'
 check "they are all 64" types_are 64
 check "the icon handler of .ico is ours; it, too, had another" default_is "$icon_slot" '{931CC9DD-9E0F-4FA1-AA06-229D0372956A}'
 check "the state of Smart App Control is told" logged "Smart App Control: "
+check_search "" "Quorbel 1.4.1"
 
 # Three programs of the suite, and an Explorer with one of its extensions loaded; each one's exit code tells how it ended.
 start_program() {
@@ -152,6 +201,7 @@ check "Windows' own Explorer is back" explorer_runs
 check "the upgrade was called minor" logged "Detected MINOR upgrade."
 check "IS_MINOR_UPGRADE was 1" suite_value_is MinorUpgrade 1
 check "the files of 1.4.2 are there" notes_are "Quorbel 1.4.2"
+check_search "Quorbel 1.4.1" "Quorbel 1.4.2"
 check "no restart notice" not_logged "Quorbel has been removed."
 
 heading "Upgrade to 1.5.0, a major one"
@@ -161,6 +211,7 @@ check "1.4.2 was found in the registry" logged "New: 1.5.0.0 Old: 1.4.2.0"
 check "the upgrade was called major" logged "Detected MAJOR/MODERATE upgrade."
 check "IS_MINOR_UPGRADE was cleared" suite_value_is MinorUpgrade ""
 check "the files of 1.5.0 are there" notes_are "Quorbel 1.5.0"
+check_search "Quorbel 1.4.2" "Quorbel 1.5.0"
 check "no restart notice" not_logged "Quorbel has been removed."
 
 # What the suite does to a drive's icon while it is in use.
@@ -182,6 +233,31 @@ check "the handler that .jpg had before is back" default_is "$handlers\.jpg" "$f
 check "so is the icon handler of .ico" default_is "$icon_slot" "$foreign_handler"
 check "so is the icon that drive Q had before" default_is "$drive" before.ico
 check "the built-in New menu was looked after" logged "restore_built_in_new_context_menu: completed"
+check_search "Quorbel 1.5.0" ""
+
+heading "Install Quorbel 1.4.2 once more; Windows Search is stopped this time"
+scripts/wine.sh sc stop WSearch >/dev/null 2>&1 </dev/null
+search_is STOPPED
+run_msiexec 5-install-1.4.2 /i "$(package 1.4.2)"
+check "the installer succeeded" succeeded
+check "Windows Search stays stopped" search_is STOPPED
+
+heading "Upgrade to 1.5.0, which fails at its end"
+scripts/wine.sh sc start WSearch >/dev/null 2>&1 </dev/null
+search_is RUNNING
+scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null
+run_msiexec 6-failed-upgrade /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
+check "the installer failed" failed_to_install
+# Wine does not bring back the old version's files, so what there is now depends on where this runs.
+check_search "Quorbel 1.4.2" "$(notes_now)"
+
+heading "Upgrade to 1.5.0 again, and remove it"
+run_msiexec 7-upgrade-1.5.0 /i "$(package 1.5.0)"
+check "the installer succeeded" succeeded
+run_msiexec 8-remove /x "$(package 1.5.0)"
+check "the installer succeeded" succeeded
+check "nothing is left of the suite" nothing_installed
+check "Windows Search is running" search_is RUNNING
 
 printf '\n'
 if [ "$failed" = 0 ]; then

@@ -12,6 +12,9 @@ packages=(
   msitools                   # reads and changes package tables
   clang-format-19
   clang-tidy-19
+  libclang-19-dev # an extension of clang-tidy's is made with these
+  llvm-19-dev
+  g++
   git
 )
 missing=()
@@ -22,10 +25,12 @@ done
 
 as_root=()
 [ "$(id -u)" = 0 ] || as_root=(sudo)
+bounds=(-o Acquire::http::Timeout=60 -o Acquire::Retries=3 -o DPkg::Lock::Timeout=120)
 echo "Installing ${missing[*]}"
 log=$(mktemp)
 {
-  "${as_root[@]}" apt-get update &&
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"
+  "${as_root[@]}" apt-get "${bounds[@]}" update &&
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get "${bounds[@]}" install -y --no-install-recommends \
+      "${missing[@]}"
 } >"$log" 2>&1 </dev/null || { cat "$log" >&2; exit 1; }
 rm "$log"

@@ -24,10 +24,6 @@ constexpr const wchar_t* SERVICE_NAME = L"WSearch";
 constexpr const wchar_t* TOLD = LR"(SYSTEM\CurrentControlSet\Services\WSearch\Toy)";
 constexpr const wchar_t* ASKED = LR"(SYSTEM\CurrentControlSet\Services\WSearch\Asked)";
 
-SERVICE_STATUS_HANDLE reporting = nullptr;
-HANDLE stop_asked = nullptr;
-HANDLE end_asked = nullptr;
-
 DWORD read_number(const wchar_t* key, const wchar_t* name, DWORD otherwise)
 {
     DWORD number = 0;
@@ -70,96 +66,112 @@ bool is_pending(DWORD state)
     return state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING;
 }
 
-void report(DWORD state, DWORD check_point = 0)
-{
-    SERVICE_STATUS status{};
-    status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
-    status.dwCurrentState = state;
-    status.dwControlsAccepted = is_pending(state) ? 0 : SERVICE_ACCEPT_STOP;
-    status.dwCheckPoint = check_point;
-    status.dwWaitHint = is_pending(state) ? read_number(TOLD, L"WaitHint", 0) : 0;
-    SetServiceStatus(reporting, &status);
-}
+class toy_service {
+public:
+    toy_service()
+    {
+        ResetEvent(end_asked_); // the program before may still hold it
+    }
 
-// Whether the end was asked for before so many milliseconds are over.
-bool end_comes_within(DWORD milliseconds)
-{
-    return WaitForSingleObject(end_asked, milliseconds) == WAIT_OBJECT_0;
-}
+    void run()
+    {
+        if (start()) {
+            const HANDLE asked[]{stop_asked_, end_asked_};
+            if (WaitForMultipleObjects(2, asked, FALSE, INFINITE) == WAIT_OBJECT_0) {
+                stop();
+            }
+        }
+        report(SERVICE_STOPPED);
+    }
 
-// Raises the check point of the state that was reported with the check point 1, for `milliseconds`; false
-// where the end was asked for.
-bool pass_time(DWORD pending_state, DWORD milliseconds)
-{
-    const DWORD step = read_number(TOLD, L"CheckPointStep", 0);
-    for (DWORD check_point = 2; step != 0 && milliseconds > step; ++check_point) {
-        if (end_comes_within(step)) {
+private:
+    static DWORD WINAPI on_control(DWORD control, DWORD /*event*/, LPVOID /*data*/, LPVOID context)
+    {
+        auto& service = *static_cast<toy_service*>(context);
+        switch (control) {
+        case SERVICE_CONTROL_STOP:
+            count_one(L"Stops");
+            service.report(SERVICE_STOP_PENDING, 1);
+            SetEvent(service.stop_asked_);
+            return NO_ERROR;
+        case SERVICE_CONTROL_INTERROGATE:
+            return NO_ERROR;
+        default:
+            return ERROR_CALL_NOT_IMPLEMENTED;
+        }
+    }
+
+    void report(DWORD state, DWORD check_point = 0)
+    {
+        SERVICE_STATUS status{};
+        status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+        status.dwCurrentState = state;
+        status.dwControlsAccepted = is_pending(state) ? 0 : SERVICE_ACCEPT_STOP;
+        status.dwCheckPoint = check_point;
+        status.dwWaitHint = is_pending(state) ? read_number(TOLD, L"WaitHint", 0) : 0;
+        SetServiceStatus(reporting_, &status);
+    }
+
+    // Whether the end was asked for before so many milliseconds are over.
+    bool end_comes_within(DWORD milliseconds)
+    {
+        return WaitForSingleObject(end_asked_, milliseconds) == WAIT_OBJECT_0;
+    }
+
+    // Raises the check point of the state that was reported with the check point 1, for `milliseconds`; false
+    // where the end was asked for.
+    bool pass_time(DWORD pending_state, DWORD milliseconds)
+    {
+        const DWORD step = read_number(TOLD, L"CheckPointStep", 0);
+        for (DWORD check_point = 2; step != 0 && milliseconds > step; ++check_point) {
+            if (end_comes_within(step)) {
+                return false;
+            }
+            milliseconds -= step;
+            report(pending_state, check_point);
+        }
+        return !end_comes_within(milliseconds);
+    }
+
+    bool start()
+    {
+        report(SERVICE_START_PENDING, 1);
+        count_one(L"Starts");
+        keep_watched_line(L"AtStart");
+        if (!pass_time(SERVICE_START_PENDING, read_number(TOLD, L"StartTime", 0))) {
             return false;
         }
-        milliseconds -= step;
-        report(pending_state, check_point);
+        const DWORD started = read_number(TOLD, L"StartedState", SERVICE_RUNNING);
+        report(started, is_pending(started) ? 2 : 0);
+        return started != SERVICE_STOPPED;
     }
-    return !end_comes_within(milliseconds);
-}
 
-DWORD WINAPI on_control(DWORD control, DWORD /*event*/, LPVOID /*data*/, LPVOID /*context*/)
-{
-    switch (control) {
-    case SERVICE_CONTROL_STOP:
-        count_one(L"Stops");
-        report(SERVICE_STOP_PENDING, 1);
-        SetEvent(stop_asked);
-        return NO_ERROR;
-    case SERVICE_CONTROL_INTERROGATE:
-        return NO_ERROR;
-    default:
-        return ERROR_CALL_NOT_IMPLEMENTED;
+    void stop()
+    {
+        if (!pass_time(SERVICE_STOP_PENDING, read_number(TOLD, L"StopTime", 0))) {
+            return;
+        }
+        keep_watched_line(L"AtStop");
+        if (read_number(TOLD, L"NeverStops", 0) != 0) {
+            WaitForSingleObject(end_asked_, INFINITE);
+        }
     }
-}
 
-bool start()
-{
-    report(SERVICE_START_PENDING, 1);
-    count_one(L"Starts");
-    keep_watched_line(L"AtStart");
-    if (!pass_time(SERVICE_START_PENDING, read_number(TOLD, L"StartTime", 0))) {
-        return false;
-    }
-    const DWORD started = read_number(TOLD, L"StartedState", SERVICE_RUNNING);
-    report(started, is_pending(started) ? 2 : 0);
-    return started != SERVICE_STOPPED;
-}
-
-void stop()
-{
-    if (!pass_time(SERVICE_STOP_PENDING, read_number(TOLD, L"StopTime", 0))) {
-        return;
-    }
-    keep_watched_line(L"AtStop");
-    if (read_number(TOLD, L"NeverStops", 0) != 0) {
-        WaitForSingleObject(end_asked, INFINITE);
-    }
-}
+    // All of them are the process's own until it ends.
+    HANDLE stop_asked_ = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    HANDLE end_asked_ = CreateEventW(nullptr, TRUE, FALSE, LR"(Global\toy-search-end)");
+    SERVICE_STATUS_HANDLE reporting_ = RegisterServiceCtrlHandlerExW(SERVICE_NAME, on_control, this);
+};
 
 void WINAPI run_service(DWORD /*count*/, LPWSTR* /*arguments*/)
 {
-    reporting = RegisterServiceCtrlHandlerExW(SERVICE_NAME, on_control, nullptr);
-    if (start()) {
-        const HANDLE asked[]{stop_asked, end_asked};
-        if (WaitForMultipleObjects(2, asked, FALSE, INFINITE) == WAIT_OBJECT_0) {
-            stop();
-        }
-    }
-    report(SERVICE_STOPPED);
+    toy_service{}.run();
 }
 
 } // namespace
 
 int main()
 {
-    stop_asked = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    end_asked = CreateEventW(nullptr, TRUE, FALSE, LR"(Global\toy-search-end)");
-    ResetEvent(end_asked); // the program before may still hold it
     std::wstring name = SERVICE_NAME;
     const SERVICE_TABLE_ENTRYW services[]{{name.data(), run_service}, {nullptr, nullptr}};
     return StartServiceCtrlDispatcherW(services) ? 0 : 1;

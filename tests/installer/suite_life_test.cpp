@@ -283,6 +283,7 @@ TEST_F(SuiteLife, brings_search_back_after_an_upgrade_that_fails)
     const installation failed = run_installer(sample_package(L"1.5.0"), L"FAIL_ON_PURPOSE=1");
     EXPECT_EQ(failed.result, DWORD{ERROR_INSTALL_FAILURE});
     expect_search_was_out_of_the_way(failed, search, L"Quorbel 1.4.2");
+    EXPECT_EQ(run_installer(sample_package(L"1.5.0")).result, 0U) << "the next try";
 }
 
 // Two columns of a table of the package, a text and the number that goes with it.

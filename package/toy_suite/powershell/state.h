@@ -47,6 +47,7 @@ private:
 //   Fail       TEXT         the script then fails
 //   FailAdd    TEXT         Add-AppxPackage fails for this path
 //   AddStatus  STATUS TEXT  Add-AppxPackage of this path leaves a package with this status
+//   LoseStart  TEXT         Start-Process of this program succeeds, and nothing is started
 //   KeepPackage TEXT        Remove-AppxPackage does nothing to this package
 //
 // Another value, TrayWaitMs (a number), shortens the 15 seconds in which the tray has to come.

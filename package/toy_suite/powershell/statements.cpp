@@ -177,7 +177,9 @@ void restore_folders(run_state& /*state*/, const literals& values)
 
 void start(run_state& /*state*/, const literals& values)
 {
-    start_process(values[0], values.size() > 1 ? values[1] : L"");
+    if (!ordered(L"LoseStart", values[0])) {
+        start_process(values[0], values.size() > 1 ? values[1] : L"");
+    }
 }
 
 void wait_for_tray(run_state& /*state*/, const literals& values)

@@ -1,0 +1,89 @@
+// Stands in for the Task Scheduler where the system's own is not all there: an in-process COM server under
+// the same class, registered for the machine by regsvr32 (regsvr32 /u gives the class back to the system). It
+// answers the calls that the library makes, and no others. A task's program really runs, as whoever asks for
+// it and with no time limit.
+//
+// HKCU\Software\QuorbelStandIn\TaskScheduler has what it keeps:
+//   Tasks\NAME   a registered task: its properties, as text ("Path", "Arguments", "UserId", "RunLevel", ...),
+//                and what it was registered with ("RegisteredUser", "RegisteredLogonType")
+//   Calls        every call that it knows ("ITaskService::Connect"), a line each
+//   Unexpected   every call that it does not know ("IPrincipal, method 5", counted from 0) or whose arguments
+//                it does not take
+//   Objects      how many of its objects live in the process that used it last
+// and what it is told:
+//   Fail         the call that fails ("IRegisteredTask::Run"), with the code in FailWith (else
+//   E_ACCESSDENIED) State        what a run stays in; no program is started Result       what a run has ended
+//   with; no program is started
+
+#include "package/toy_suite/toy_scheduler/com_object.h"
+#include "package/toy_suite/toy_scheduler/scheduler.h"
+
+#include <windows.h>
+#include <olectl.h>
+
+#include <iterator>
+
+namespace {
+
+constexpr const wchar_t* SERVER =
+    L"Software\\Classes\\CLSID\\{0F87369F-A4E5-4CFC-BD3E-73E6154572DD}\\InprocServer32";
+constexpr const wchar_t* BEFORE = L"BeforeStandIn"; // the server that it stands in for
+
+// Copies a text of the key to another name; false where there is none.
+bool copy_text(const wchar_t* from, const wchar_t* to)
+{
+    wchar_t text[MAX_PATH]{};
+    DWORD size = sizeof text;
+    return RegGetValueW(HKEY_LOCAL_MACHINE, SERVER, from, RRF_RT_REG_SZ, nullptr, text, &size) ==
+               ERROR_SUCCESS &&
+           RegSetKeyValueW(HKEY_LOCAL_MACHINE, SERVER, to, REG_SZ, text, size) == ERROR_SUCCESS;
+}
+
+} // namespace
+
+STDAPI DllGetClassObject(REFCLSID wanted_class, REFIID wanted, LPVOID* found)
+try {
+    if (!IsEqualCLSID(wanted_class, CLSID_TaskScheduler)) {
+        return CLASS_E_CLASSNOTAVAILABLE;
+    }
+    IClassFactory* factory = toy_scheduler::make_factory();
+    const HRESULT result = factory->lpVtbl->QueryInterface(factory, wanted, found);
+    factory->lpVtbl->Release(factory);
+    return result;
+} catch (const std::exception&) {
+    return E_OUTOFMEMORY;
+}
+
+STDAPI DllCanUnloadNow()
+{
+    return toy_scheduler::objects_live() ? S_FALSE : S_OK;
+}
+
+STDAPI DllRegisterServer()
+{
+    HMODULE self = nullptr;
+    wchar_t path[MAX_PATH]{};
+    const bool registered_before =
+        RegGetValueW(HKEY_LOCAL_MACHINE, SERVER, BEFORE, RRF_RT_REG_SZ, nullptr, nullptr, nullptr) ==
+        ERROR_SUCCESS;
+    if (!registered_before && !copy_text(nullptr, BEFORE)) {
+        return SELFREG_E_CLASS;
+    }
+    GetModuleHandleExW(
+        GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+        SERVER, // any address in this library
+        &self);
+    const DWORD length = GetModuleFileNameW(self, path, static_cast<DWORD>(std::size(path)));
+    const auto size = static_cast<DWORD>((length + 1) * sizeof(wchar_t));
+    return RegSetKeyValueW(HKEY_LOCAL_MACHINE, SERVER, nullptr, REG_SZ, path, size) == ERROR_SUCCESS
+               ? S_OK
+               : SELFREG_E_CLASS;
+}
+
+STDAPI DllUnregisterServer()
+{
+    if (copy_text(BEFORE, nullptr)) {
+        RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, SERVER, BEFORE);
+    }
+    return S_OK;
+}

@@ -1,0 +1,53 @@
+#pragma once
+
+#include "tests/support/installation.h"
+
+#include <windows.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace test_support {
+
+// Puts the stand-in of the Task Scheduler (package/toy_suite/toy_scheduler) in the system's place, with an
+// empty state, for everything on the machine, until the scope ends. At the end, objects of it that live and
+// calls that it did not expect fail the test. The machine must be disposable.
+class scheduler_stand_in {
+public:
+    // Throws std::runtime_error where it cannot be registered.
+    scheduler_stand_in();
+    ~scheduler_stand_in();
+
+    scheduler_stand_in(const scheduler_stand_in&) = delete;
+    scheduler_stand_in& operator=(const scheduler_stand_in&) = delete;
+
+    // From here on this call ("IRegisteredTask::Run", "IClassFactory::CreateInstance" for the service object)
+    // fails; an empty name for none.
+    void fail(const std::wstring& call, HRESULT code = E_ACCESSDENIED);
+
+    // From here on a run starts nothing: it stays in this state, or it has ended with this result.
+    void stay_in(DWORD state);
+    void end_with(HRESULT result);
+
+    // Forgets the tasks, the calls and what it was told.
+    void clear();
+
+    using properties = std::map<std::wstring, std::wstring>;
+
+    // The registered tasks by name, with their properties as text: "Path", "Arguments", "UserId", ...
+    [[nodiscard]] std::map<std::wstring, properties> tasks() const;
+
+    // The calls that it knows, in order, and those that it does not.
+    [[nodiscard]] std::vector<std::wstring> calls() const;
+    [[nodiscard]] std::vector<std::wstring> unexpected() const;
+
+    // How many of its objects live in the process that used it last.
+    [[nodiscard]] DWORD objects() const;
+
+private:
+    HMODULE library_;
+};
+
+} // namespace test_support

@@ -1,0 +1,117 @@
+#include "tests/support/upgrade_scene.h"
+
+#include "custom_actions/processes/token.h"
+#include "custom_actions/upgrade/maintenance_key.h"
+#include "tests/support/child_process.h"
+
+#include <objbase.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <system_error>
+
+namespace test_support {
+namespace {
+
+namespace fs = std::filesystem;
+using custom_actions::kernel_handle;
+
+constexpr const wchar_t* PROGRAMS[]{
+    L"Quorbel.exe",
+    L"Quorbel.Comment.exe",
+    L"Quorbel.HotkeyHandler.exe",
+    L"Quorbel.Kindra.HelperService.exe",
+    L"Quorbel.AutoTagging.Service.exe",
+    L"Quorbel.SystemTray.exe",
+};
+
+fs::path build_folder()
+{
+    return fs::path{this_program()}.parent_path();
+}
+
+} // namespace
+
+void end_suite()
+{
+    for (const wchar_t* program : PROGRAMS) {
+        end_programs(program);
+    }
+}
+
+std::wstring new_upgrade_data(const std::wstring& product_directory)
+{
+    DWORD session = 0;
+    ProcessIdToSessionId(GetCurrentProcessId(), &session);
+    kernel_handle token;
+    OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put());
+    GUID guid{};
+    wchar_t transaction[40];
+    CoCreateGuid(&guid);
+    StringFromGUID2(guid, transaction, 40);
+    return custom_actions::controlled_upgrade::format_context(
+        product_directory, session, custom_actions::token_user_sid(token.get()), transaction);
+}
+
+upgrade_scene::upgrade_scene()
+    : folder_{fs::temp_directory_path() / (L"O'Brien S\u00FCite [" + std::to_wstring(GetCurrentProcessId()) + L"]")},
+      data_{new_upgrade_data(folder_)}, context_{custom_actions::controlled_upgrade::load_context(data_)}
+{
+    end_suite();
+    fs::remove_all(folder_); // of a process with the same id
+    fs::create_directories(folder_);
+    for (const wchar_t* program : PROGRAMS) {
+        fs::copy_file(build_folder() / L"toy_program.exe", fs::path{folder_} / program);
+    }
+    copy_packages(L"1.5.0");
+    powershell.register_package(L"Sorvane.Icon", L"1.5.0.0");
+    powershell.register_package(L"Quorbel.Paste", L"1.4.0.0");
+}
+
+upgrade_scene::~upgrade_scene()
+{
+    end_suite();
+    custom_actions::controlled_upgrade::upgrade_guard(false);
+    std::error_code ignored;
+    fs::remove_all(folder_, ignored);
+    fs::remove_all(context_.workspace, ignored);
+}
+
+void upgrade_scene::copy_packages(const std::wstring& version) const
+{
+    for (const auto& package : fs::directory_iterator{build_folder() / L"package" / version}) {
+        fs::copy_file(
+            package.path(),
+            fs::path{folder_} / package.path().filename(),
+            fs::copy_options::overwrite_existing);
+    }
+}
+
+std::wstring upgrade_scene::program(const wchar_t* name) const
+{
+    return fs::path{folder_} / name;
+}
+
+std::vector<std::string> upgrade_scene::markers() const
+{
+    std::vector<std::string> found;
+    std::error_code none;
+    for (const auto& entry : fs::directory_iterator{context_.workspace, none}) {
+        if (entry.is_regular_file() && entry.path().extension() != L".msix") {
+            found.push_back(entry.path().filename().string());
+        }
+    }
+    std::ranges::sort(found);
+    return found;
+}
+
+std::vector<std::wstring> registered_packages(const powershell_stand_in& powershell)
+{
+    std::vector<std::wstring> packages = powershell.packages();
+    for (std::wstring& package : packages) { // without the place of its files
+        package.resize(package.find(L' ', package.find(L' ', package.find(L' ') + 1) + 1));
+    }
+    return packages;
+}
+
+} // namespace test_support
