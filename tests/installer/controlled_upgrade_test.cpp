@@ -82,6 +82,7 @@ protected:
             end_suite();
             remove_sample_packages();
             end_explorer();
+            std::filesystem::remove_all(FOLDER); // what was put back there without an installation
             for (const auto& left : std::filesystem::directory_iterator{"C:\\windows\\Temp"}) {
                 if (left.path().filename().wstring().starts_with(L"QBL-upgrade-")) {
                     std::filesystem::remove_all(left);
