@@ -18,7 +18,6 @@ namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 constexpr UINT INFO = 0x04000000;
 constexpr UINT ERROR_LINE = 0x01000000;

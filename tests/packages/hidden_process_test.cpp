@@ -96,7 +96,6 @@ TEST(HiddenProcess, gives_back_all_of_both_streams)
 
 TEST(HiddenProcess, reads_utf8_in_pieces_of_4095_bytes)
 {
-    std::vector<DWORD> sizes;
     const intercepted_import<"ReadFile", decltype(ReadFile)> read{
         module_under_test(), [&](HANDLE, LPVOID, DWORD size, LPDWORD, LPOVERLAPPED) -> std::optional<BOOL> {
             EXPECT_EQ(size, 4095U);
