@@ -167,8 +167,6 @@ TEST_F(ControlledUpgrade, replaces_everything_and_brings_everything_back)
         lines(run),
         IsSupersetOf(
             {"Early graceful outcome: exited 3; remaining 1",
-             "Early graceful phase complete before InstallValidate; transactional shutdown will recheck "
-             "survivors.",
              "Windows Search restart blocked; saved startup type 3",
              "Windows Search stopped and restart blocked before file replacement",
              "Windows Search startup configuration restored: 3",
