@@ -1,9 +1,9 @@
 #include "custom_actions/packages/hidden_process.h"
 
 #include "custom_actions/common/scoped_handle.h"
+#include "custom_actions/common/windows_error.h"
 
 #include <array>
-#include <thread>
 #include <utility>
 
 namespace custom_actions {
@@ -26,18 +26,34 @@ struct output_pipe {
 // Reads one pipe to its end on a thread of its own, so that the child never waits for room in it.
 class pipe_reader {
 public:
-    explicit pipe_reader(kernel_handle read_end) : pipe_{std::move(read_end)}, thread_{[this] { read_all(); }}
+    // Throws windows_error "Cannot read output of a hidden process"; the pipe is then closed.
+    explicit pipe_reader(kernel_handle read_end)
+        : pipe_{std::move(read_end)}, thread_{CreateThread(nullptr, 0, run, this, 0, nullptr)}
     {
+        if (!thread_) {
+            throw_last_error("Cannot read output of a hidden process");
+        }
     }
+
+    ~pipe_reader() { WaitForSingleObject(thread_.get(), INFINITE); }
+
+    pipe_reader(const pipe_reader&) = delete;
+    pipe_reader& operator=(const pipe_reader&) = delete;
 
     // The text, once the pipe is at its end.
     std::wstring wait()
     {
-        thread_.join();
+        WaitForSingleObject(thread_.get(), INFINITE);
         return std::move(text_);
     }
 
 private:
+    static DWORD WINAPI run(void* reader)
+    {
+        static_cast<pipe_reader*>(reader)->read_all();
+        return 0;
+    }
+
     void read_all()
     {
         std::array<char, 4095> bytes{};
@@ -57,7 +73,7 @@ private:
 
     kernel_handle pipe_;
     std::wstring text_;
-    std::jthread thread_; // last, so that it finds the others there
+    kernel_handle thread_; // last, so that it finds the others there
 };
 
 // An empty handle where the process cannot be started.

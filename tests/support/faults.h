@@ -15,8 +15,7 @@ std::string thrown_by(const std::function<void()>& call);
 
 bool thread_is_impersonating();
 
-// A number that is the same again once all handles that this process has opened since are closed: their
-// count, where the system tells it.
+// How many handles this process has open.
 DWORD open_handles();
 
 } // namespace test_support

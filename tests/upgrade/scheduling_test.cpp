@@ -40,8 +40,6 @@ protected:
         if (!test_support::machine_is_disposable()) {
             GTEST_SKIP() << "ends and starts Explorer: set DISPOSABLE_MACHINE where that may be";
         }
-        // With its first exception the library's runtime opens handles of its own.
-        library.call("prepare_controlled_upgrade", 0);
         test_support::end_explorer();
         explorer.emplace(L"explorer.exe", L"--window=none");
         session.set_property(L"WIX_UPGRADE_DETECTED", PRODUCT);
