@@ -1,6 +1,7 @@
 #include "tests/support/played_machine.h"
 
 #include <gtest/gtest.h>
+#include <userenv.h>
 #include <wincrypt.h>
 
 #include <algorithm>
@@ -234,6 +235,17 @@ void played_machine::play_processes(HMODULE module)
 
 void played_machine::play_scripts(HMODULE module)
 {
+    answer<"CreateEnvironmentBlock", decltype(CreateEnvironmentBlock)>(
+        module, [this](LPVOID* environment, HANDLE, BOOL) {
+            *environment = environments_.insert(std::make_unique<char>()).first->get();
+            return std::optional{TRUE};
+        });
+    answer<"DestroyEnvironmentBlock", decltype(DestroyEnvironmentBlock)>(module, [this](LPVOID environment) {
+        EXPECT_EQ(
+            std::erase_if(environments_, [&](const auto& open) { return open.get() == environment; }), 1U)
+            << "destroyed, but not an environment";
+        return std::optional{TRUE};
+    });
     answer<"CreateProcessAsUserW", decltype(CreateProcessAsUserW)>(
         module,
         [this](
