@@ -1,5 +1,5 @@
 // For clang-tidy: the check "own-code" reports nothing, but leads the others past the system's headers. They
-// would walk through all of windows.h and the C++ library for every source, four fifths of the time, and what
+// would walk through all of windows.h and the C++ library for every source, most of the time, and what
 // they found there is not shown.
 
 #include <clang/AST/ASTContext.h>

@@ -94,6 +94,16 @@ void end_process(HANDLE process)
     }
 }
 
+// Keeps no handle to any of them: a process that has ended is there while a handle to it is.
+void close_or_end(const process_list& processes, DWORD polite_limit_ms, const context& context)
+{
+    const std::vector<kernel_handle> opened = open_processes(processes, context);
+    close_processes(processes, polite_limit_ms);
+    for (const kernel_handle& process : opened) {
+        end_process(process.get());
+    }
+}
+
 } // namespace
 
 process_list upgrade_processes(const context& context)
@@ -120,11 +130,7 @@ void stop(MSIHANDLE session, const context& context)
         if (processes.empty()) {
             return;
         }
-        const std::vector<kernel_handle> opened = open_processes(processes, context);
-        close_processes(processes, polite_limit_ms);
-        for (const kernel_handle& process : opened) {
-            end_process(process.get());
-        }
+        close_or_end(processes, polite_limit_ms, context);
         processes = upgrade_processes(context);
         if (processes.empty()) {
             return;

@@ -27,13 +27,21 @@ std::filesystem::path saved_files()
     return std::filesystem::temp_directory_path(none) / L"quorbel-files-before-upgrade";
 }
 
-// The first of the two without what was in it before; false where anything fails.
-bool copy_folder(const std::filesystem::path& to, const std::filesystem::path& from)
+// Copies the files of one folder over those of another; false where anything fails. What is in use there is
+// set aside first, as Windows does.
+bool copy_files(const std::filesystem::path& from, const std::filesystem::path& to)
 {
     std::error_code failure;
-    std::filesystem::remove_all(to, failure);
-    if (!failure) {
-        std::filesystem::copy(from, to, std::filesystem::copy_options::recursive, failure);
+    std::filesystem::create_directories(to, failure);
+    for (const auto& file : std::filesystem::directory_iterator{from, failure}) {
+        const std::filesystem::path copy = to / file.path().filename();
+        if (!std::filesystem::remove(copy, failure) && failure) {
+            std::filesystem::rename(copy, copy.wstring() + L".in-use", failure);
+        }
+        std::filesystem::copy_file(file.path(), copy, failure);
+        if (failure) {
+            return false;
+        }
     }
     return !failure;
 }
@@ -58,18 +66,20 @@ UINT __stdcall prepare_file_rollback(MSIHANDLE session)
 // Deferred: before the old version's files go.
 UINT __stdcall save_files(MSIHANDLE session)
 {
-    return copy_folder(saved_files(), read_property(session, L"CustomActionData")) ? ERROR_SUCCESS
-                                                                                   : ERROR_INSTALL_FAILURE;
+    std::error_code none;
+    std::filesystem::remove_all(saved_files(), none); // of an earlier upgrade
+    const bool done = copy_files(read_property(session, L"CustomActionData"), saved_files());
+    return done ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
 }
 
-// Rollback: the folder is then as it was, where it was saved at all.
+// Rollback: the files are then as they were, where they were saved at all.
 UINT __stdcall put_files_back(MSIHANDLE session)
 {
     std::error_code none;
     if (!std::filesystem::exists(saved_files(), none)) {
         return ERROR_SUCCESS;
     }
-    const bool done = copy_folder(read_property(session, L"CustomActionData"), saved_files());
+    const bool done = copy_files(saved_files(), read_property(session, L"CustomActionData"));
     std::filesystem::remove_all(saved_files(), none);
     return done ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
 }

@@ -310,6 +310,8 @@ std::map<std::string, int> package_column(const wchar_t* query)
 TEST(SamplePackage, calls_every_action_that_the_library_exports)
 {
     constexpr int immediate = 1; // a library in the Binary table, as the installing user, its result observed
+    constexpr int immediate_at_any_result = 1 + 64;
+    constexpr int sets_property = 51;
     constexpr int deferred_as_user = 1 + 1024;
     constexpr int deferred = 1 + 1024 + 2048; // from the script, as LocalSystem
     constexpr int rollback = deferred + 256;
@@ -331,6 +333,23 @@ TEST(SamplePackage, calls_every_action_that_the_library_exports)
         {"restore_search", deferred},
         {"rollback_property_handler", rollback},
         {"rollback_icon_handler", deferred_as_user + 256},
+        {"prepare_controlled_upgrade", immediate},
+        {"early_close_upgrade", immediate},
+        {"rollback_controlled_upgrade", rollback},
+        {"begin_controlled_upgrade", deferred},
+        {"install_upgrade_packages", deferred},
+        {"finish_controlled_upgrade", deferred},
+        {"recover_early_upgrade", immediate_at_any_result},
+        {"recover_after_failure", immediate_at_any_result},
+        {"set_msix_install_package", sets_property},
+        {"msix_install_package", deferred_as_user},
+        {"set_rollback_msix_package", sets_property},
+        {"rollback_msix_package", deferred_as_user + 256},
+        {"set_msix_uninstall_package", sets_property},
+        {"msix_uninstall_package", deferred_as_user},
+        {"prepare_file_rollback", immediate},
+        {"put_files_back", rollback},
+        {"save_files", deferred},
         {"fail_on_purpose", deferred},
     };
     EXPECT_EQ(package_column(L"SELECT `Action`, `Type` FROM `CustomAction`"), expected);
@@ -338,10 +357,29 @@ TEST(SamplePackage, calls_every_action_that_the_library_exports)
     const auto places = package_column(L"SELECT `Action`, `Sequence` FROM `InstallExecuteSequence`");
     for (const auto& [action, type] : expected) {
         ASSERT_TRUE(places.contains(action)) << action;
-        if (type != immediate) {
+        if (type >= deferred_as_user) {
             EXPECT_LT(places.at("InstallInitialize"), places.at(action)) << action;
             EXPECT_LT(places.at(action), places.at("InstallFinalize")) << action;
         }
+    }
+    const char* const upgrade[]{
+        "CostFinalize",
+        "prepare_controlled_upgrade",
+        "early_close_upgrade",
+        "InstallValidate",
+        "rollback_controlled_upgrade",
+        "put_files_back",
+        "begin_controlled_upgrade",
+        "InstallExecute",
+        "RemoveExistingProducts",
+        "InstallFiles",
+        "install_upgrade_packages",
+        "finish_controlled_upgrade",
+        "InstallFinalize",
+        "recover_early_upgrade",
+    };
+    for (std::size_t i = 1; i != std::size(upgrade); ++i) {
+        EXPECT_LT(places.at(upgrade[i - 1]), places.at(upgrade[i])) << upgrade[i];
     }
     EXPECT_LT(places.at("capture_search_state"), places.at("close_and_kill_our_processes"));
     EXPECT_LT(places.at("rollback_search"), places.at("stop_search"));

@@ -2,6 +2,7 @@
 
 #include "custom_actions/common/registry_key.h"
 #include "tests/support/child_process.h"
+#include "tests/support/registry_sandbox.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -94,6 +95,17 @@ void scheduler_stand_in::end_with(HRESULT result)
 void scheduler_stand_in::clear()
 {
     RegDeleteTreeW(HKEY_CURRENT_USER, STATE);
+}
+
+void scheduler_stand_in::register_task(const std::wstring& name, const properties& task)
+{
+    for (const auto& [property, value] : task) {
+        plant_value(
+            HKEY_CURRENT_USER,
+            std::wstring{STATE} + L"\\Tasks\\" + name,
+            property.c_str(),
+            registry_text(value));
+    }
 }
 
 std::map<std::wstring, scheduler_stand_in::properties> scheduler_stand_in::tasks() const

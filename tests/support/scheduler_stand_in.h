@@ -36,6 +36,9 @@ public:
 
     using properties = std::map<std::wstring, std::wstring>;
 
+    // Puts a task there.
+    void register_task(const std::wstring& name, const properties& task);
+
     // The registered tasks by name, with their properties as text: "Path", "Arguments", "UserId", ...
     [[nodiscard]] std::map<std::wstring, properties> tasks() const;
 

@@ -4,7 +4,7 @@
 
 namespace test_support {
 
-// How long the running test may take, from its start, instead of the half minute that every test has. One
+// How long the running test may take, from its start, instead of the minute that every test has. One
 // that takes longer ends the whole program, with its name.
 void allow_test(std::chrono::milliseconds limit);
 

@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr DWORD DEFAULT_LIMIT_MS = 30'000;
+constexpr DWORD DEFAULT_LIMIT_MS = 60'000;
 constexpr UINT BROKEN_OFF = 3;
 
 std::string running_test = "(no test)";

@@ -79,19 +79,26 @@ void wait_until(const std::function<bool()>& reached)
     }
 }
 
-void remove_service()
+void end_and_mark_for_deletion(const service_handle& service)
 {
-    const service_handle service = find_service();
-    if (!service) {
-        return;
-    }
     if (!is_toy(service)) {
         throw std::runtime_error{"this machine has a Windows Search of its own"};
     }
     const kernel_handle end{OpenEventW(EVENT_MODIFY_STATE, FALSE, LR"(Global\toy-search-end)")};
     SetEvent(end.get()); // where there is none, it does not run
     wait_until([&] { return status_of(service).dwCurrentState == SERVICE_STOPPED; });
-    checked(DeleteService(service.get()), "DeleteService");
+    if (!DeleteService(service.get()) && GetLastError() != ERROR_SERVICE_MARKED_FOR_DELETE) {
+        checked(FALSE, "DeleteService");
+    }
+}
+
+// It is gone once its program has ended and nobody has it open.
+void remove_service()
+{
+    if (const service_handle service = find_service()) {
+        end_and_mark_for_deletion(service);
+    }
+    wait_until([] { return !find_service(); });
 }
 
 void tell(const wchar_t* name, DWORD value)
@@ -167,7 +174,11 @@ windows_search::~windows_search()
 void windows_search::start()
 {
     const service_handle service = find_service();
-    checked(StartServiceW(service.get(), 0, nullptr), "StartServiceW");
+    bool started = StartServiceW(service.get(), 0, nullptr) != FALSE;
+    if (!started && GetLastError() == ERROR_SERVICE_REQUEST_TIMEOUT) { // on a busy machine
+        started = StartServiceW(service.get(), 0, nullptr) != FALSE;
+    }
+    checked(started, "StartServiceW");
     wait_until([&] { return starts() != 0 && state() == started_state_; });
     forget();
 }

@@ -303,8 +303,10 @@ std::optional<parsed_script> parse_whole(script_reader reader)
 std::optional<parsed_script> parse_recovery(script_reader reader)
 {
     script_step step{.what = &RECOVERY, .values = {}};
-    bool taken = reader.take(RECOVERY.text, step.values) && reader.take(L"%s", step.values);
-    while (taken && reader.take(L",%s", step.values)) {
+    bool taken = reader.take(RECOVERY.text, step.values);
+    if (taken && reader.take(L"%s", step.values)) {
+        while (reader.take(L",%s", step.values)) {
+        }
     }
     taken = taken && reader.take(RECOVERY_END, step.values) && reader.at_end();
     return taken ? std::optional{parsed_script{.log = {}, .steps = {step}}} : std::nullopt;
