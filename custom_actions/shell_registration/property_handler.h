@@ -34,8 +34,8 @@ bool is_our_property_handler(std::string_view extension);
 
 // Puts the suite's handler in the place of another one, which is kept in "OriginalPropertyHandler" unless an
 // earlier backup is there. `view` is native_registry_view(). False, and a line on standard output, where the
-// key cannot be opened or the handler not written; false also where the other one cannot be read. A backup
-// that cannot be written holds nothing up.
+// key cannot be opened or the handler not written; false also where the other one or its backup cannot be
+// read. A backup that cannot be written holds nothing up.
 bool override_property_handler(std::string_view extension, REGSAM view);
 
 // Writes the three detail lists of `extension`; stops at the first that fails and returns false.

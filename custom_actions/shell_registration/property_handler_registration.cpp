@@ -157,11 +157,14 @@ bool override_property_handler(std::string_view extension, REGSAM view)
         return false;
     }
     registry_value current;
-    if (const LSTATUS read = key.read_whole("", 1024, current);
-        read != ERROR_SUCCESS && read != ERROR_FILE_NOT_FOUND) {
-        return false; // it could not be kept
+    const LSTATUS read = key.read_whole("", 1024, current);
+    const LSTATUS backup = key.find_value(ORIGINAL_HANDLER_VALUE);
+    for (const LSTATUS looked : {read, backup}) {
+        if (looked != ERROR_SUCCESS && looked != ERROR_FILE_NOT_FOUND) {
+            return false; // what is there might get lost
+        }
     }
-    if (is_handler(current.data) && !key.has_value(ORIGINAL_HANDLER_VALUE)) {
+    if (is_handler(current.data) && backup == ERROR_FILE_NOT_FOUND) {
         key.write_raw_text(ORIGINAL_HANDLER_VALUE, current.data);
     }
     const LSTATUS status = key.write_text("", std::string{PROPERTY_HANDLER_CLSID});

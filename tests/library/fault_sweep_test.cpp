@@ -1,8 +1,9 @@
 // Every action of the built library with the n-th of its calls to Windows failing, for every n: once with the
 // fault passing and once with it staying. It has to return one of its codes and to leave nothing behind.
 //
-// A run of each place in the code (the same call by the same way) is always swept, and of the other calls as
-// many as SWEEP_SECONDS allow for an action, evenly chosen; SWEEP_SECONDS=full sweeps every call.
+// First come the places in the code (a call that comes by the same way is from the same place), with the
+// first call of each, then the other calls. Where an action's calls take longer than SWEEP_SECONDS, both are
+// evenly chosen, and what was swept is printed; SWEEP_SECONDS=full sweeps every call.
 
 #include "custom_actions/processes/explorer.h"
 #include "custom_actions/processes/token.h"
@@ -296,12 +297,12 @@ void set_package_data(stage& stage)
 }
 
 // A phase of an upgrade whose earlier phases left these markers.
-scenario phase(std::vector<std::wstring> markers)
+scenario phase(const std::vector<std::wstring>& markers)
 {
     return {
         .set_up = [](stage& stage) { stage.start_programs(); },
         .prepare =
-            [markers = std::move(markers)](stage& stage) {
+            [markers](stage& stage) {
                 stage.begin_upgrade(markers);
                 stage.set(L"CustomActionData", stage.upgrade_data());
             }};
@@ -425,18 +426,21 @@ std::vector<std::string> exported_actions()
     return pe_image{loaded_library{}.module()}.exported_names();
 }
 
-// How much is swept beyond the first call at each place.
+// How long one action is swept.
 struct sweep_limit {
     bool full = false;
-    std::chrono::duration<double> sampling{0.3};
+    std::chrono::duration<double> places{5};
 
     sweep_limit()
     {
         if (const char* const seconds = std::getenv("SWEEP_SECONDS")) {
             full = std::string_view{seconds} == "full";
-            sampling = std::chrono::duration<double>{std::atof(seconds)};
+            places = std::chrono::duration<double>{std::strtod(seconds, nullptr)};
         }
     }
+
+    // What is left for calls from places that were swept already.
+    [[nodiscard]] std::chrono::duration<double> others() const { return places / 10; }
 };
 
 std::string name_of(call_sweep::lasting how)
@@ -478,6 +482,9 @@ protected:
         const auto& calls = sweep_->calls();
         const bool reached = nth != 0 && nth <= calls.size();
         const std::string_view failing = reached ? calls[nth - 1].function : "nothing";
+        if (reached) {
+            swept_places_.insert(calls[nth - 1].place);
+        }
         const std::string fault =
             std::string{failing} + ", call " + std::to_string(nth) + ", " + name_of(how);
 
@@ -520,30 +527,33 @@ protected:
         }
     }
 
-    void sweep_places_and_sample(std::chrono::duration<double> limit)
+    void sweep_some(const sweep_limit& limit)
     {
+        std::vector<std::size_t> first_calls;
         std::vector<std::size_t> others;
         std::set<std::size_t> places;
         const auto calls = sweep_->calls();
         for (std::size_t nth = 1; nth <= calls.size(); ++nth) {
-            if (!calls[nth - 1].can_fail) {
-                continue;
-            }
-            if (places.insert(calls[nth - 1].place).second) {
-                inject(nth);
-            } else {
-                others.push_back(nth);
+            if (calls[nth - 1].can_fail) {
+                (places.insert(calls[nth - 1].place).second ? first_calls : others).push_back(nth);
             }
         }
+        sweep_evenly(first_calls, limit.places);
+        sweep_evenly(others, limit.others());
+    }
+
+    // As many of these calls as can be swept in that time.
+    void sweep_evenly(const std::vector<std::size_t>& calls, std::chrono::duration<double> limit)
+    {
         const auto end = std::chrono::steady_clock::now() + limit;
         // The golden ratio's multiples cover the calls evenly, wherever they end.
         std::set<std::size_t> chosen;
-        for (double at = 0;
-             !others.empty() && chosen.size() < others.size() && std::chrono::steady_clock::now() < end;
-             at = std::fmod(at + 0.6180339887, 1.0)) {
-            const auto index = static_cast<std::size_t>(at * static_cast<double>(others.size()));
+        for (unsigned count = 1; chosen.size() < calls.size() && std::chrono::steady_clock::now() < end;
+             ++count) {
+            const double at = std::fmod(count * 0.6180339887, 1.0);
+            const auto index = static_cast<std::size_t>(at * static_cast<double>(calls.size()));
             if (chosen.insert(index).second) {
-                inject(others[index]);
+                inject(calls[index]);
             }
         }
     }
@@ -554,6 +564,7 @@ protected:
     std::map<UINT, unsigned> codes_;
     std::size_t faults_ = 0;
     std::size_t swept_calls_ = 0;
+    std::set<std::size_t> swept_places_;
     std::string fault_;
 };
 
@@ -568,22 +579,25 @@ TEST_P(FaultSweep, returns_a_code_of_its_own_and_leaves_nothing_behind)
     codes_.clear();
     std::set<std::size_t> places;
     for (const auto& call : calls) {
-        places.insert(call.place);
+        if (call.can_fail) {
+            places.insert(call.place);
+        }
     }
     const auto start = std::chrono::steady_clock::now();
     testing::internal::CaptureStdout(); // what the action prints, a thousand times
     if (limit.full) {
         sweep_every_call();
     } else {
-        sweep_places_and_sample(limit.sampling);
+        sweep_some(limit);
     }
     if (const std::string output = testing::internal::GetCapturedStdout(); HasFailure()) {
         std::cout << output;
     }
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
 
-    std::cout << GetParam() << ": " << calls.size() << " calls at " << places.size() << " places; swept "
-              << swept_calls_ << ", " << faults_ << " faults injected; codes";
+    std::cout << GetParam() << ": " << calls.size() << " calls, " << places.size()
+              << " places where one can fail; swept " << swept_calls_ << " calls at " << swept_places_.size()
+              << " places, " << faults_ << " faults; codes";
     for (const auto& [code, count] : codes_) {
         std::cout << ' ' << code << " x " << count << (code == codes_.rbegin()->first ? "" : ",");
     }
