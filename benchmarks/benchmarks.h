@@ -8,5 +8,9 @@ namespace benchmarks {
 void measure_property_handler(report& results);
 void measure_icon_sweep(report& results);
 void measure_processes(report& results);
+void measure_hidden_process(report& results);
+
+// What this program does as the child of a benchmark: it prints this much.
+void print_as_child(std::size_t bytes);
 
 } // namespace benchmarks

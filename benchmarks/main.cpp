@@ -6,10 +6,16 @@
 
 #include <cstdio>
 #include <exception>
+#include <string>
 
-int main()
+int main(int argc, char** argv)
 {
     try {
+        const std::string argument = argc > 1 ? argv[1] : "";
+        if (argument.starts_with("--print=")) {
+            benchmarks::print_as_child(std::stoul(argument.substr(8)));
+            return 0;
+        }
         if (!test_support::machine_is_disposable()) {
             std::fputs(
                 "Packages would be installed on this machine: set DISPOSABLE_MACHINE if they may.\n", stderr);
@@ -19,6 +25,7 @@ int main()
         benchmarks::measure_property_handler(report);
         benchmarks::measure_icon_sweep(report);
         benchmarks::measure_processes(report);
+        benchmarks::measure_hidden_process(report);
         report.print();
         return 0;
     } catch (const std::exception& error) {

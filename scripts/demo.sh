@@ -37,18 +37,56 @@ search_was_asked() {
   scripts/wine.sh reg query "$search\Asked" /v "$1" 2>/dev/null </dev/null |
     tr -d '\r' | sed -n "s/^ *$1 *REG_[A-Z]* *//p"
 }
-search_was_asked_once() { [ "$(search_was_asked Stops)" = 0x1 ] && [ "$(search_was_asked Starts)" = 0x1 ]; }
+search_was_asked_times() { [ "$(search_was_asked Stops)" = "0x$1" ] && [ "$(search_was_asked Starts)" = "0x$1" ]; }
 files_at() { [ "$(search_was_asked "$1")" = "$2" ]; }
 # check_search BEFORE AFTER: that Search ran, was out of the way while BEFORE became AFTER, and runs again.
 check_search() {
   check "Windows Search was running before" logged "Windows Search was running; transactional stop/restore scheduled."
-  check "it was stopped and started once" search_was_asked_once
+  check "it was stopped and started once" search_was_asked_times 1
   check "it was stopped before a file changed (there was ${1:-nothing})" files_at AtStop "$1"
   check "it was started after the last one (there was ${2:-nothing})" files_at AtStart "$2"
   check "it is running again" search_is RUNNING
   check "and the log tells so" logged "Windows Search restored to running."
   scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null || true
 }
+
+# PowerShell and the Task Scheduler, which Wine has not, played by stand-ins that keep what they know in the registry.
+stand_in='HKCU\Software\QuorbelStandIn'
+powershell=build/wine/drive_c/windows/system32/WindowsPowerShell/v1.0/powershell.exe
+remove_stand_ins() {
+  scripts/wine.sh regsvr32 /u /s build/mingw/toy_scheduler.dll >/dev/null 2>&1 </dev/null || true
+  [ ! -f "$powershell.of-the-system" ] || mv -f "$powershell.of-the-system" "$powershell"
+  scripts/wine.sh reg delete "$stand_in" /f >/dev/null 2>&1 </dev/null || true
+}
+install_stand_ins() {
+  mv "$powershell" "$powershell.of-the-system"
+  cp build/mingw/toy_powershell.exe "$powershell"
+  scripts/wine.sh regsvr32 /s build/mingw/toy_scheduler.dll >/dev/null 2>&1 </dev/null
+}
+tell_powershell() { plant "$stand_in\PowerShell" /v "$1" "${@:2}"; }
+tell_powershell_nothing() {
+  local order
+  for order in FailAdd LoseStart TrayWaitMs; do
+    scripts/wine.sh reg delete "$stand_in\PowerShell" /v $order /f >/dev/null 2>&1 </dev/null || true
+  done
+}
+# The versions of the registered packages, with how many there are of each.
+packages() {
+  scripts/wine.sh reg query "$stand_in\PowerShell\Packages" /s 2>/dev/null </dev/null |
+    tr -d '\r' | sed -n 's/^ *Version *REG_SZ *//p' | sort | uniq -c | sed 's/^ *//' | paste -sd, || true
+}
+packages_are() { [ "$(packages)" = "$1" ]; }
+powershell_understood_all() {
+  ! scripts/wine.sh reg query "$stand_in\PowerShell" /v Refused >/dev/null 2>&1 </dev/null
+}
+asked_for_whats_new() {
+  scripts/wine.sh reg query "$stand_in\PowerShell\Scripts" 2>/dev/null </dev/null | grep -qF -- --open-tab=what-new
+}
+recovery_task() {
+  scripts/wine.sh reg query "$stand_in\TaskScheduler\Tasks" /s 2>/dev/null </dev/null | tr -d '\r' |
+    sed -n "s/^ *$1 *REG_SZ *//p"
+}
+no_recovery_task() { [ -z "$(recovery_task Path)" ]; }
 
 # Whatever became of it: no trace of the demo's own in the prefix, and nothing left running there.
 clean_up() {
@@ -57,6 +95,7 @@ clean_up() {
     scripts/wine.sh reg delete "$key" /f >/dev/null 2>&1 </dev/null || true
   done
   remove_search
+  remove_stand_ins
   scripts/wine.sh --end
 }
 trap clean_up EXIT
@@ -131,10 +170,13 @@ default_is() { scripts/wine.sh reg query "$1" /ve 2>/dev/null </dev/null | grep 
 
 package() { printf 'build/mingw/package/quorbel-%s.msi' "$1"; }
 
-for version in 1.4.1 1.4.2 1.5.0; do # what a demo that was broken off may have left
+for version in 1.4.1 1.4.2 1.5.0 2.0.0; do # what a demo that was broken off may have left
   scripts/wine.sh msiexec /x "$(package $version)" /qn >/dev/null 2>&1 </dev/null || true
 done
 
+rm -rf 'build/wine/drive_c/Program Files/Quorbel'
+remove_stand_ins
+install_stand_ins
 remove_search
 install_search
 scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null
@@ -153,6 +195,7 @@ printf '    %s file types carry the property handler; .jpg had another before\n'
 check "they are all 64" types_are 64
 check "the icon handler of .ico is ours; it, too, had another" default_is "$icon_slot" '{931CC9DD-9E0F-4FA1-AA06-229D0372956A}'
 check "the state of Smart App Control is told" logged "Smart App Control: "
+check "the sparse package is registered" packages_are "1 1.4.1.0"
 check_search "" "Quorbel 1.4.1"
 
 # Three programs of the suite, and an Explorer with one of its extensions loaded; each one's exit code tells how it ended.
@@ -169,18 +212,21 @@ ended_with() {
   for _ in $(seq 50); do [ -f "$logs/$1.exit" ] && break; sleep 0.1; done
   [ "$(cat "$logs/$1.exit" 2>/dev/null)" = "$2" ]
 }
-# Windows' own Explorer, in this prefix and not in another of the user's. (Wine starts one by itself as soon as a program
-# needs a desktop; then the action finds it there and starts no second one, as it should.)
-explorer_runs() {
+# runs PATTERN: whether a program with this command line runs in this prefix, and not in another of the user's.
+runs() {
   local process
   for process in /proc/[0-9]*; do
-    if tr '\0' ' ' <"$process/cmdline" 2>/dev/null | grep -qiE 'windows.(system32.)?explorer\.exe' &&
+    if tr '\0' ' ' <"$process/cmdline" 2>/dev/null | grep -qiE "$1" &&
       tr '\0' '\n' <"$process/environ" 2>/dev/null | grep -qx "WINEPREFIX=$PWD/build/wine"; then
       return 0
     fi
   done
   return 1
 }
+runs_not() { ! runs "$1"; }
+# (Wine starts Windows' own Explorer by itself as soon as a program needs a desktop; then the action finds it there and
+# starts no second one, as it should.)
+explorer_runs() { runs 'windows.(system32.)?explorer\.exe'; }
 scripts/wine.sh taskkill /f /im explorer.exe >/dev/null 2>&1 </dev/null || true # the prefix's own desktop
 start_program Quorbel.exe
 start_program Quorbel.Comment.exe --window=ignores
@@ -214,6 +260,87 @@ check "the files of 1.5.0 are there" notes_are "Quorbel 1.5.0"
 check_search "Quorbel 1.4.2" "Quorbel 1.5.0"
 check "no restart notice" not_logged "Quorbel has been removed."
 
+# The suite in use: programs, the helper service, the tray, and an Explorer with one of its extensions loaded.
+use_the_suite() {
+  local program
+  rm -f "$logs"/*.exit
+  for program in Quorbel.exe Quorbel.Kindra.HelperService.exe Quorbel.SystemTray.exe; do start_program $program; done
+  start_program Quorbel.AutoTagging.Service.exe --window=ignores
+  cp build/mingw/toy_program.exe "build/wine/drive_c/Program Files/Quorbel/explorer.exe"
+  start_program explorer.exe --window=none '--load=C:\Program Files\Quorbel\Quorbel.Plexa.ShellExtension.dll'
+  sleep 3
+  scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null || true
+}
+suite_runs_again() {
+  runs '[\\]Quorbel\.exe' && runs 'Quorbel\.Kindra\.HelperService\.exe' && runs 'Quorbel\.SystemTray\.exe' &&
+    runs_not 'AutoTagging'
+}
+# check_suite_is_back TIMES: everything runs as before; Windows Search was stopped and started so often.
+check_suite_is_back() {
+  check "Quorbel.exe, asked early, had closed by itself" ended_with Quorbel.exe 0
+  check "the auto-tagging service, which ignores the request, was ended" ended_with Quorbel.AutoTagging.Service.exe 1
+  check "so was the Explorer with the extension" ended_with explorer.exe 1
+  check "program, helper and tray run; the auto-tagging service is left to itself" suite_runs_again
+  check "Windows' own Explorer runs" explorer_runs
+  check "Windows Search was stopped and started (times: $1)" search_was_asked_times "$1"
+  check "and runs" search_is RUNNING
+  check "the next upgrade may start" eval '! scripts/wine.sh reg query "HKLM\SOFTWARE\Brenmoor\Quorbel\InstallerMaintenance" >/dev/null 2>&1 </dev/null'
+  check "no recovery task is left" no_recovery_task
+  check "PowerShell understood everything" powershell_understood_all
+}
+
+# failing_upgrade LOG TIMES ARGUMENT...: to 2.0.0, from 1.5.0 and back. The end of an installation that failed comes before the
+# rollback in Wine's engine, so what the package calls there, the recovery task, is run by hand.
+failing_upgrade() {
+  use_the_suite
+  run_msiexec "$1" /i "$(package 2.0.0)" "${@:3}"
+  check "the installer failed" failed_to_install
+  printf '    run by hand: the recovery task\n'
+  # shellcheck disable=SC2046 # its arguments are words
+  scripts/wine.sh "$(recovery_task Path)" $(recovery_task Arguments) >/dev/null 2>&1 </dev/null
+  scripts/wine.sh reg delete "$stand_in\TaskScheduler" /f >/dev/null 2>&1 </dev/null
+  check "the files are those of 1.5.0" notes_are "Quorbel 1.5.0"
+  check "so are the packages: ${packages_before}" packages_are "$packages_before"
+  check_suite_is_back "$2"
+  tell_powershell_nothing
+  # That engine has forgotten the product, too.
+  end_suite
+  scripts/wine.sh msiexec /i "$(package 1.5.0)" /qn >/dev/null 2>&1 </dev/null
+}
+end_suite() {
+  local program
+  for program in Quorbel.exe Quorbel.Kindra.HelperService.exe Quorbel.SystemTray.exe; do
+    scripts/wine.sh taskkill /f /im $program >/dev/null 2>&1 </dev/null || true
+  done
+}
+packages_before=$(packages)
+
+heading "Controlled upgrade to 2.0.0, in which a package cannot be registered"
+tell_powershell FailAdd /d Sorvane.Rate.Package.msix
+failing_upgrade 4-failing-package 1
+check "the package that failed is told" logged "Quorbel upgrade: User operation failed; see retained upgrade recovery logs"
+
+heading "Controlled upgrade to 2.0.0, in which the tray does not return"
+tell_powershell LoseStart /d Quorbel.SystemTray.exe
+tell_powershell TrayWaitMs /t REG_DWORD /d 500
+failing_upgrade 5-failing-tray 2
+check "the new version was closed before the old files came back" logged "Runtime failure: candidate shutdown attempted before MSI file rollback."
+check "nor did the old tray, which the recovery task then started" logged "Rollback recovery incomplete: "
+
+heading "Controlled upgrade to 2.0.0, with a failure after it was committed"
+failing_upgrade 6-failing-later 1 FAIL_ON_PURPOSE=1
+
+heading "Controlled upgrade to 2.0.0"
+use_the_suite
+run_msiexec 7-upgrade-2.0.0 /i "$(package 2.0.0)"
+check "the installer succeeded" succeeded
+check "the files are those of 2.0.0" notes_are "Quorbel 2.0.0"
+check "all eight packages are of 2.0.0" packages_are "8 2.0.0.0"
+check_suite_is_back 1
+check "the main program was asked to show what is new" asked_for_whats_new
+end_suite
+scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null || true
+
 # What the suite does to a drive's icon while it is in use.
 plant "$drive" /ve /d ours.ico
 plant "$drive" /v sorvane_drive_icon_applied /d ours.ico
@@ -221,7 +348,7 @@ plant "$drive" /v sorvane_drive_icon_had_original /t REG_DWORD /d 1
 plant "$drive" /v sorvane_drive_icon_original /d before.ico
 
 heading "Remove Quorbel"
-run_msiexec 4-remove /x "$(package 1.5.0)"
+run_msiexec 8-remove-2.0.0 /x "$(package 2.0.0)"
 check "the installer succeeded" succeeded
 check "the restart notice was shown" logged "Please restart when it is convenient for you."
 rm -f 'build/wine/drive_c/Program Files/Quorbel/explorer.exe' # the demo's own
@@ -233,12 +360,13 @@ check "the handler that .jpg had before is back" default_is "$handlers\.jpg" "$f
 check "so is the icon handler of .ico" default_is "$icon_slot" "$foreign_handler"
 check "so is the icon that drive Q had before" default_is "$drive" before.ico
 check "the built-in New menu was looked after" logged "restore_built_in_new_context_menu: completed"
-check_search "Quorbel 1.5.0" ""
+check_search "Quorbel 2.0.0" ""
+check "the sparse package is not registered any more" packages_are "7 2.0.0.0"
 
 heading "Install Quorbel 1.4.2 once more; Windows Search is stopped this time"
 scripts/wine.sh sc stop WSearch >/dev/null 2>&1 </dev/null
 search_is STOPPED
-run_msiexec 5-install-1.4.2 /i "$(package 1.4.2)"
+run_msiexec 9-install-1.4.2 /i "$(package 1.4.2)"
 check "the installer succeeded" succeeded
 check "Windows Search stays stopped" search_is STOPPED
 
@@ -246,15 +374,15 @@ heading "Upgrade to 1.5.0, which fails at its end"
 scripts/wine.sh sc start WSearch >/dev/null 2>&1 </dev/null
 search_is RUNNING
 scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null
-run_msiexec 6-failed-upgrade /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
+run_msiexec 10-failed-upgrade /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
 check "the installer failed" failed_to_install
 # Wine does not bring back the old version's files, so what there is now depends on where this runs.
 check_search "Quorbel 1.4.2" "$(notes_now)"
 
 heading "Upgrade to 1.5.0 again, and remove it"
-run_msiexec 7-upgrade-1.5.0 /i "$(package 1.5.0)"
+run_msiexec 11-upgrade-1.5.0 /i "$(package 1.5.0)"
 check "the installer succeeded" succeeded
-run_msiexec 8-remove /x "$(package 1.5.0)"
+run_msiexec 12-remove /x "$(package 1.5.0)"
 check "the installer succeeded" succeeded
 check "nothing is left of the suite" nothing_installed
 check "Windows Search is running" search_is RUNNING

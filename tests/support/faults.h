@@ -15,7 +15,8 @@ std::string thrown_by(const std::function<void()>& call);
 
 bool thread_is_impersonating();
 
-// How many handles this process has open.
+// A number that is the same again once all handles that this process has opened since are closed: their
+// count, where the system tells it.
 DWORD open_handles();
 
 } // namespace test_support

@@ -17,6 +17,7 @@
 #include <array>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <random>
@@ -28,7 +29,6 @@ namespace {
 
 using test_support::intercepted_import;
 using test_support::thrown_by;
-using testing::ElementsAre;
 
 constexpr const wchar_t* SID = L"S-1-5-21-1-2-3-1001";
 constexpr const wchar_t* GUID_TEXT = L"{0F1E2D3C-4B5A-6978-8796-a5b4c3d2e1f0}";
@@ -55,19 +55,8 @@ std::string refusal(const std::wstring& data)
 TEST(Context, is_read_from_its_data)
 {
     const std::wstring rest = std::wstring{L"|4294967295|"} + SID + L"|" + GUID_TEXT;
-
-    struct {
-        const wchar_t* told;
-        const wchar_t* folder;
-    } const cases[]{
-        {L"C:/Apps/Suite/", LR"(C:\Apps\Suite)"},
-        {LR"(C:\Apps\..\Apps\.\\Suite)", LR"(C:\Apps\Suite)"},
-        {L"C:\\It's [1] \u00C4\u4E2D\\", L"C:\\It's [1] \u00C4\u4E2D"},
-        {L"//server/share/", LR"(\\server\share)"},
-        {L"C:/", LR"(C:\)"},
-    };
-
-    for (const auto& [told, folder] : cases) {
+    const std::wstring folder = L"C:\\It's [1] \u00C4\u4E2D";
+    for (const std::wstring& told : {folder, L"C:/a/../" + folder.substr(3) + L"/"}) {
         const context loaded = load_context(told + rest);
         EXPECT_EQ(loaded.product_directory, folder);
         EXPECT_EQ(loaded.workspace, std::wstring{LR"(C:\windows\Temp\QBL-upgrade-)"} + GUID_TEXT);
@@ -75,7 +64,7 @@ TEST(Context, is_read_from_its_data)
         EXPECT_EQ(loaded.user_sid, SID);
         EXPECT_EQ(format_context(told, 4294967295U, SID, GUID_TEXT), told + rest);
     }
-    const auto load = [&] { load_context(L"C:\\a" + rest); };
+    const auto load = [&] { load_context(folder + rest); };
     EXPECT_EQ(THROWN_WITH(load, GetWindowsDirectoryW, 0, {5}), "Cannot resolve Windows directory");
 }
 
@@ -93,7 +82,8 @@ std::string told_refusal(const std::wstring& data)
 {
     const std::vector<std::wstring> fields = split(data, L'|');
     const auto only = [](const std::wstring& text, const std::wstring& allowed) {
-        return std::ranges::all_of(text, [&](wchar_t unit) { return allowed.find(unit) != allowed.npos; });
+        return std::ranges::all_of(
+            text, [&](wchar_t unit) { return allowed.find(unit) != std::wstring::npos; });
     };
     if (fields.size() != 4 || fields[1].empty() || !only(fields[1], L"0123456789") ||
         fields[3].size() != 38 || !only(fields[3], L"{}-0123456789ABCDEFabcdef")) {
@@ -123,13 +113,14 @@ TEST(Context, is_refused_exactly_where_the_rules_say_so)
         L"S-1-5-21-1-2-3-1001;S-1-5-18;BA;S-1;S-1-5-;s-1-5-18;1-5-18;S-1-5-21-x",
         L"{0F1E2D3C-4B5A-6978-8796-a5b4c3d2e1f0};}}}}}}}}}}}}}}}}}}}}}}}}}}}}}}}}}}}}}};"
         L"0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0;{0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1FG};"};
-    std::mt19937 random{8};
+    std::vector<std::vector<std::wstring>> fields;
+    std::ranges::transform(pieces, std::back_inserter(fields), [](auto text) { return split(text, L';'); });
+    std::mt19937 random{8}; // NOLINT(cert-msc32-c,cert-msc51-cpp): the same texts every time
     std::map<std::string, unsigned> met;
     const DWORD handles = test_support::open_handles();
     for (int i = 0; i != 100'000; ++i) {
         std::wstring data;
-        for (const wchar_t* piece : pieces) {
-            const auto choices = split(piece, L';');
+        for (const auto& choices : fields) {
             data += choices[std::min(random() % choices.size(), random() % choices.size())];
             data += L'|';
         }
@@ -322,20 +313,8 @@ protected:
     const DWORD own = GetCurrentProcessId();
 };
 
-TEST_F(MaintenanceKey, is_taken_and_released_in_the_64_bit_view)
+TEST_F(MaintenanceKey, is_taken_from_whoever_has_it_and_released)
 {
-    std::vector<REGSAM> views;
-    const auto see = [&](REGSAM view) {
-        views.push_back(view);
-        return std::optional<LSTATUS>{};
-    };
-    const intercepted_import<"RegCreateKeyExW", decltype(RegCreateKeyExW)> taken{
-        module_under_test(),
-        [&](HKEY, LPCWSTR, DWORD, LPWSTR, DWORD, REGSAM view, auto...) { return see(view); }};
-    const intercepted_import<"RegGetValueW", decltype(RegGetValueW)> read{
-        module_under_test(), [&](HKEY, LPCWSTR, LPCWSTR, DWORD flags, auto...) { return see(flags); }};
-    const intercepted_import<"RegDeleteKeyExW", decltype(RegDeleteKeyExW)> released{
-        module_under_test(), [&](HKEY, LPCWSTR, REGSAM view, DWORD) { return see(view); }};
     plant(4, 5); // another's, which is overwritten
     EXPECT_EQ(thrown_by([] { upgrade_guard(true); }), "");
     EXPECT_TRUE(live());
@@ -343,7 +322,6 @@ TEST_F(MaintenanceKey, is_taken_and_released_in_the_64_bit_view)
     EXPECT_EQ(thrown_by([] { upgrade_guard(false); }), "");
     EXPECT_FALSE(live());
     EXPECT_EQ(thrown_by([] { upgrade_guard(false); }), "") << "it is gone already";
-    EXPECT_THAT(views, ElementsAre(0x102, 0x10010, 0x10040, 0x100, 0x10010, 0x100));
 }
 
 TEST_F(MaintenanceKey, is_live_while_its_process_runs)

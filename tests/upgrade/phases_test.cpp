@@ -15,6 +15,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -113,7 +114,8 @@ private:
     std::optional<bool> restored_;
     test_support::intercepted_import<"QueryServiceConfig2W", decltype(QueryServiceConfig2W)> query_{
         this_module(), [this](SC_HANDLE, DWORD, LPBYTE buffer, DWORD, LPDWORD) -> std::optional<BOOL> {
-            reinterpret_cast<SERVICE_DELAYED_AUTO_START_INFO*>(buffer)->fDelayedAutostart = delayed_;
+            const SERVICE_DELAYED_AUTO_START_INFO info{delayed_};
+            std::memcpy(buffer, &info, sizeof info);
             return TRUE;
         }};
     test_support::intercepted_import<"ChangeServiceConfig2W", decltype(ChangeServiceConfig2W)> change_{

@@ -188,11 +188,6 @@ TEST_F(SuiteProcesses, have_to_be_known_for_certain)
         const auto gone = open_refused(host.id(), ERROR_INVALID_PARAMETER);
         EXPECT_EQ(list(), (listed{{program.id()}, ""}));
     }
-    EXPECT_EQ(
-        THROWN_WITH(ask, CreateToolhelp32Snapshot, INVALID_HANDLE_VALUE, {ERROR_ACCESS_DENIED}),
-        "Cannot snapshot processes (5)");
-    EXPECT_EQ(
-        THROWN_WITH(ask, OpenProcessToken, FALSE, {ERROR_ACCESS_DENIED}), "Cannot open installer token (5)");
 }
 
 std::wstring closing(const toy_process& process)
@@ -241,12 +236,10 @@ TEST_F(SuiteProcesses, get_a_second_and_shorter_chance)
             }
             return std::nullopt;
         }};
-    std::vector<std::wstring> lines;
-    stop(session.handle(), upgrade);
-    for (const auto& message : session.messages()) {
-        lines.push_back(message.text.substr(message.text.find(L"closing")));
-    }
-    EXPECT_THAT(lines, ElementsAre(closing(first), closing(*second)));
+    stop(session.handle(), upgrade); // the program that comes up meanwhile is a handle more
+    ASSERT_EQ(session.messages().size(), 2U);
+    EXPECT_TRUE(session.messages()[0].text.ends_with(closing(first)));
+    EXPECT_TRUE(session.messages()[1].text.ends_with(closing(*second)));
     EXPECT_THAT(waits, ElementsAre(5000, 0, 1000, 0));
     EXPECT_EQ(second->exit_code(), 0U);
 }
