@@ -90,9 +90,9 @@ LSTATUS registry_key::read(const wchar_t* name, DWORD limit, registry_value& val
     return query_value(RegQueryValueExW, handle_.get(), name, limit, value);
 }
 
-bool registry_key::has_value(const char* name) const noexcept
+LSTATUS registry_key::find_value(const char* name) const noexcept
 {
-    return RegQueryValueExA(handle_.get(), name, nullptr, nullptr, nullptr, nullptr) != ERROR_FILE_NOT_FOUND;
+    return RegQueryValueExA(handle_.get(), name, nullptr, nullptr, nullptr, nullptr);
 }
 
 LSTATUS registry_key::write_text(const char* name, const std::string& text) const noexcept

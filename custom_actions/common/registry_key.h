@@ -61,8 +61,8 @@ public:
         return status == ERROR_MORE_DATA ? read(name, 1024 * 1024, value) : status;
     }
 
-    // Whether the value is there, or cannot be told not to be.
-    [[nodiscard]] bool has_value(const char* name) const noexcept;
+    // ERROR_SUCCESS where the value is there, whatever it is.
+    LSTATUS find_value(const char* name) const noexcept;
 
     // Writes `text` and its terminating zero as REG_SZ.
     LSTATUS write_text(const char* name, const std::string& text) const noexcept;

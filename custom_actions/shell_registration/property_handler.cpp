@@ -25,13 +25,6 @@ bool is_our_property_handler(std::string_view extension)
            handler.text() == PROPERTY_HANDLER_CLSID;
 }
 
-std::string read_handler(const registry_key& key, const char* name)
-{
-    registry_value handler;
-    key.read_whole(name, 1024, handler);
-    return handler.data;
-}
-
 std::string read_details_list(const registry_key& key, const char* name, DWORD limit)
 {
     registry_value list;

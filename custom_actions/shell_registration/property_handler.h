@@ -21,8 +21,8 @@ UINT register_property_handler(MSIHANDLE session);
 
 // Undoes that: every extension that carries the suite's handler gets its former one back, or loses the key,
 // and loses the detail lists that are still the suite's own. Returns ERROR_INSTALL_FAILURE where the
-// handlers' key is there and cannot be opened, or where an extension's key cannot be deleted; everything else
-// that fails is passed over. Throws std::bad_alloc alone.
+// handlers' key is there and cannot be opened, or where an extension's key cannot be deleted, for which its
+// backup must be readable; everything else that fails is passed over. Throws std::bad_alloc alone.
 UINT remove_property_handler(MSIHANDLE session);
 
 // The paths of an extension's handler and of its detail lists, below HKEY_LOCAL_MACHINE.
@@ -34,7 +34,8 @@ bool is_our_property_handler(std::string_view extension);
 
 // Puts the suite's handler in the place of another one, which is kept in "OriginalPropertyHandler" unless an
 // earlier backup is there. `view` is native_registry_view(). False, and a line on standard output, where the
-// key cannot be opened or the handler not written; a backup that cannot be written holds nothing up.
+// key cannot be opened or the handler not written; false also where the other one or its backup cannot be
+// read. A backup that cannot be written holds nothing up.
 bool override_property_handler(std::string_view extension, REGSAM view);
 
 // Writes the three detail lists of `extension`; stops at the first that fails and returns false.
@@ -42,11 +43,6 @@ bool write_details_lists(std::string_view extension);
 
 // Deletes the value if its text (of at most 4096 bytes) is exactly `expected` and not empty; whether it did.
 bool delete_value_if_matches(const registry_key& key, const char* name, std::string_view expected);
-
-// The bytes of a class identifier in a handler's key (an empty name is the handler itself); empty where it is
-// not there or cannot be read. The longest class identifier has 39; a longer value is read whole all the
-// same, up to a mebibyte, so that what somebody put there is seen and kept.
-std::string read_handler(const registry_key& key, const char* name);
 
 // Whether these bytes are a handler at all: more than a terminating zero.
 bool is_handler(const std::string& bytes) noexcept;

@@ -19,11 +19,20 @@ bool process_is_elevated() noexcept
            elevation.TokenIsElevated != 0;
 }
 
-bool has_property_handler(std::string_view extension)
+enum class found_handler { none, some, unreadable };
+
+found_handler look_for_handler(std::string_view extension)
 {
     registry_key key;
-    return key.open(HKEY_LOCAL_MACHINE, property_handler_path(extension), KEY_READ) == ERROR_SUCCESS &&
-           is_handler(read_handler(key, ""));
+    registry_value handler;
+    LSTATUS status = key.open(HKEY_LOCAL_MACHINE, property_handler_path(extension), KEY_READ);
+    if (status == ERROR_SUCCESS) {
+        status = key.read_whole("", 1024, handler);
+    }
+    if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
+        return found_handler::unreadable;
+    }
+    return is_handler(handler.data) ? found_handler::some : found_handler::none;
 }
 
 bool install_property_handler(std::string_view extension, REGSAM view)
@@ -50,9 +59,11 @@ void replace_foreign_handler(std::string_view extension, REGSAM view, std::vecto
     }
 }
 
-void install_first_handler(std::string_view extension, REGSAM view, std::vector<std::string>& failures)
+// What cannot be read may be somebody else's, and stays.
+void install_first_handler(
+    std::string_view extension, found_handler found, REGSAM view, std::vector<std::string>& failures)
 {
-    if (install_property_handler(extension, view)) {
+    if (found == found_handler::none && install_property_handler(extension, view)) {
         write_details_lists(extension);
     } else {
         failures.push_back(std::string{extension} + " (fresh install)");
@@ -67,8 +78,8 @@ std::vector<std::string> register_handlers(REGSAM view)
         FORCE_OVERRIDE_EXTENSIONS.begin(), FORCE_OVERRIDE_EXTENSIONS.end()};
     std::vector<std::string> failures;
     for (const std::string_view extension : PROPERTY_HANDLER_EXTENSIONS) {
-        if (!has_property_handler(extension)) {
-            install_first_handler(extension, view, failures);
+        if (const found_handler found = look_for_handler(extension); found != found_handler::some) {
+            install_first_handler(extension, found, view, failures);
         } else if (overridden.contains(extension) && !is_our_property_handler(extension)) {
             replace_foreign_handler(extension, view, failures);
         }
@@ -145,9 +156,16 @@ bool override_property_handler(std::string_view extension, REGSAM view)
             (status == ERROR_ACCESS_DENIED ? " (ACCESS_DENIED - process is not elevated)" : ""));
         return false;
     }
-    if (const std::string current = read_handler(key, "");
-        is_handler(current) && !key.has_value(ORIGINAL_HANDLER_VALUE)) {
-        key.write_raw_text(ORIGINAL_HANDLER_VALUE, current);
+    registry_value current;
+    const LSTATUS read = key.read_whole("", 1024, current);
+    const LSTATUS backup = key.find_value(ORIGINAL_HANDLER_VALUE);
+    for (const LSTATUS looked : {read, backup}) {
+        if (looked != ERROR_SUCCESS && looked != ERROR_FILE_NOT_FOUND) {
+            return false; // what is there might get lost
+        }
+    }
+    if (is_handler(current.data) && backup == ERROR_FILE_NOT_FOUND) {
+        key.write_raw_text(ORIGINAL_HANDLER_VALUE, current.data);
     }
     const LSTATUS status = key.write_text("", std::string{PROPERTY_HANDLER_CLSID});
     if (status != ERROR_SUCCESS) {

@@ -1,8 +1,9 @@
 // Every action of the built library with the n-th of its calls to Windows failing, for every n: once with the
 // fault passing and once with it staying. It has to return one of its codes and to leave nothing behind.
 //
-// A run of each place in the code (the same call by the same way) is always swept, and of the other calls as
-// many as SWEEP_SECONDS allow for an action, evenly chosen; SWEEP_SECONDS=full sweeps every call.
+// First come the places in the code (a call that comes by the same way is from the same place), with the
+// first call of each, then the other calls. Where an action's calls take longer than SWEEP_SECONDS, both are
+// evenly chosen, and what was swept is printed; SWEEP_SECONDS=full sweeps every call.
 
 #include "custom_actions/processes/explorer.h"
 #include "custom_actions/processes/token.h"
@@ -18,6 +19,7 @@
 #include "tests/support/pe_image.h"
 #include "tests/support/played_machine.h"
 #include "tests/support/registry_sandbox.h"
+#include "tests/support/scheduler_stand_in.h"
 #include "tests/support/scripted_session.h"
 #include "tests/support/test_limit.h"
 #include "tests/support/toy_suite.h"
@@ -34,6 +36,7 @@
 #include <functional>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -64,7 +67,8 @@ void plant(HKEY root, const std::wstring& path, const wchar_t* name, std::wstrin
 // What an action is called with, and on which machine.
 class stage {
 public:
-    stage()
+    explicit stage(bool with_scheduler)
+        : scheduler_{with_scheduler ? std::make_unique<scheduler_stand_in>() : nullptr}
     {
         for (const wchar_t* package : UPGRADE_PACKAGES) {
             std::ofstream{folder / package} << "package";
@@ -93,19 +97,25 @@ public:
 
     void set(const wchar_t* property, const std::wstring& value) { session.set_property(property, value); }
 
-    void empty_hives()
+    static void empty_hives()
     {
-        user_hive_.reset(); // where the other one's keys are
-        machine_hive_.reset();
-        machine_hive_.emplace(HKEY_LOCAL_MACHINE);
-        user_hive_.emplace(HKEY_CURRENT_USER);
-        // Without it nobody has an environment.
-        plant(
-            HKEY_LOCAL_MACHINE,
-            LR"(SYSTEM\CurrentControlSet\Control\Session Manager\Environment)",
-            L"OS",
-            L"");
+        for (HKEY root : {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER}) {
+            RegDeleteTreeW(root, L"Software");
+        }
     }
+
+    // Which has ended well as soon as it is run.
+    void register_task(const std::wstring& name)
+    {
+        plant(
+            HKEY_CURRENT_USER,
+            LR"(Software\QuorbelStandIn\TaskScheduler\Tasks\)" + name,
+            L"Path",
+            L"powershell.exe");
+        scheduler_->end_with(S_OK);
+    }
+
+    [[nodiscard]] std::size_t com_objects() const { return scheduler_ ? scheduler_->objects() : 0; }
 
     [[nodiscard]] std::string last_message() const
     {
@@ -172,8 +182,10 @@ private:
         return id;
     }
 
-    std::optional<registry_sandbox> machine_hive_;
-    std::optional<registry_sandbox> user_hive_;
+    // In this order: the stand-in is the machine's, and the second sandbox would be in the first.
+    std::unique_ptr<scheduler_stand_in> scheduler_;
+    registry_sandbox machine_hive_{HKEY_LOCAL_MACHINE};
+    registry_sandbox user_hive_{HKEY_CURRENT_USER};
     std::deque<toy_process> programs_;
 };
 
@@ -186,7 +198,7 @@ struct scenario {
     std::function<std::string(const stage&, std::string_view failing)> lost =
         [](const stage&, std::string_view) { return std::string{}; };
     std::set<UINT> codes = {0, 1603};
-    UINT code = 0; // without a fault
+    bool with_scheduler = false;
 };
 
 // Complains where `text` is neither what the key has as its default value nor in its backup.
@@ -196,6 +208,11 @@ lost_handler(HKEY root, const std::wstring& path, const wchar_t* backup, const w
     const bool there = planted_value(root, path, L"") == registry_text(text) ||
                        planted_value(root, path, backup) == registry_text(text);
     return there ? "" : "a handler that was replaced, and its backup";
+}
+
+std::string lost_property_handler(const wchar_t* type)
+{
+    return lost_handler(HKEY_LOCAL_MACHINE, HANDLERS + type, L"OriginalPropertyHandler");
 }
 
 void plant_property_handlers(bool registered)
@@ -222,6 +239,7 @@ void plant_property_handlers(bool registered)
         }
     }
     plant(HKEY_LOCAL_MACHINE, HANDLERS + L".png", L"", FOREIGN);
+    plant(HKEY_LOCAL_MACHINE, HANDLERS + L".tif", L"", FOREIGN);
     plant(HKEY_LOCAL_MACHINE, HANDLERS + L".jpg", L"", registered ? ours : L"{another}");
 }
 
@@ -279,12 +297,12 @@ void set_package_data(stage& stage)
 }
 
 // A phase of an upgrade whose earlier phases left these markers.
-scenario phase(std::vector<std::wstring> markers)
+scenario phase(const std::vector<std::wstring>& markers)
 {
     return {
         .set_up = [](stage& stage) { stage.start_programs(); },
         .prepare =
-            [markers = std::move(markers)](stage& stage) {
+            [markers](stage& stage) {
                 stage.begin_upgrade(markers);
                 stage.set(L"CustomActionData", stage.upgrade_data());
             }};
@@ -308,20 +326,18 @@ std::map<std::string, scenario> scenarios()
     all["propertyhandler_update_registry"] = {
         .prepare = [](stage&) { plant_property_handlers(false); },
         .lost =
-            [](const stage&, std::string_view) {
-                return lost_handler(HKEY_LOCAL_MACHINE, HANDLERS + L".jpg", L"OriginalPropertyHandler") +
-                       lost_handler(HKEY_LOCAL_MACHINE, HANDLERS + L".png", L"");
+            [](const stage&, std::string_view failing) {
+                // A backup that cannot be written holds nothing up.
+                return lost_property_handler(L".jpg") + lost_property_handler(L".png") +
+                       (failing == "RegSetValueExA" ? "" : lost_property_handler(L".tif"));
             }};
     all["propertyhandler_remove_registry"] = {
         .prepare = [](stage&) { plant_property_handlers(true); },
         .lost =
             [](const stage&, std::string_view failing) {
                 // A key that cannot be opened is deleted, where that can be done.
-                return failing == "RegOpenKeyExA"
-                           ? ""
-                           : lost_handler(
-                                 HKEY_LOCAL_MACHINE, HANDLERS + L".jpg", L"OriginalPropertyHandler") +
-                                 lost_handler(HKEY_LOCAL_MACHINE, HANDLERS + L".png", L"");
+                return lost_property_handler(L".png") + lost_property_handler(L".tif") +
+                       (failing == "RegOpenKeyExA" ? "" : lost_property_handler(L".jpg"));
             }};
     all["iconhandler_add_defaults_to_registry"] = {
         .prepare = [](stage&) { plant_icon_handlers(L"{another}"); },
@@ -392,10 +408,16 @@ std::map<std::string, scenario> scenarios()
          std::wstring{marker::REGISTERED} + L"0"});
     all["early_close_upgrade"] = {
         .set_up = [](stage& stage) { stage.start_programs(); },
-        .prepare = [](stage& stage) { stage.set(L"begin_controlled_upgrade", stage.upgrade_data()); }};
-    all["recover_early_upgrade"].prepare = [](stage& stage) {
-        stage.set(L"QblEarlyRecoveryTask", std::wstring{L"QBL-EarlyRecovery-"} + PRODUCT);
-    };
+        .prepare = [](stage& stage) { stage.set(L"begin_controlled_upgrade", stage.upgrade_data()); },
+        .with_scheduler = true};
+    all["recover_early_upgrade"] = {
+        .prepare =
+            [](stage& stage) {
+                const std::wstring task = std::wstring{L"QBL-EarlyRecovery-"} + PRODUCT;
+                stage.set(L"QblEarlyRecoveryTask", task);
+                stage.register_task(task);
+            },
+        .with_scheduler = true};
     return all;
 }
 
@@ -404,18 +426,21 @@ std::vector<std::string> exported_actions()
     return pe_image{loaded_library{}.module()}.exported_names();
 }
 
-// How much is swept beyond the first call at each place.
+// How long one action is swept.
 struct sweep_limit {
     bool full = false;
-    std::chrono::duration<double> sampling{0.3};
+    std::chrono::duration<double> places{5};
 
     sweep_limit()
     {
         if (const char* const seconds = std::getenv("SWEEP_SECONDS")) {
             full = std::string_view{seconds} == "full";
-            sampling = std::chrono::duration<double>{std::atof(seconds)};
+            places = std::chrono::duration<double>{std::strtod(seconds, nullptr)};
         }
     }
+
+    // What is left for calls from places that were swept already.
+    [[nodiscard]] std::chrono::duration<double> others() const { return places / 10; }
 };
 
 std::string name_of(call_sweep::lasting how)
@@ -434,36 +459,41 @@ protected:
         const auto all = scenarios();
         ASSERT_TRUE(all.contains(GetParam())) << "an action without a scenario";
         scenario_ = all.at(GetParam());
-        scenario_.set_up(stage_);
-        sweep_.emplace(stage_.library.module());
+        stage_.emplace(scenario_.with_scheduler);
+        scenario_.set_up(*stage_);
+        sweep_.emplace(stage_->library.module());
     }
 
     // Calls the action and looks at what it leaves. Returns how many handles more are open than before.
     long run(std::size_t nth, call_sweep::lasting how)
     {
-        stage_.empty_hives();
+        stage::empty_hives();
         for (const wchar_t* property :
              {L"CustomActionData", L"begin_controlled_upgrade", L"INSTALLFOLDER", L"QblEarlyRecoveryTask"}) {
-            stage_.set(property, L"");
+            stage_->set(property, L"");
         }
-        stage_.machine.begin_anew();
-        scenario_.prepare(stage_);
+        stage_->machine.begin_anew();
+        scenario_.prepare(*stage_);
 
         const DWORD handles = open_handles();
         UINT code = 0;
         sweep_->fail_at(nth, how);
-        EXPECT_NO_THROW(code = stage_.library.call(GetParam().c_str(), stage_.session.handle()));
+        EXPECT_NO_THROW(code = stage_->library.call(GetParam().c_str(), stage_->session.handle()));
         const auto& calls = sweep_->calls();
         const bool reached = nth != 0 && nth <= calls.size();
         const std::string_view failing = reached ? calls[nth - 1].function : "nothing";
+        if (reached) {
+            swept_places_.insert(calls[nth - 1].place);
+        }
         const std::string fault =
             std::string{failing} + ", call " + std::to_string(nth) + ", " + name_of(how);
 
         EXPECT_TRUE(scenario_.codes.contains(code)) << code << " after " << fault;
-        EXPECT_EQ(stage_.session.open_records(), 0U) << fault;
-        EXPECT_EQ(stage_.machine.open_service_handles(), 0U) << fault;
+        EXPECT_EQ(stage_->session.open_records(), 0U) << fault;
+        EXPECT_EQ(stage_->machine.left_open(), 0U) << fault;
+        EXPECT_EQ(stage_->com_objects(), 0U) << fault;
         EXPECT_FALSE(thread_is_impersonating()) << fault;
-        EXPECT_EQ(scenario_.lost(stage_, failing), "") << fault;
+        EXPECT_EQ(scenario_.lost(*stage_, failing), "") << fault;
         ++codes_[code];
         faults_ += sweep_->failed();
         fault_ = fault;
@@ -497,40 +527,44 @@ protected:
         }
     }
 
-    void sweep_places_and_sample(std::chrono::duration<double> limit)
+    void sweep_some(const sweep_limit& limit)
     {
+        std::vector<std::size_t> first_calls;
         std::vector<std::size_t> others;
         std::set<std::size_t> places;
         const auto calls = sweep_->calls();
         for (std::size_t nth = 1; nth <= calls.size(); ++nth) {
-            if (!calls[nth - 1].can_fail) {
-                continue;
-            }
-            if (places.insert(calls[nth - 1].place).second) {
-                inject(nth);
-            } else {
-                others.push_back(nth);
+            if (calls[nth - 1].can_fail) {
+                (places.insert(calls[nth - 1].place).second ? first_calls : others).push_back(nth);
             }
         }
+        sweep_evenly(first_calls, limit.places);
+        sweep_evenly(others, limit.others());
+    }
+
+    // As many of these calls as can be swept in that time.
+    void sweep_evenly(const std::vector<std::size_t>& calls, std::chrono::duration<double> limit)
+    {
         const auto end = std::chrono::steady_clock::now() + limit;
         // The golden ratio's multiples cover the calls evenly, wherever they end.
         std::set<std::size_t> chosen;
-        for (double at = 0;
-             !others.empty() && chosen.size() < others.size() && std::chrono::steady_clock::now() < end;
-             at = std::fmod(at + 0.6180339887, 1.0)) {
-            const auto index = static_cast<std::size_t>(at * static_cast<double>(others.size()));
+        for (unsigned count = 1; chosen.size() < calls.size() && std::chrono::steady_clock::now() < end;
+             ++count) {
+            const double at = std::fmod(count * 0.6180339887, 1.0);
+            const auto index = static_cast<std::size_t>(at * static_cast<double>(calls.size()));
             if (chosen.insert(index).second) {
-                inject(others[index]);
+                inject(calls[index]);
             }
         }
     }
 
-    stage stage_;
+    std::optional<stage> stage_;
     scenario scenario_;
     std::optional<call_sweep> sweep_;
     std::map<UINT, unsigned> codes_;
     std::size_t faults_ = 0;
     std::size_t swept_calls_ = 0;
+    std::set<std::size_t> swept_places_;
     std::string fault_;
 };
 
@@ -540,27 +574,30 @@ TEST_P(FaultSweep, returns_a_code_of_its_own_and_leaves_nothing_behind)
     allow_test(limit.full ? std::chrono::hours{1} : std::chrono::minutes{2});
     run(0, call_sweep::lasting::once); // what the system makes on first use
     EXPECT_EQ(run(0, call_sweep::lasting::once), 0) << "handles left open without a fault";
-    EXPECT_TRUE(codes_.contains(scenario_.code)) << stage_.last_message();
+    EXPECT_TRUE(codes_.contains(0)) << stage_->last_message();
     const auto calls = sweep_->calls();
     codes_.clear();
     std::set<std::size_t> places;
     for (const auto& call : calls) {
-        places.insert(call.place);
+        if (call.can_fail) {
+            places.insert(call.place);
+        }
     }
     const auto start = std::chrono::steady_clock::now();
     testing::internal::CaptureStdout(); // what the action prints, a thousand times
     if (limit.full) {
         sweep_every_call();
     } else {
-        sweep_places_and_sample(limit.sampling);
+        sweep_some(limit);
     }
     if (const std::string output = testing::internal::GetCapturedStdout(); HasFailure()) {
         std::cout << output;
     }
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
 
-    std::cout << GetParam() << ": " << calls.size() << " calls at " << places.size() << " places; swept "
-              << swept_calls_ << ", " << faults_ << " faults injected; codes";
+    std::cout << GetParam() << ": " << calls.size() << " calls, " << places.size()
+              << " places where one can fail; swept " << swept_calls_ << " calls at " << swept_places_.size()
+              << " places, " << faults_ << " faults; codes";
     for (const auto& [code, count] : codes_) {
         std::cout << ' ' << code << " x " << count << (code == codes_.rbegin()->first ? "" : ",");
     }

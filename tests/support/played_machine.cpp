@@ -1,11 +1,12 @@
 #include "tests/support/played_machine.h"
 
 #include <gtest/gtest.h>
+#include <userenv.h>
 #include <wincrypt.h>
 
 #include <algorithm>
 #include <array>
-#include <fstream>
+#include <cstring>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -234,6 +235,17 @@ void played_machine::play_processes(HMODULE module)
 
 void played_machine::play_scripts(HMODULE module)
 {
+    answer<"CreateEnvironmentBlock", decltype(CreateEnvironmentBlock)>(
+        module, [this](LPVOID* environment, HANDLE, BOOL) {
+            *environment = environments_.insert(std::make_unique<char>()).first->get();
+            return std::optional{TRUE};
+        });
+    answer<"DestroyEnvironmentBlock", decltype(DestroyEnvironmentBlock)>(module, [this](LPVOID environment) {
+        EXPECT_EQ(
+            std::erase_if(environments_, [&](const auto& open) { return open.get() == environment; }), 1U)
+            << "destroyed, but not an environment";
+        return std::optional{TRUE};
+    });
     answer<"CreateProcessAsUserW", decltype(CreateProcessAsUserW)>(
         module,
         [this](
@@ -261,7 +273,7 @@ void played_machine::play_scripts(HMODULE module)
             LPCWSTR,
             LPSTARTUPINFOW startup,
             LPPROCESS_INFORMATION started) {
-            for (HANDLE const stream : {startup->hStdOutput, startup->hStdError}) {
+            for (auto* const stream : {startup->hStdOutput, startup->hStdError}) {
                 DWORD written = 0;
                 WriteFile(stream, "text", 4, &written, nullptr);
             }
@@ -279,7 +291,7 @@ BOOL played_machine::give_ended_process(PROCESS_INFORMATION& started) const
 
 BOOL played_machine::start_as_user(const wchar_t* command_line, PROCESS_INFORMATION& started)
 {
-    if (const std::wstring_view text = command_line; text.find(L"explorer.exe") != text.npos) {
+    if (const std::wstring_view text = command_line; text.find(L"explorer.exe") != std::wstring_view::npos) {
         for (auto& [process, listed] : programs_) {
             listed.running = listed.running || listed.name == L"explorer.exe";
         }
@@ -316,7 +328,9 @@ void played_machine::play_service(HMODULE module)
     // What is pending is done when it has been seen once.
     answer<"QueryServiceStatusEx", decltype(QueryServiceStatusEx)>(
         module, [this](SC_HANDLE, SC_STATUS_TYPE, LPBYTE status, DWORD, LPDWORD) {
-            reinterpret_cast<SERVICE_STATUS_PROCESS*>(status)->dwCurrentState = *search_state_;
+            SERVICE_STATUS_PROCESS told{};
+            told.dwCurrentState = *search_state_;
+            std::memcpy(status, &told, sizeof told);
             if (search_state_ == SERVICE_STOP_PENDING) {
                 search_state_ = SERVICE_STOPPED;
             } else if (search_state_ == SERVICE_START_PENDING) {
@@ -346,7 +360,8 @@ void played_machine::play_service(HMODULE module)
         });
     answer<"QueryServiceConfig2W", decltype(QueryServiceConfig2W)>(
         module, [](SC_HANDLE, DWORD, LPBYTE delayed, DWORD, LPDWORD) {
-            reinterpret_cast<SERVICE_DELAYED_AUTO_START_INFO*>(delayed)->fDelayedAutostart = TRUE;
+            constexpr SERVICE_DELAYED_AUTO_START_INFO told{.fDelayedAutostart = TRUE};
+            std::memcpy(delayed, &told, sizeof told);
             return std::optional{TRUE};
         });
     answer<"ChangeServiceConfigW", decltype(ChangeServiceConfigW)>(

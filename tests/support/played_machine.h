@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -39,7 +40,11 @@ public:
     // Ends one in the play. A start of Explorer brings all of them back that are called so.
     void end(DWORD process);
 
-    [[nodiscard]] std::size_t open_service_handles() const noexcept { return service_handles_.size(); }
+    // Service handles and environment blocks.
+    [[nodiscard]] std::size_t left_open() const noexcept
+    {
+        return service_handles_.size() + environments_.size();
+    }
 
 private:
     struct program {
@@ -68,6 +73,7 @@ private:
     DWORD inspected_ = 0; // whose modules the last one has
     bool at_library_ = false;
     std::map<SC_HANDLE, std::unique_ptr<char>> service_handles_;
+    std::set<std::unique_ptr<char>> environments_;
     std::optional<DWORD> search_state_;
     DWORD search_start_type_ = SERVICE_AUTO_START;
     custom_actions::kernel_handle ended_process_;
