@@ -57,6 +57,15 @@ std::vector<std::wstring> value_names(const std::wstring& path)
     return names;
 }
 
+// Whether there is a backup that can be given back, or it cannot be told that there is none.
+bool may_have_backup(const registry_key& key, const wchar_t* name)
+{
+    registry_value backup;
+    const LSTATUS status = key.read_whole(name, 2048, backup);
+    return status == ERROR_SUCCESS ? !backup.wide_text().value_or(L"").empty()
+                                   : status != ERROR_FILE_NOT_FOUND;
+}
+
 void register_for_type(std::wstring type)
 {
     if (!type.starts_with(L'.')) {
@@ -82,13 +91,10 @@ void set_handler_with_backup(
         status != ERROR_SUCCESS) {
         throw windows_error{"Failed to create/open registry key", static_cast<DWORD>(status)};
     }
-    const auto read = [&](const wchar_t* value_name) {
-        registry_value value;
-        key.read_whole(value_name, 2048, value);
-        return value.wide_text().value_or(L"");
-    };
-    if (const std::wstring current = read(name);
-        !current.empty() && current != data && read(backup_name).empty()) {
+    registry_value value;
+    key.read_whole(name, 2048, value);
+    const std::wstring current = value.wide_text().value_or(L"");
+    if (!current.empty() && current != data && !may_have_backup(key, backup_name)) {
         key.write_text(backup_name, current);
     }
     key.write_text(name, data);

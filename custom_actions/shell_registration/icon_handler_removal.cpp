@@ -17,24 +17,25 @@ std::wstring below(const std::wstring& path, const std::wstring& name)
     return path + L'\\' + name;
 }
 
-enum class slot_state { not_ours, restored, to_be_deleted };
+enum class slot_state { left_alone, restored, to_be_deleted };
 
 // Looks into one slot, and gives back the handler that the suite's replaced. The backup goes only when its
-// content is back in its place.
+// content is back in its place, and a slot whose backup cannot be read stays with it.
 slot_state restore_slot(const std::wstring& path)
 {
     registry_key key;
     registry_value value;
     if (key.open(HKEY_CURRENT_USER, path, KEY_READ_WRITE) != ERROR_SUCCESS ||
         key.read(L"", 2048, value) != ERROR_SUCCESS) {
-        return slot_state::not_ours;
+        return slot_state::left_alone;
     }
     if (const auto handler = value.wide_text();
         !handler || !equal_ignoring_case(*handler, ICON_HANDLER_CLSID)) {
-        return slot_state::not_ours;
+        return slot_state::left_alone;
     }
-    if (key.read_whole(ICON_HANDLER_BACKUP_VALUE, 2048, value) != ERROR_SUCCESS) {
-        return slot_state::to_be_deleted;
+    if (const LSTATUS status = key.read_whole(ICON_HANDLER_BACKUP_VALUE, 2048, value);
+        status != ERROR_SUCCESS) {
+        return status == ERROR_FILE_NOT_FOUND ? slot_state::to_be_deleted : slot_state::left_alone;
     }
     const std::wstring backup = value.wide_text().value_or(L"");
     if (backup.empty()) {

@@ -40,22 +40,28 @@ void change_details_list(const std::string& extension, const char* name, DWORD l
     }
 }
 
-// Whether the extension had another handler before, which is then its handler again. The backup goes only
-// when its content is back in its place.
-bool restore_foreign_handler(const std::string& extension)
+enum class former_handler { none, restored, unreadable };
+
+// Gives the extension the handler back that it had before. The backup goes only when its content is back in
+// its place.
+former_handler restore_foreign_handler(const std::string& extension)
 {
     registry_key key;
     if (key.open(HKEY_LOCAL_MACHINE, property_handler_path(extension), KEY_READ_WRITE) != ERROR_SUCCESS) {
-        return false;
+        return former_handler::none;
     }
-    const std::string original = read_handler(key, ORIGINAL_HANDLER_VALUE);
-    if (!is_handler(original)) {
-        return false;
+    registry_value original;
+    if (const LSTATUS status = key.read_whole(ORIGINAL_HANDLER_VALUE, 1024, original);
+        status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
+        return former_handler::unreadable;
     }
-    if (key.write_raw_text("", original) == ERROR_SUCCESS) {
+    if (!is_handler(original.data)) {
+        return former_handler::none;
+    }
+    if (key.write_raw_text("", original.data) == ERROR_SUCCESS) {
         key.delete_value(ORIGINAL_HANDLER_VALUE);
     }
-    return true;
+    return former_handler::restored;
 }
 
 void remove_details_lists(const std::string& extension)
@@ -88,7 +94,7 @@ void remove_details_lists(const std::string& extension)
     }
 }
 
-// Whether the extension's handler is gone.
+// Whether the extension's handler is gone. A key with a backup that cannot be read stays.
 bool remove_extension(const registry_key& handlers, const std::string& extension)
 {
     change_details_list(extension, "InfoTip", 2048, without_infotip_extra);
@@ -97,8 +103,8 @@ bool remove_extension(const registry_key& handlers, const std::string& extension
             return without_full_details_extra(list, property);
         });
     }
-    if (restore_foreign_handler(extension)) {
-        return true;
+    if (const former_handler former = restore_foreign_handler(extension); former != former_handler::none) {
+        return former == former_handler::restored;
     }
     const bool deleted = handlers.delete_subkey(extension) == ERROR_SUCCESS;
     remove_details_lists(extension);

@@ -18,13 +18,15 @@ namespace {
 constexpr MSIHANDLE SESSION = 0x5E550000;
 constexpr MSIHANDLE FIRST_RECORD = 0x7EC00001;
 
-constexpr std::array<std::string_view, 6> PLAYED_FUNCTIONS{
+constexpr std::array<std::string_view, 8> PLAYED_FUNCTIONS{
     "MsiGetPropertyW",
     "MsiSetPropertyW",
     "MsiCreateRecord",
     "MsiRecordSetStringW",
     "MsiProcessMessage",
     "MsiCloseHandle",
+    "MsiSetTargetPathW",
+    "MsiGetComponentPathExW",
 };
 
 scripted_session* active = nullptr;
@@ -69,6 +71,8 @@ scripted_session::scripted_session(HMODULE module) : last_record_{FIRST_RECORD -
     patch(module, "MsiRecordSetStringW", &set_string);
     patch(module, "MsiProcessMessage", &process_message);
     patch(module, "MsiCloseHandle", &close_handle);
+    patch(module, "MsiSetTargetPathW", &set_target_path);
+    patch(module, "MsiGetComponentPathExW", &get_component_path);
     active = this;
 }
 
@@ -84,6 +88,10 @@ scripted_session::~scripted_session()
 template <class Function>
 void scripted_session::patch(HMODULE module, const char* name, Function* replacement)
 {
+    const auto imports = pe_image{module}.imports();
+    if (std::ranges::find(imports, name, &imported_function::name) == imports.end()) {
+        return; // a test program is linked with what it calls alone
+    }
     patches_.push_back(std::make_unique<import_patch<Function>>(module, name, replacement));
 }
 
@@ -105,6 +113,12 @@ std::optional<std::wstring> scripted_session::property(const std::wstring& name)
 {
     const auto found = properties_.find(name);
     return found == properties_.end() ? std::nullopt : std::optional{found->second};
+}
+
+void scripted_session::install_component(
+    const std::wstring& product, const std::wstring& component, const std::wstring& key_path)
+{
+    key_paths_[product + component] = key_path;
 }
 
 void scripted_session::fail(installer_call call, UINT code, unsigned nth)
@@ -227,6 +241,45 @@ UINT WINAPI scripted_session::close_handle(MSIHANDLE handle)
         return ERROR_INVALID_HANDLE;
     }
     return code.value_or(ERROR_SUCCESS);
+}
+
+// As the installer does, the folder's property gets a separator at its end.
+UINT WINAPI scripted_session::set_target_path(MSIHANDLE session, LPCWSTR folder, LPCWSTR path)
+{
+    active->calls_.push_back("MsiSetTargetPathW(" + active->name_of(session) + ", " + narrow(folder) + ")");
+    if (const auto code = active->failure(installer_call::set_target_path)) {
+        return *code;
+    }
+    if (session != SESSION) {
+        return ERROR_INVALID_HANDLE;
+    }
+    const std::wstring pinned = path;
+    active->set_property(folder, pinned.ends_with(L'\\') ? pinned : pinned + L'\\');
+    return ERROR_SUCCESS;
+}
+
+INSTALLSTATE WINAPI scripted_session::get_component_path(
+    LPCWSTR product,
+    LPCWSTR component,
+    LPCWSTR user_sid,
+    MSIINSTALLCONTEXT context,
+    LPWSTR path,
+    LPDWORD size)
+{
+    active->calls_.push_back("MsiGetComponentPathExW(" + narrow(product) + ", " + narrow(component) + ")");
+    if (const auto state = active->failure(installer_call::get_component_path)) {
+        return static_cast<INSTALLSTATE>(*state);
+    }
+    const auto found = active->key_paths_.find(std::wstring{product} + component);
+    if (found == active->key_paths_.end() || user_sid != nullptr || context != MSIINSTALLCONTEXT_MACHINE) {
+        return INSTALLSTATE_UNKNOWN;
+    }
+    if (found->second.size() >= *size) {
+        return INSTALLSTATE_MOREDATA;
+    }
+    *std::ranges::copy(found->second, path).out = L'\0';
+    *size = static_cast<DWORD>(found->second.size());
+    return INSTALLSTATE_LOCAL;
 }
 
 } // namespace test_support

@@ -29,7 +29,9 @@ enum class installer_call {
     create_record,
     set_string,
     process_message,
-    close_handle
+    close_handle,
+    set_target_path,
+    get_component_path
 };
 
 // Plays the installer for one module: while it lives, the module's calls to msi.dll come here. It keeps
@@ -50,8 +52,12 @@ public:
     void set_property(const std::wstring& name, const std::wstring& value);
     [[nodiscard]] std::optional<std::wstring> property(const std::wstring& name) const;
 
-    // The n-th call from here on (1 is the next) fails: with `code`, with 0 where it makes a record, or with
-    // -1 where it posts a message.
+    // Has a component of a product installed on this machine, for every user, with this key path.
+    void install_component(
+        const std::wstring& product, const std::wstring& component, const std::wstring& key_path);
+
+    // The n-th call from here on (1 is the next) fails: with `code` (an INSTALLSTATE where it asks for a
+    // component), with 0 where it makes a record, or with -1 where it posts a message.
     void fail(installer_call call, UINT code = ERROR_FUNCTION_FAILED, unsigned nth = 1);
 
     [[nodiscard]] const std::vector<posted_message>& messages() const noexcept { return messages_; }
@@ -69,6 +75,14 @@ private:
     static UINT WINAPI set_string(MSIHANDLE record, UINT field, LPCWSTR text);
     static int WINAPI process_message(MSIHANDLE session, INSTALLMESSAGE type, MSIHANDLE record);
     static UINT WINAPI close_handle(MSIHANDLE handle);
+    static UINT WINAPI set_target_path(MSIHANDLE session, LPCWSTR folder, LPCWSTR path);
+    static INSTALLSTATE WINAPI get_component_path(
+        LPCWSTR product,
+        LPCWSTR component,
+        LPCWSTR user_sid,
+        MSIINSTALLCONTEXT context,
+        LPWSTR path,
+        LPDWORD size);
 
     template <class Function>
     void patch(HMODULE module, const char* name, Function* replacement);
@@ -77,7 +91,8 @@ private:
     [[nodiscard]] std::optional<UINT> failure(installer_call call);
 
     std::map<std::wstring, std::wstring> properties_;
-    std::map<MSIHANDLE, std::wstring> records_; // the open ones, with their field 0
+    std::map<std::wstring, std::wstring> key_paths_; // by product and component
+    std::map<MSIHANDLE, std::wstring> records_;      // the open ones, with their field 0
     MSIHANDLE last_record_;
     std::vector<posted_message> messages_;
     std::vector<std::string> calls_;
