@@ -1,9 +1,9 @@
 // The upgrade's phases with their process killed before one of the calls to Windows that the library makes,
 // and then the rollback in a process of its own: what the markers on the disk promise must hold.
 //
-// Killed is first before calls that change something, one at each place in the code before the others, in an
-// order that is spread over the phase, and at some of the other calls, as many as SWEEP seconds allow for a
-// phase; SWEEP=full takes every call.
+// As many calls are taken as SWEEP seconds allow for a phase, spread over it: four that change something,
+// those that come first at their places in the code before the others, and then one that does not. SWEEP=full
+// takes every call.
 
 #include "custom_actions/processes/explorer.h"
 #include "custom_actions/processes/process_inventory.h"
@@ -36,7 +36,6 @@
 #include <set>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace test_support {
@@ -61,30 +60,17 @@ constexpr const wchar_t* HELPER = L"Quorbel.Kindra.HelperService.exe";
 constexpr const wchar_t* TRAY = L"Quorbel.SystemTray.exe";
 constexpr const wchar_t* HOTKEYS = L"Quorbel.HotkeyHandler.exe";
 constexpr const wchar_t* MAIN = L"Quorbel.exe";
+constexpr const wchar_t* MAINTENANCE_KEY = LR"(SOFTWARE\Brenmoor\Quorbel\InstallerMaintenance)";
 constexpr const wchar_t* FOLDER = L"file:///C:/Users";
 
 bool changes_something(const std::string& function)
 {
-    static const std::set<std::string> functions{
-        "AdjustTokenPrivileges",
-        "ChangeServiceConfig2W",
-        "ChangeServiceConfigW",
-        "ControlService",
-        "CopyFileW",
-        "CreateDirectoryW",
-        "CreateFileW",
-        "CreateProcessAsUserW",
-        "ImpersonateLoggedOnUser",
-        "PostMessageW",
-        "PostThreadMessageW",
-        "RegCreateKeyExW",
-        "RegDeleteKeyExW",
-        "RegSetValueExW",
-        "SetThreadToken",
-        "StartServiceW",
-        "TerminateProcess",
-        "WriteFile"};
-    return functions.contains(function);
+    constexpr std::string_view functions =
+        " AdjustTokenPrivileges ChangeServiceConfig2W ChangeServiceConfigW ControlService CopyFileW "
+        "CreateDirectoryW CreateFileW CreateProcessAsUserW ImpersonateLoggedOnUser PostMessageW "
+        "PostThreadMessageW RegCreateKeyExW RegDeleteKeyExW RegSetValueExW SetThreadToken StartServiceW "
+        "TerminateProcess WriteFile ";
+    return functions.find(' ' + function + ' ') != std::string_view::npos;
 }
 
 // The waits between two looks at what has been asked for are shorter here.
@@ -145,15 +131,12 @@ std::vector<point> spread(const std::vector<point>& points)
     return order;
 }
 
-// Where to kill, in order. What changes something comes first, and among it what is the first call of its
-// place in the code; behind every four of these is one of the other calls.
+// Where to kill, from what a child tells that counts the calls; the last ones first. Of the calls that change
+// something, these are the first ones of their places in the code.
 struct sweep_plan {
-    // From what a child tells that counts the calls.
     explicit sweep_plan(const std::string& told)
     {
         std::vector<point> of_new_places;
-        std::vector<point> of_known_places;
-        std::vector<point> others;
         std::map<std::string, std::size_t> calls_of;
         std::set<std::string> places;
         std::istringstream words{told.substr(std::min(told.find("\ncall "), told.size()))};
@@ -161,45 +144,22 @@ struct sweep_plan {
         for (point call; words >> place && place == "call" && words >> call.function >> place;) {
             call.nth = ++calls_of[call.function];
             const bool is_new = places.insert(place).second;
-            (!changes_something(call.function) ? others
-             : is_new                          ? of_new_places
-                                               : of_known_places)
-                .push_back(call);
+            auto& changing_ones = is_new ? of_new_places : changing;
+            (changes_something(call.function) ? changing_ones : others).push_back(call);
         }
-        calls = of_new_places.size() + of_known_places.size() + others.size();
-        changing = calls - others.size();
         others = spread(others);
-        auto other = others.begin();
-        for (const auto& group : {spread(of_new_places), spread(of_known_places)}) {
-            for (const point& call : group) {
-                order.push_back(call);
-                if (order.size() % 5 == 4 && other != others.end()) {
-                    order.push_back(*other++);
-                }
-            }
-        }
-        order.insert(order.end(), other, others.end());
+        changing = spread(changing);
+        const auto first = spread(of_new_places);
+        changing.insert(changing.end(), first.begin(), first.end());
     }
 
-    std::vector<point> order;
-    std::size_t calls;
-    std::size_t changing;
+    std::vector<point> changing;
+    std::vector<point> others;
 };
 
 std::vector<DWORD> running(const std::vector<std::wstring>& images)
 {
     return custom_actions::find_processes_by_image(images, custom_actions::listing::strict);
-}
-
-bool maintenance_key_is_there()
-{
-    custom_actions::registry_key_handle key;
-    return RegOpenKeyExW(
-               HKEY_LOCAL_MACHINE,
-               LR"(SOFTWARE\Brenmoor\Quorbel\InstallerMaintenance)",
-               0,
-               KEY_QUERY_VALUE | KEY_WOW64_64KEY,
-               key.put()) == ERROR_SUCCESS;
 }
 
 class CrashSweep : public testing::TestWithParam<const char*> {
@@ -215,18 +175,15 @@ protected:
         const auto& upgrade = scene_->context();
         SetEnvironmentVariableW(
             DATA, custom_actions::explorer_record(upgrade.session_id, upgrade.user_sid).c_str());
-        run("restore_explorer");
+        ASSERT_THAT(run("restore_explorer").output, testing::HasSubstr("\ncode 0\n"));
         SetEnvironmentVariableW(DATA, scene_->data().c_str());
         start_programs();
         begins_ = GetParam() == std::string_view{BEGIN};
         if (!begins_) { // the first phase for real, once: the later ones add to what it leaves, and no more
             scene_->powershell.open_folders({FOLDER, L"https://example.org/"});
             ASSERT_EQ(run(BEGIN).exit_code, 0U);
-            ASSERT_TRUE(has_marker(scene_->context(), marker::SHUTDOWN_STARTED));
-            for (const auto& file :
-                 std::filesystem::recursive_directory_iterator{scene_->context().workspace}) {
-                left_by_begin_.insert(file.path());
-            }
+            markers_of_begin_ = scene_->markers();
+            ASSERT_THAT(markers_of_begin_, testing::Contains("shutdown-started"));
         }
     }
 
@@ -258,49 +215,43 @@ protected:
         }
     }
 
-    void register_packages(const std::vector<std::pair<std::wstring, std::wstring>>& packages) const
+    static void forget_packages()
     {
         const toy_powershell::state_key registered{L"Packages"};
         for (const std::wstring& name : registered.subkeys()) {
             registered.remove_subkey(name);
         }
-        for (const auto& [name, version] : packages) {
-            scene_->powershell.register_package(name, version);
-        }
     }
 
     // The machine as it is before the phase. Windows Search and the suite run, since the rollback before has
     // brought them back; a later phase finds Search blocked, and the suite as though somebody had started it
-    // again.
+    // again. (The scripts' logs of the run before stay, and are written over.)
     void prepare()
     {
         scene_->powershell.open_folders({FOLDER, L"https://example.org/"});
-        register_packages({{L"Sorvane.Icon", L"1.5.0.0"}, {L"Quorbel.Paste", L"1.4.0.0"}});
+        forget_packages();
+        scene_->powershell.register_package(L"Sorvane.Icon", L"1.5.0.0");
+        scene_->powershell.register_package(L"Quorbel.Paste", L"1.4.0.0");
         start_programs();
         const std::filesystem::path workspace = scene_->context().workspace;
         if (begins_) {
             std::filesystem::remove_all(workspace);
             return;
         }
-        std::vector<std::filesystem::path> added;
-        for (const auto& file : std::filesystem::recursive_directory_iterator{workspace}) {
-            if (!left_by_begin_.contains(file.path())) {
-                added.push_back(file.path());
+        for (const std::string& name : scene_->markers()) {
+            if (std::ranges::find(markers_of_begin_, name) == markers_of_begin_.end()) {
+                std::filesystem::remove(workspace / name);
             }
-        }
-        for (const auto& file : added) {
-            std::filesystem::remove(file);
         }
         custom_actions::set_search_start_type(SERVICE_DISABLED);
         custom_actions::stop_search_service();
         scene_->copy_packages(L"2.0.0");
         if (GetParam() == std::string_view{FINISH}) { // as the second phase leaves it
             end_explorer();
-            std::vector<std::pair<std::wstring, std::wstring>> packages;
+            forget_packages();
             for (const std::wstring file : custom_actions::controlled_upgrade::UPGRADE_PACKAGES) {
-                packages.emplace_back(file.substr(0, file.find(L".Package")), L"2.0.0.0");
+                scene_->powershell.register_package(file.substr(0, file.find(L".Package")), L"2.0.0.0");
             }
-            register_packages(packages);
             write_marker(scene_->context(), marker::PACKAGES_TOUCHED);
             write_marker(scene_->context(), marker::PACKAGES_VERIFIED);
         }
@@ -313,7 +264,7 @@ protected:
         EXPECT_EQ(found, expected) << what << ", " << where_;
     }
 
-    // Kills the phase there, rolls it back and looks at what became of the machine.
+    // Kills the phase before that call, rolls it back and looks at what became of the machine.
     void kill_at(const std::string& function, std::size_t nth)
     {
         prepare();
@@ -349,7 +300,10 @@ protected:
         where_.append("; ").append(rollback.output.substr(rollback.output.find("\nmessage ") + 1));
         holds("the rollback", rollback.output.find("\ncode 0\n") != std::string::npos, true);
         holds("the markers", scene_->markers(), markers);
-        holds("the maintenance key", maintenance_key_is_there(), false);
+        holds(
+            "the maintenance key",
+            RegDeleteKeyExW(HKEY_LOCAL_MACHINE, MAINTENANCE_KEY, KEY_WOW64_64KEY, 0),
+            LSTATUS{ERROR_FILE_NOT_FOUND});
         // A registration that was another is now the installed package's.
         const std::wstring paste = touched ? L"Quorbel.Paste 1.5.0.0 Ok" : L"Quorbel.Paste 1.4.0.0 Ok";
         holds(
@@ -377,7 +331,7 @@ protected:
     std::optional<windows_search> search_;
     std::optional<upgrade_scene> scene_;
     std::deque<toy_process> programs_;
-    std::set<std::filesystem::path> left_by_begin_;
+    std::vector<std::string> markers_of_begin_;
     import_patch<decltype(Sleep)> impatience_{GetModuleHandleW(nullptr), "Sleep", &nap};
     bool begins_ = false;
     child_result last_{};
@@ -389,34 +343,35 @@ protected:
 TEST_P(CrashSweep, is_undone_whole_wherever_it_is_killed)
 {
     using clock = std::chrono::steady_clock;
-    const char* const sweep = std::getenv("SWEEP");
-    const bool full = sweep != nullptr && sweep == std::string_view{"full"};
-    const std::chrono::duration<double> budget{full ? 7200 : sweep != nullptr ? std::atof(sweep) : 15};
+    const char* const told = std::getenv("SWEEP");
+    const std::string sweep = told == nullptr ? "15" : told;
+    const std::chrono::duration<double> budget{sweep == "full" ? 7200 : std::strtod(sweep.c_str(), nullptr)};
     allow_test(std::chrono::duration_cast<std::chrono::milliseconds>(budget) + std::chrono::minutes{2});
     const auto start = clock::now();
 
     kill_at(COUNT, 0); // where it is killed nowhere
-    const sweep_plan plan{last_.output};
-    ASSERT_GT(plan.changing, 10U) << last_.output;
+    const sweep_plan calls{last_.output};
+    ASSERT_GT(calls.changing.size(), 10U) << last_.output;
+    sweep_plan left = calls;
     std::size_t taken = 0;
-    while (taken != plan.order.size() && clock::now() - start < budget && !HasFailure()) {
-        kill_at(plan.order[taken].function, plan.order[taken].nth);
+    while (!(left.changing.empty() && left.others.empty()) && clock::now() - start < budget &&
+           !HasFailure()) {
         ++taken;
+        auto& points =
+            left.changing.empty() || (taken % 5 == 0 && !left.others.empty()) ? left.others : left.changing;
+        kill_at(points.back().function, points.back().nth);
+        points.pop_back();
     }
     EXPECT_GT(killed_, taken / 2) << "the calls are not those that were counted";
     EXPECT_EQ(scene_->powershell.refused(), L"");
 
     std::filesystem::remove_all(scene_->context().workspace); // the next one has another
     EXPECT_THAT(run(BEGIN).output, testing::HasSubstr("\ncode 0\n")) << "the next upgrade";
-    const auto changing = std::ranges::count_if(
-        plan.order.begin(),
-        plan.order.begin() + static_cast<std::ptrdiff_t>(taken),
-        changes_something,
-        &point::function);
     const std::chrono::duration<double> took = clock::now() - start;
-    std::cout << GetParam() << ": " << plan.calls << " calls, " << plan.changing << " change something; "
-              << taken << " points taken, " << changing << " of them at these; " << killed_ << " killed, "
-              << checked_ << " invariants checked; " << took.count() << " s\n";
+    std::cout << GetParam() << ": " << calls.changing.size() + calls.others.size() << " calls, "
+              << calls.changing.size() << " change something; " << taken << " points taken, "
+              << calls.changing.size() - left.changing.size() << " of them at these; " << killed_
+              << " killed, " << checked_ << " invariants checked; " << took.count() << " s\n";
 }
 
 INSTANTIATE_TEST_SUITE_P(Phases, CrashSweep, testing::Values(BEGIN, INSTALL, FINISH), [](const auto& tested) {
