@@ -388,7 +388,8 @@ void call_sweep::start_over() noexcept
     calls_.clear();
     failed_ = 0;
     nth_ = 0;
-    ends_process_ = false;
+    ends_process_at_.clear();
+    calls_of_it_ = 0;
     failing_ = {};
 }
 
@@ -406,12 +407,12 @@ void call_sweep::fail_at(std::size_t nth, lasting how)
     how_ = how;
 }
 
-void call_sweep::end_process_at(std::size_t nth, UINT exit_code)
+void call_sweep::end_process_at(std::string_view function, std::size_t nth, UINT exit_code)
 {
     const std::scoped_lock lock{counting_};
     start_over();
     nth_ = nth;
-    ends_process_ = true;
+    ends_process_at_ = function;
     exit_code_ = exit_code;
 }
 
@@ -445,14 +446,17 @@ const ULONG_PTR* call_sweep::count(const stub& called, ULONG_PTR first_argument,
     const std::scoped_lock lock{counting_};
     const bool can_fail = called.does.how != reaction::passes;
     calls_.push_back({.function = called.function, .place = place, .can_fail = can_fail});
-    if (calls_.size() == nth_) {
-        if (ends_process_) {
+    if (!ends_process_at_.empty()) {
+        if (called.function == ends_process_at_ && ++calls_of_it_ == nth_) {
             TerminateProcess(GetCurrentProcess(), exit_code_);
         }
+        return nullptr;
+    }
+    if (calls_.size() == nth_) {
         failing_ = called.function;
     }
     const bool reached = calls_.size() == nth_ || (how_ == lasting::staying && failing_ == called.function);
-    if (ends_process_ || !can_fail || !reached) {
+    if (!can_fail || !reached) {
         return nullptr;
     }
     ++failed_;

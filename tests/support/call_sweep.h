@@ -41,7 +41,9 @@ public:
     // Each of these counts anew, from 1.
     void let_pass();
     void fail_at(std::size_t nth, lasting how);
-    void end_process_at(std::size_t nth, UINT exit_code);
+
+    // Before the n-th call of this function, however many others there are.
+    void end_process_at(std::string_view function, std::size_t nth, UINT exit_code);
 
     // In the order in which they came.
     [[nodiscard]] const std::vector<counted_call>& calls() const noexcept { return calls_; }
@@ -81,7 +83,8 @@ private:
     std::size_t failed_ = 0;
     std::size_t nth_ = 0; // 0 is none
     lasting how_ = lasting::once;
-    bool ends_process_ = false;
+    std::string ends_process_at_; // empty where it does not end the process
+    std::size_t calls_of_it_ = 0;
     UINT exit_code_ = 0;
     std::string_view failing_;
 };

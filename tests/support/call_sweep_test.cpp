@@ -103,7 +103,7 @@ TEST(Fault, DISABLED_ends_at_the_second_call)
 {
     const loaded_library library;
     call_sweep sweep{library.module()};
-    sweep.end_process_at(2, 77);
+    sweep.end_process_at("RegGetValueW", 2, 77);
     library.call("log_app_control_state", 0);
     library.call("log_app_control_state", 0);
 }
