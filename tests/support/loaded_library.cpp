@@ -6,26 +6,23 @@
 
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace test_support {
-namespace {
 
-// Beside the test programs.
-std::wstring library_path()
+std::wstring built_library()
 {
     std::wstring path = this_program();
     path.resize(path.rfind(L'\\') + 1);
     return path + L"custom_actions.dll";
 }
 
-} // namespace
-
-loaded_library::loaded_library()
-    : module_{LoadLibraryExW(library_path().c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)}
+loaded_library::loaded_library(std::wstring path)
+    : path_{std::move(path)}, module_{LoadLibraryExW(path_.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)}
 {
     if (module_ == nullptr) {
         throw std::system_error{
-            static_cast<int>(GetLastError()), std::system_category(), "custom_actions.dll"};
+            static_cast<int>(GetLastError()), std::system_category(), "loading the library"};
     }
     // With its first exception the library's runtime opens handles of its own; no test is to count them.
     call("prepare_controlled_upgrade", 0);
@@ -34,11 +31,6 @@ loaded_library::loaded_library()
 loaded_library::~loaded_library()
 {
     FreeLibrary(module_);
-}
-
-std::wstring loaded_library::path() const
-{
-    return library_path();
 }
 
 UINT loaded_library::call(const char* name, MSIHANDLE session) const

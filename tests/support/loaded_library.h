@@ -6,12 +6,15 @@
 
 namespace test_support {
 
-// The built custom_actions.dll, loaded as on a machine that has nothing but the system's own libraries: what
-// it needs is looked for in the system directory alone.
+// custom_actions.dll beside this program.
+std::wstring built_library();
+
+// The library, loaded as on a machine that has nothing but the system's own libraries: what it needs is
+// looked for in the system directory alone.
 class loaded_library {
 public:
-    // Throws std::system_error where the library does not load.
-    loaded_library();
+    // `path` is absolute. Throws std::system_error where the library does not load.
+    explicit loaded_library(std::wstring path = built_library());
     ~loaded_library();
 
     loaded_library(const loaded_library&) = delete;
@@ -19,12 +22,13 @@ public:
 
     [[nodiscard]] HMODULE module() const noexcept { return module_; }
 
-    [[nodiscard]] std::wstring path() const;
+    [[nodiscard]] const std::wstring& path() const noexcept { return path_; }
 
     // Calls the exported action `name`. Throws std::runtime_error where there is none.
     UINT call(const char* name, unsigned long session) const;
 
 private:
+    std::wstring path_;
     HMODULE module_;
 };
 

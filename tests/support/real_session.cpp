@@ -5,6 +5,7 @@
 
 #include <array>
 #include <system_error>
+#include <utility>
 
 namespace test_support {
 namespace {
@@ -67,9 +68,20 @@ void fill(MSIHANDLE database)
     }
 }
 
+std::wstring formatted(MSIHANDLE record)
+{
+    wchar_t none = L'\0';
+    DWORD length = 0;
+    MsiFormatRecordW(0, record, &none, &length);
+    std::wstring text(++length, L'\0'); // with its terminating zero
+    require(MsiFormatRecordW(0, record, text.data(), &length), "MsiFormatRecordW");
+    text.resize(length);
+    return text;
+}
+
 } // namespace
 
-real_session::real_session() : path_{scratch_file()}
+real_session::real_session(message_listener listener) : path_{scratch_file()}, listener_{std::move(listener)}
 {
     require(MsiOpenDatabaseW(path_.c_str(), MSIDBOPEN_CREATE, database_.put()), "MsiOpenDatabaseW");
     fill(database_.get());
@@ -91,13 +103,13 @@ real_session::~real_session()
     DeleteFileW(path_.c_str());
 }
 
-INT WINAPI real_session::on_message(LPVOID session, UINT type, MSIHANDLE record)
+INT WINAPI real_session::on_message(LPVOID context, UINT type, MSIHANDLE record)
 {
-    std::wstring text(1024, L'\0');
-    auto length = static_cast<DWORD>(text.size());
-    require(MsiFormatRecordW(0, record, text.data(), &length), "MsiFormatRecordW");
-    text.resize(length);
-    static_cast<real_session*>(session)->messages_.push_back({type, text});
+    auto& session = *static_cast<real_session*>(context);
+    session.messages_.push_back({type, formatted(record)});
+    if (session.listener_) {
+        session.listener_(session.messages_.back());
+    }
     return IDOK;
 }
 

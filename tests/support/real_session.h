@@ -6,6 +6,7 @@
 #include <windows.h>
 #include <msi.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,8 +16,11 @@ namespace test_support {
 // with it. Its properties, records and messages are the installer's own; it is no deferred context.
 class real_session {
 public:
+    // Called with each message as it is posted.
+    using message_listener = std::function<void(const posted_message&)>;
+
     // Throws std::system_error with the installer's code.
-    real_session();
+    explicit real_session(message_listener listener = {});
     ~real_session();
 
     real_session(const real_session&) = delete;
@@ -31,11 +35,12 @@ private:
     // MsiCloseHandle closes every kind of the installer's handles.
     using installer_handle = custom_actions::record_handle;
 
-    static INT WINAPI on_message(LPVOID session, UINT type, MSIHANDLE record);
+    static INT WINAPI on_message(LPVOID context, UINT type, MSIHANDLE record);
 
     std::wstring path_;
     installer_handle database_;
     installer_handle session_;
+    message_listener listener_;
     std::vector<posted_message> messages_;
 };
 

@@ -1,0 +1,231 @@
+// Runs one action of the library by hand, for package authors and support.
+
+#include "custom_actions/common/installer_session.h"
+#include "custom_actions/common/text.h"
+#include "custom_actions/common/windows_error.h"
+#include "tests/support/child_process.h"
+#include "tests/support/loaded_library.h"
+#include "tests/support/pe_image.h"
+#include "tests/support/real_session.h"
+#include "tools/run_action/command_line.h"
+
+#include <windows.h>
+#include <msiquery.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <map>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace run_action {
+namespace {
+
+using custom_actions::widen;
+
+constexpr int NOT_RUN = 1;
+constexpr int WRONG_COMMAND_LINE = 2;
+
+constexpr std::string_view CHANGE_NOTHING[] = {
+    "check_upgrade_type",
+    "notify_restart_recommended",
+    "log_app_control_state",
+    "prepare_controlled_upgrade",
+    "capture_search_state",
+};
+
+constexpr const wchar_t* SET_BY_ACTIONS[] = {
+    L"IS_MINOR_UPGRADE",
+    L"restore_explorer",
+    L"rollback_explorer",
+    L"stop_search",
+    L"rollback_search",
+    L"restore_search",
+    L"INSTALLFOLDER",
+    L"begin_controlled_upgrade",
+    L"install_upgrade_packages",
+    L"finish_controlled_upgrade",
+    L"rollback_controlled_upgrade",
+    L"QblEarlyRecoveryTask",
+};
+
+struct code_and_word {
+    UINT code;
+    const wchar_t* word;
+};
+
+constexpr code_and_word MESSAGE_TYPES[] = {
+    {INSTALLMESSAGE_ERROR, L"error"},
+    {INSTALLMESSAGE_WARNING, L"warning"},
+    {INSTALLMESSAGE_USER, L"notice"},
+    {INSTALLMESSAGE_INFO, L"information"},
+};
+
+constexpr code_and_word RETURN_CODES[] = {
+    {ERROR_SUCCESS, L"success"},
+    {ERROR_INVALID_PARAMETER, L"its CustomActionData cannot be read"},
+    {ERROR_INSTALL_FAILURE, L"failure"},
+};
+
+std::wstring word_for(std::span<const code_and_word> words, UINT code)
+{
+    const auto found = std::ranges::find(words, code, &code_and_word::code);
+    return found == words.end() ? L"unknown" : found->word;
+}
+
+void print(std::FILE* stream, const std::wstring& text)
+{
+    const auto length = static_cast<int>(text.size());
+    const UINT code_page = GetConsoleOutputCP(); // 0, the system's own, without a console
+    std::string bytes(text.size() * 4, '\0');
+    bytes.resize(static_cast<std::size_t>(WideCharToMultiByte(
+        code_page, 0, text.data(), length, bytes.data(), static_cast<int>(bytes.size()), nullptr, nullptr)));
+    std::fputs(bytes.c_str(), stream);
+    std::fflush(stream); // before what an action prints by itself
+}
+
+void print_line(const std::wstring& text)
+{
+    print(stdout, text + L"\n");
+}
+
+int say_what_is_wrong(const std::wstring& mistake, const std::wstring& help)
+{
+    print(stderr, L"run_action: " + mistake + L"\n\n" + help + L"\n");
+    return WRONG_COMMAND_LINE;
+}
+
+void print_message(const test_support::posted_message& message)
+{
+    wchar_t number[16];
+    std::swprintf(number, std::size(number), L"0x%08X ", message.type);
+    print_line(number + word_for(MESSAGE_TYPES, message.type & 0xFF000000U) + L": " + message.text);
+}
+
+bool changes_nothing(const std::string& action)
+{
+    return std::ranges::find(CHANGE_NOTHING, action) != std::end(CHANGE_NOTHING);
+}
+
+std::wstring list_of(const std::vector<std::string>& actions)
+{
+    std::wstring list;
+    for (const std::string& action : actions) {
+        std::wstring line = widen(action);
+        line.resize(40, L' ');
+        list += line + (changes_nothing(action) ? L"changes nothing\n" : L"changes the machine\n");
+    }
+    list.resize(list.empty() ? 0 : list.size() - 1);
+    return list;
+}
+
+bool user_agrees(const std::string& action)
+{
+    print(stdout, widen(action) + L" changes this machine. Run it? [y/N] ");
+    char answer[8]{};
+    const bool agrees =
+        std::fgets(answer, sizeof answer, stdin) != nullptr && (answer[0] == 'y' || answer[0] == 'Y');
+    if (!agrees) {
+        print_line(L"Not run.");
+    }
+    return agrees;
+}
+
+void set_properties(MSIHANDLE session, const options& chosen)
+{
+    for (const auto& [name, value] : chosen.properties) {
+        if (const UINT result = MsiSetPropertyW(session, name.c_str(), value.c_str());
+            result != ERROR_SUCCESS) {
+            throw custom_actions::windows_error{"Cannot set the properties", result};
+        }
+    }
+}
+
+// The properties that an action may change, and those of the command line.
+std::map<std::wstring, std::wstring> read_properties(MSIHANDLE session, const options& chosen)
+{
+    std::map<std::wstring, std::wstring> values;
+    for (const wchar_t* name : SET_BY_ACTIONS) {
+        values[name] = custom_actions::read_property(session, name);
+    }
+    for (const auto& [name, value] : chosen.properties) {
+        values[name] = custom_actions::read_property(session, name.c_str());
+    }
+    return values;
+}
+
+void print_changes(
+    const std::map<std::wstring, std::wstring>& before, const std::map<std::wstring, std::wstring>& after)
+{
+    if (before == after) {
+        print_line(L"no property changed");
+    }
+    for (const auto& [name, value] : after) {
+        if (value != before.at(name)) {
+            std::wstring line = (value.empty() ? L"cleared " : L"set ") + name;
+            if (!value.empty()) {
+                line.append(L"=").append(value);
+            }
+            print_line(line);
+        }
+    }
+}
+
+UINT call_in_session(
+    const test_support::loaded_library& library, const std::string& action, const options& chosen)
+{
+    const test_support::real_session session{print_message};
+    set_properties(session.handle(), chosen);
+    const auto before = read_properties(session.handle(), chosen);
+    const UINT code = library.call(action.c_str(), session.handle());
+    print_changes(before, read_properties(session.handle(), chosen));
+    return code;
+}
+
+std::wstring full_path(const std::wstring& path)
+{
+    std::wstring full(GetFullPathNameW(path.c_str(), 0, nullptr, nullptr), L'\0');
+    full.resize(GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr));
+    return full;
+}
+
+int run(const options& chosen)
+{
+    if (!chosen.mistake.empty()) {
+        return say_what_is_wrong(chosen.mistake, USAGE);
+    }
+    const test_support::loaded_library library{
+        chosen.library.empty() ? test_support::built_library() : full_path(chosen.library)};
+    const std::vector<std::string> actions = test_support::pe_image{library.module()}.exported_names();
+    if (chosen.list_only) {
+        print_line(list_of(actions));
+        return 0;
+    }
+    const auto action = std::ranges::find(actions, chosen.action, widen);
+    if (action == actions.end()) {
+        return say_what_is_wrong(L"no such action: " + chosen.action, list_of(actions));
+    }
+    if (!changes_nothing(*action) && !chosen.without_asking && !user_agrees(*action)) {
+        return NOT_RUN;
+    }
+    const UINT code =
+        chosen.with_session ? call_in_session(library, *action, chosen) : library.call(action->c_str(), 0);
+    print_line(L"returned " + std::to_wstring(code) + L": " + word_for(RETURN_CODES, code));
+    return static_cast<int>(code);
+}
+
+} // namespace
+} // namespace run_action
+
+int main()
+{
+    try {
+        return run_action::run(run_action::parse_command_line(run_action::arguments_of_this_process()));
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "run_action: %s\n", error.what());
+        return run_action::NOT_RUN;
+    }
+}
