@@ -49,7 +49,3 @@ else()
 endif()
 
 option(CUSTOM_ACTIONS_COVERAGE "Instrument the library for line coverage (GCC only)" OFF)
-if(CUSTOM_ACTIONS_COVERAGE)
-  target_compile_options(project_options INTERFACE --coverage)
-  target_link_options(project_options INTERFACE --coverage)
-endif()

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what building and testing need and the machine does not have yet: Debian packages, by name. Says nothing and
-# takes no time when all is there. Debian 12 and 13.
+# takes no time when all is there. Debian 12 and 13. More packages may be named: scripts/setup.sh PACKAGE...
 set -eu
 packages=(
   cmake
@@ -16,6 +16,7 @@ packages=(
   llvm-19-dev
   g++
   git
+  "$@"
 )
 missing=()
 for package in "${packages[@]}"; do

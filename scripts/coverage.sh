@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Measures which lines of custom_actions/ the tests run: prints the share of each file and every line that none of them
+# ran, which are also left in build/coverage/. Ends with 1 where a test fails or less than 95 % was run.
+set -eu
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+scripts/setup.sh gcovr
+cmake --preset mingw-debug --log-level=WARNING >/dev/null
+cmake --build --preset mingw-debug
+
+folder=build/coverage
+rm -rf "$folder"
+mkdir -p "$folder"
+find build/mingw-debug -name '*.gcda' -delete
+trap 'scripts/wine.sh --end' EXIT
+
+# Not the image of the library, which is another one here, nor the sweeps, which know every call of the shipped one.
+failed=0
+for program in custom_actions_tests installer_tests; do
+  scripts/wine.sh --limit 900 "build/mingw-debug/$program.exe" --gtest_brief=1 --gtest_filter='-Fault.*:LibraryImage.*' \
+    >"$folder/$program.txt" || failed=1
+  tr -d '\r' <"$folder/$program.txt" | grep -E '^\[  (PASSED|FAILED)' || true
+done
+
+# A constructor or an inline function that is there twice counts once.
+gcovr --gcov-executable x86_64-w64-mingw32-gcov-posix --root . --filter 'custom_actions/' --merge-mode-functions=separate \
+  --txt "$folder/files.txt" --csv "$folder/files.csv" --json "$folder/lines.json" build/mingw-debug >/dev/null
+cat "$folder/files.txt"
+
+# The lines themselves.
+python3 - "$folder/lines.json" >"$folder/not_run.txt" <<'END'
+import json, sys
+for file in json.load(open(sys.argv[1]))["files"]:
+    source = open(file["file"]).read().splitlines()
+    for line in file["lines"]:
+        if line["count"] == 0 and not line.get("gcovr/noncode"):
+            print(f'{file["file"]}:{line["line_number"]}: {source[line["line_number"] - 1].strip()}')
+END
+echo "Not run:"
+cat "$folder/not_run.txt"
+share=$(sed -n 's/^TOTAL .* \([0-9]*\)%.*/\1/p' "$folder/files.txt")
+echo "Run: $share % of the lines of custom_actions/ (aim: 95 %)"
+[ "$failed" = 0 ] && [ "$share" -ge 95 ]
