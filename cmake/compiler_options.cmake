@@ -49,3 +49,28 @@ else()
 endif()
 
 option(CUSTOM_ACTIONS_COVERAGE "Instrument the library for line coverage (GCC only)" OFF)
+
+# What is shipped, on top of that: small, since the installer unpacks and loads it anew for each action.
+add_library(library_options INTERFACE)
+if(NOT MSVC)
+  target_compile_options(library_options INTERFACE $<$<CONFIG:Release,RelWithDebInfo>:-Os>)
+  # An exception that nobody catches ends the process without its name on a standard error that nobody reads: the
+  # runtime's part that takes names apart stays out.
+  target_link_options(
+    library_options INTERFACE
+    $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:-Wl,--defsym=_ZN9__gnu_cxx27__verbose_terminate_handlerEv=abort>)
+endif()
+
+# The symbols of a library go into a file of their own, which it names, so that a debugger finds them.
+function(split_symbols library)
+  if(MSVC OR CUSTOM_ACTIONS_COVERAGE)
+    return()
+  endif()
+  add_custom_command(
+    TARGET ${library}
+    POST_BUILD
+    COMMAND ${CMAKE_OBJCOPY} --only-keep-debug ${library}.dll ${library}.dll.debug
+    COMMAND ${CMAKE_COMMAND} -E env SOURCE_DATE_EPOCH=0 ${CMAKE_OBJCOPY} --strip-all --add-gnu-debuglink=${library}.dll.debug ${library}.dll
+    WORKING_DIRECTORY $<TARGET_FILE_DIR:${library}>
+    VERBATIM)
+endfunction()
