@@ -18,11 +18,6 @@ double median(std::vector<double> times)
     return *middle;
 }
 
-std::string yes_or_no(bool met)
-{
-    return met ? "yes" : "NO";
-}
-
 } // namespace
 
 double milliseconds(const std::function<void()>& work)
@@ -61,18 +56,31 @@ std::vector<std::vector<double>> median_times(const std::vector<round_of_times>&
 void report::against_floor(const std::string& what, double ours, double floor, double most)
 {
     const double ratio = ours / floor;
-    rows_.push_back({what, ours, floor, ratio, "at most " + shown(most), yes_or_no(ratio <= most)});
+    rows_.push_back({what, "ms", ours, floor, ratio, "ratio at most " + shown(most), ratio / most});
 }
 
 void report::against_peer(const std::string& what, double ours, double peer, double least)
 {
     const double ratio = peer / ours;
-    rows_.push_back({what, ours, peer, ratio, "at least " + shown(least), yes_or_no(ratio >= least)});
+    rows_.push_back({what, "ms", ours, peer, ratio, "ratio at least " + shown(least), least / ratio});
 }
 
 void report::beside_peer(const std::string& what, double ours, double peer)
 {
-    rows_.push_back({what, ours, peer, peer / ours, "none", "-"});
+    rows_.push_back({what, "ms", ours, peer, peer / ours, "none", 0});
+}
+
+void report::above_empty(
+    const std::string& what, const std::string& unit, double ours, double empty, double most)
+{
+    rows_.push_back(
+        {what, unit, ours, empty, ours / empty, "at most +" + shown(most), (ours - empty) / most});
+}
+
+void report::beside_empty(
+    const std::string& what, const std::string& unit, double ours, double empty, double most)
+{
+    rows_.push_back({what, unit, ours, empty, ours / empty, "at most " + shown(most), ours / most});
 }
 
 void report::print() const
@@ -83,24 +91,31 @@ void report::print() const
     }
     const auto column = static_cast<int>(width);
     std::printf(
-        "%-*s  %9s  %12s  %6s  %-14s  %s\n",
+        "%-*s  %-4s  %8s  %8s  %6s  %-19s  %6s  %s\n",
         column,
         "what",
-        "ours (ms)",
-        "against (ms)",
+        "unit",
+        "ours",
+        "against",
         "ratio",
         "aim",
+        "of aim",
         "met?");
     for (const row& line : rows_) {
+        const bool has_aim = line.aim != "none";
         std::printf(
-            "%-*s  %9.2f  %12.2f  %6.2f  %-14s  %s\n",
+            "%-*s  %-4s  %8.2f  %8.2f  %6.2f  %-19s  %6s  %s\n",
             column,
             line.what.c_str(),
+            line.unit.c_str(),
             line.ours,
             line.against,
             line.ratio,
             line.aim.c_str(),
-            line.met.c_str());
+            has_aim ? shown(line.of_aim).c_str() : "-",
+            !has_aim           ? "-"
+            : line.of_aim <= 1 ? "yes"
+                               : "NO");
     }
     std::printf("\nMedians of %d rounds, in which the sides took turns.\n", ROUNDS);
     for (const std::string& text : notes_) {

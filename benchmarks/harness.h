@@ -26,14 +26,22 @@ std::vector<std::vector<double>> median_times(const std::vector<round_of_times>&
 // The rows of the table, printed when all benchmarks have run.
 class report {
 public:
-    // Ours beside the least that the same work costs; the ratio is ours / floor, which `most` bounds.
+    // Milliseconds beside the least that the same work costs; the ratio is ours / floor, which `most` bounds.
     void against_floor(const std::string& what, double ours, double floor, double most);
 
-    // Ours beside another way to the same end; the ratio is peer / ours, which `least` bounds.
+    // Milliseconds beside another way to the same end; the ratio is peer / ours, which `least` bounds.
     void against_peer(const std::string& what, double ours, double peer, double least);
 
     // As above where there is nothing to reach: a figure that explains another.
     void beside_peer(const std::string& what, double ours, double peer);
+
+    // Ours beside what the same costs with an empty library; `most` bounds what ours has above that.
+    void
+    above_empty(const std::string& what, const std::string& unit, double ours, double empty, double most);
+
+    // As above where `most` bounds all of ours.
+    void
+    beside_empty(const std::string& what, const std::string& unit, double ours, double empty, double most);
 
     // A line below the table.
     void note(const std::string& text) { notes_.push_back(text); }
@@ -43,11 +51,12 @@ public:
 private:
     struct row {
         std::string what;
+        std::string unit;
         double ours;
         double against;
         double ratio;
         std::string aim;
-        std::string met;
+        double of_aim; // above 1 it is missed; 0 where there is none
     };
 
     std::vector<row> rows_;

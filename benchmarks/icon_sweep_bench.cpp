@@ -14,25 +14,6 @@ namespace {
 
 constexpr const wchar_t* CLASSES = LR"(Software\Classes)";
 
-// Every tenth has an icon handler, of somebody else: the sweep looks and leaves it, so that it can be run
-// again.
-void plant_progids(int count)
-{
-    for (int i = 0; i != count; ++i) {
-        const std::wstring progid = std::wstring{CLASSES} + LR"(\some.program.)" + std::to_wstring(i);
-        if (i % 10 == 0) {
-            test_support::plant_value(
-                HKEY_CURRENT_USER,
-                progid + LR"(\ShellEx\IconHandler)",
-                L"",
-                test_support::registry_text(L"{11111111-2222-3333-4444-555555555555}"));
-        } else {
-            test_support::plant_value(
-                HKEY_CURRENT_USER, progid, L"", test_support::registry_text(L"a program"));
-        }
-    }
-}
-
 int bare_sweep()
 {
     HKEY root = nullptr;
@@ -65,6 +46,24 @@ int bare_sweep()
 }
 
 } // namespace
+
+// The handlers are somebody else's: the sweep looks and leaves them, so that it can be run again.
+void plant_progids(int count)
+{
+    for (int i = 0; i != count; ++i) {
+        const std::wstring progid = std::wstring{CLASSES} + LR"(\some.program.)" + std::to_wstring(i);
+        if (i % 10 == 0) {
+            test_support::plant_value(
+                HKEY_CURRENT_USER,
+                progid + LR"(\ShellEx\IconHandler)",
+                L"",
+                test_support::registry_text(L"{11111111-2222-3333-4444-555555555555}"));
+        } else {
+            test_support::plant_value(
+                HKEY_CURRENT_USER, progid, L"", test_support::registry_text(L"a program"));
+        }
+    }
+}
 
 void measure_icon_sweep(report& results)
 {

@@ -1,5 +1,6 @@
-// Runs every benchmark and prints one table. Ends with 0 whether or not an aim is met, since the figures are
-// the machine's as much as ours, and with 1 where something did not run or two sides did not do the same.
+// Runs every benchmark, or the one that is named, and prints one table. Ends with 0 whether or not an aim is
+// met, since the figures are the machine's as much as ours, and with 1 where something did not run or two
+// sides did not do the same.
 
 #include "benchmarks/benchmarks.h"
 #include "tests/support/installation.h"
@@ -7,6 +8,20 @@
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <utility>
+
+namespace {
+
+constexpr std::pair<const char*, void (*)(benchmarks::report&)> BENCHMARKS[]{
+    {"library", benchmarks::measure_library},
+    {"action_costs", benchmarks::measure_action_costs},
+    {"property_handler", benchmarks::measure_property_handler},
+    {"icon_sweep", benchmarks::measure_icon_sweep},
+    {"processes", benchmarks::measure_processes},
+    {"hidden_process", benchmarks::measure_hidden_process},
+};
+
+} // namespace
 
 int main(int argc, char** argv)
 {
@@ -16,16 +31,21 @@ int main(int argc, char** argv)
             benchmarks::print_as_child(std::stoul(argument.substr(8)));
             return 0;
         }
+        if (argument.starts_with("--peak-memory=")) {
+            benchmarks::print_peak_memory(argument.substr(14));
+            return 0;
+        }
         if (!test_support::machine_is_disposable()) {
             std::fputs(
                 "Packages would be installed on this machine: set DISPOSABLE_MACHINE if they may.\n", stderr);
             return 1;
         }
         benchmarks::report report;
-        benchmarks::measure_property_handler(report);
-        benchmarks::measure_icon_sweep(report);
-        benchmarks::measure_processes(report);
-        benchmarks::measure_hidden_process(report);
+        for (const auto& [name, measure] : BENCHMARKS) {
+            if (argument.empty() || argument == name) {
+                measure(report);
+            }
+        }
         report.print();
         return 0;
     } catch (const std::exception& error) {

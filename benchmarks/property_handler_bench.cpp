@@ -193,17 +193,18 @@ struct installation_times {
 
 installation_times time_installations(const std::vector<registry_row>& values)
 {
-    const std::wstring action = L"propertyhandler_update_registry";
-    const std::wstring other_action = L"propertyhandler_remove_registry"; // finds nothing to remove
+    const package_action action{.name = L"propertyhandler_update_registry"};
+    const package_action other_action{.name = L"propertyhandler_remove_registry"}; // finds nothing to remove
     const scratch_package smallest{L"{5A1F0C67-93C4-4B57-8C3C-3E2F0E6B7A01}", {}};
     const scratch_package with_rows{
-        L"{5A1F0C67-93C4-4B57-8C3C-3E2F0E6B7A02}", {.rows = values, .actions = {}}};
+        L"{5A1F0C67-93C4-4B57-8C3C-3E2F0E6B7A02}", {.rows = values, .actions = {}, .properties = {}}};
     const scratch_package with_action{
-        L"{5A1F0C67-93C4-4B57-8C3C-3E2F0E6B7A03}", {.rows = {}, .actions = {action}}};
+        L"{5A1F0C67-93C4-4B57-8C3C-3E2F0E6B7A03}", {.rows = {}, .actions = {action}, .properties = {}}};
     const scratch_package with_other_action{
-        L"{5A1F0C67-93C4-4B57-8C3C-3E2F0E6B7A04}", {.rows = {}, .actions = {other_action}}};
+        L"{5A1F0C67-93C4-4B57-8C3C-3E2F0E6B7A04}", {.rows = {}, .actions = {other_action}, .properties = {}}};
     const scratch_package with_both_actions{
-        L"{5A1F0C67-93C4-4B57-8C3C-3E2F0E6B7A05}", {.rows = {}, .actions = {other_action, action}}};
+        L"{5A1F0C67-93C4-4B57-8C3C-3E2F0E6B7A05}",
+        {.rows = {}, .actions = {other_action, action}, .properties = {}}};
 
     const redirected_output silence{"NUL"};
     clear_machine(); // of what an earlier run may have left

@@ -11,6 +11,7 @@
 
 #include <array>
 #include <filesystem>
+#include <set>
 #include <utility>
 
 namespace benchmarks {
@@ -18,8 +19,6 @@ namespace {
 
 // MsiCloseHandle closes every kind of the installer's handles.
 using installer_handle = custom_actions::record_handle;
-
-constexpr int DEFERRED_LIBRARY_ACTION_AS_SYSTEM = 3073;
 
 // The least that installs and can be removed: a component whose key path is a registry value.
 constexpr const wchar_t* SMALLEST_PACKAGE[]{
@@ -76,6 +75,7 @@ constexpr std::pair<const wchar_t*, int> STANDARD_ACTIONS[]{
     {L"PublishProduct", 6400},
     {L"InstallFinalize", 6600},
 };
+constexpr int AFTER_INSTALL_VALIDATE = 1401;
 constexpr int AFTER_WRITE_REGISTRY_VALUES = 5001;
 
 // Each question mark of the statement takes the field of `record` with its number.
@@ -128,25 +128,49 @@ void add_rows(MSIHANDLE database, const std::vector<registry_row>& rows)
     }
 }
 
-void add_library(MSIHANDLE database)
+void add_property(MSIHANDLE database, const std::wstring& name, const std::wstring& value)
 {
-    const std::filesystem::path program{test_support::this_program()};
-    const std::wstring library = program.parent_path() / L"custom_actions.dll";
-    const installer_handle record{MsiCreateRecord(1)};
-    require(MsiRecordSetStreamW(record.get(), 1, library.c_str()), "cannot read the library");
-    run_query(database, L"INSERT INTO `Binary` (`Name`, `Data`) VALUES ('library', ?)", record.get());
+    const installer_handle record{MsiCreateRecord(2)};
+    MsiRecordSetStringW(record.get(), 1, name.c_str());
+    MsiRecordSetStringW(record.get(), 2, value.c_str());
+    run_query(database, L"INSERT INTO `Property` (`Property`, `Value`) VALUES (?, ?)", record.get());
 }
 
-void add_action(MSIHANDLE database, const std::wstring& action, int number)
+void add_library(MSIHANDLE database, const std::wstring& name)
+{
+    const std::filesystem::path program{test_support::this_program()};
+    const std::wstring library = program.parent_path() / name;
+    const installer_handle record{MsiCreateRecord(2)};
+    MsiRecordSetStringW(record.get(), 1, name.c_str());
+    require(MsiRecordSetStreamW(record.get(), 2, library.c_str()), "cannot read a library");
+    run_query(database, L"INSERT INTO `Binary` (`Name`, `Data`) VALUES (?, ?)", record.get());
+}
+
+void add_action(MSIHANDLE database, const package_action& action, int number)
 {
     run_query(
         database,
-        L"INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('" + action + L"', " +
-            std::to_wstring(DEFERRED_LIBRARY_ACTION_AS_SYSTEM) + L", 'library', '" + action + L"')");
+        L"INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('" + action.name +
+            L"', " + std::to_wstring(action.type) + L", '" + action.library + L"', '" + action.function +
+            L"')");
     run_query(
         database,
-        L"INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('" + action +
+        L"INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('" + action.name +
             L"', 'NOT REMOVE', " + std::to_wstring(number) + L")");
+}
+
+void add_actions(MSIHANDLE database, const std::vector<package_action>& actions)
+{
+    int immediate = AFTER_INSTALL_VALIDATE;
+    int deferred = AFTER_WRITE_REGISTRY_VALUES;
+    std::set<std::wstring> libraries;
+    for (const package_action& action : actions) {
+        if (libraries.insert(action.library).second) {
+            add_library(database, action.library);
+        }
+        const bool is_immediate = (action.type & ~GOES_ON_WHEN_IT_FAILS) == IMMEDIATE;
+        add_action(database, action, is_immediate ? immediate++ : deferred++);
+    }
 }
 
 std::wstring scratch_file()
@@ -177,18 +201,13 @@ scratch_package::scratch_package(std::wstring product_code, const package_conten
     for (const wchar_t* statement : SMALLEST_PACKAGE) {
         run_query(database.get(), statement);
     }
-    run_query(
-        database.get(),
-        L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('ProductCode', '" + product_code_ + L"')");
+    add_property(database.get(), L"ProductCode", product_code_);
+    for (const auto& [name, value] : content.properties) {
+        add_property(database.get(), name, value);
+    }
     add_sequence(database.get());
     add_rows(database.get(), content.rows);
-    if (!content.actions.empty()) {
-        add_library(database.get());
-    }
-    int number = AFTER_WRITE_REGISTRY_VALUES;
-    for (const std::wstring& action : content.actions) {
-        add_action(database.get(), action, number++);
-    }
+    add_actions(database.get(), content.actions);
     require(MsiDatabaseCommit(database.get()), "MsiDatabaseCommit");
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace benchmarks {
@@ -12,10 +13,25 @@ struct registry_row {
     std::wstring text;
 };
 
+// The installer's numbers for an action of a library in the package.
+inline constexpr int IMMEDIATE = 1;
+inline constexpr int DEFERRED_AS_SYSTEM = 3073;
+inline constexpr int GOES_ON_WHEN_IT_FAILS = 64; // to be added
+
+// A function of a library beside this program. The immediate ones run before anything is installed, the
+// deferred ones when all is written; each kind in its order, and none in a removal.
+struct package_action {
+    std::wstring name;
+    std::wstring function{name};
+    std::wstring library{L"custom_actions.dll"};
+    int type = DEFERRED_AS_SYSTEM;
+};
+
 // What a package has beyond the least: one feature with one component, whose key path is a registry value.
 struct package_content {
-    std::vector<registry_row> rows;    // of the Registry table
-    std::vector<std::wstring> actions; // of the built library: deferred, as LocalSystem, when all is written
+    std::vector<registry_row> rows; // of the Registry table
+    std::vector<package_action> actions;
+    std::vector<std::pair<std::wstring, std::wstring>> properties;
 };
 
 // An installer package for the whole machine, made here. Its file goes with it, and so does the product.

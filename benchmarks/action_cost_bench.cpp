@@ -1,0 +1,215 @@
+// What each action costs in an installation: all of them in one package, and an empty action of a library of
+// its own among them. The installer tells when an action starts; it lasts until the next one does.
+
+#include "benchmarks/benchmarks.h"
+#include "benchmarks/scratch_package.h"
+#include "tests/support/loaded_library.h"
+#include "tests/support/pe_image.h"
+
+#include <msi.h>
+#include <msiquery.h>
+
+#include <array>
+#include <filesystem>
+#include <iterator>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace benchmarks {
+namespace {
+
+// An action where it has nothing to do, is refused at once, or does the least that it can.
+struct scenario {
+    const wchar_t* function;
+    int type;
+    const char* what;
+    double most; // milliseconds above the empty action
+};
+
+// In this order: what one writes, a later one reads or takes away.
+constexpr scenario SCENARIOS[]{
+    {L"check_upgrade_type", IMMEDIATE, "nothing installed", 5},
+    {L"log_app_control_state", IMMEDIATE, "not enforcing", 5},
+    {L"capture_search_state", IMMEDIATE, "no Windows Search", 10},
+    {L"close_and_kill_our_processes", IMMEDIATE, "none runs", 50},
+    {L"prepare_controlled_upgrade", IMMEDIATE, "refused: no older version", 5},
+    {L"early_close_upgrade", IMMEDIATE, "none runs", 5},
+    {L"recover_early_upgrade", IMMEDIATE, "no task", 5},
+    {L"notify_restart_recommended", IMMEDIATE, "no display", 5},
+    {L"stop_search", DEFERRED_AS_SYSTEM, "unchanged", 5},
+    {L"restore_search", DEFERRED_AS_SYSTEM, "unchanged", 5},
+    {L"restore_explorer", DEFERRED_AS_SYSTEM, "it runs", 5},
+    {L"propertyhandler_update_registry", DEFERRED_AS_SYSTEM, "64 types of a clean machine", 30},
+    {L"propertyhandler_remove_registry", DEFERRED_AS_SYSTEM, "64 types", 30},
+    {L"iconhandler_add_defaults_to_registry", DEFERRED_AS_SYSTEM, "a clean user", 15},
+    {L"iconhandler_remove_registry", DEFERRED_AS_SYSTEM, "that registration", 15},
+    {L"restore_built_in_new_context_menu", DEFERRED_AS_SYSTEM, "nothing there", 5},
+    {L"msix_install_package", DEFERRED_AS_SYSTEM, "refused: no data", 5},
+    {L"msix_uninstall_package", DEFERRED_AS_SYSTEM, "refused: no name of a package", 5},
+    {L"begin_controlled_upgrade", DEFERRED_AS_SYSTEM, "refused: another user", 5},
+    {L"install_upgrade_packages", DEFERRED_AS_SYSTEM, "refused: no backup", 5},
+    {L"finish_controlled_upgrade", DEFERRED_AS_SYSTEM, "refused: nothing registered", 5},
+    {L"rollback_controlled_upgrade", DEFERRED_AS_SYSTEM, "nothing to undo", 5},
+};
+
+std::wstring wide(const std::string& text)
+{
+    return {text.begin(), text.end()};
+}
+
+// Throws where an export has no scenario, or a scenario no export.
+void require_all_exports()
+{
+    const test_support::loaded_library library;
+    std::set<std::wstring> exported;
+    for (const std::string& name : test_support::pe_image{library.module()}.exported_names()) {
+        exported.insert(wide(name));
+    }
+    std::set<std::wstring> measured;
+    for (const scenario& each : SCENARIOS) {
+        measured.insert(each.function);
+    }
+    if (exported != measured) {
+        throw std::runtime_error{"the benchmark has not exactly the library's actions"};
+    }
+}
+
+package_action empty_action(const wchar_t* name, int type)
+{
+    return {.name = name, .function = L"empty_action", .library = L"empty_action.dll", .type = type};
+}
+
+// Before what is measured, each library is unpacked and the installer's process for actions is there; behind
+// the last of each kind stands one that ends its time.
+std::vector<package_action> all_actions()
+{
+    std::vector<package_action> actions{
+        empty_action(L"first_of_empty", IMMEDIATE),
+        {.name = L"first_of_ours", .function = L"check_upgrade_type", .type = IMMEDIATE},
+        empty_action(L"empty_immediate", IMMEDIATE),
+        empty_action(L"empty_deferred", DEFERRED_AS_SYSTEM)};
+    for (const scenario& each : SCENARIOS) {
+        actions.push_back({.name = each.function, .type = each.type + GOES_ON_WHEN_IT_FAILS});
+    }
+    actions.push_back(empty_action(L"end_of_deferred", DEFERRED_AS_SYSTEM));
+    return actions;
+}
+
+package_content content()
+{
+    const std::wstring upgrade = LR"(C:\Quorbel|1|S-1-5-18|{5A1F0C67-93C4-4B57-8C3C-3E2F0E6B7A07})";
+    return {
+        .rows = {},
+        .actions = all_actions(),
+        .properties = {
+            {L"msix_uninstall_package", L"no name"},
+            {L"begin_controlled_upgrade", upgrade},
+            {L"install_upgrade_packages", upgrade},
+            {L"finish_controlled_upgrade", upgrade},
+            {L"rollback_controlled_upgrade", upgrade}}};
+}
+
+// When each action of an installation starts, in the installer's order.
+class action_times {
+public:
+    action_times()
+    {
+        require(
+            MsiSetExternalUIRecord(on_message, INSTALLLOGMODE_ACTIONSTART, this, nullptr),
+            "MsiSetExternalUIRecord");
+    }
+
+    ~action_times() { MsiSetExternalUIRecord(nullptr, 0, nullptr, nullptr); }
+
+    action_times(const action_times&) = delete;
+    action_times& operator=(const action_times&) = delete;
+
+    // How long each took; a deferred one starts twice, and its second time counts, in the script.
+    [[nodiscard]] std::map<std::wstring, double> milliseconds() const
+    {
+        LARGE_INTEGER frequency{};
+        QueryPerformanceFrequency(&frequency);
+        std::map<std::wstring, double> times;
+        for (std::size_t i = 0; i + 1 < starts_.size(); ++i) {
+            times[starts_[i].first] = 1000.0 *
+                                      static_cast<double>(starts_[i + 1].second - starts_[i].second) /
+                                      static_cast<double>(frequency.QuadPart);
+        }
+        return times;
+    }
+
+private:
+    static int CALLBACK on_message(void* self, UINT /*type*/, MSIHANDLE record)
+    {
+        LARGE_INTEGER now{};
+        QueryPerformanceCounter(&now);
+        std::array<wchar_t, 512> name{};
+        auto length = static_cast<DWORD>(name.size());
+        MsiRecordGetStringW(record, 1, name.data(), &length);
+        // In the script Wine has the action's data in brackets before its name.
+        const std::wstring text{name.data()};
+        static_cast<action_times*>(self)->starts_.emplace_back(
+            text.substr(text.rfind(L']') + 1), now.QuadPart);
+        return 0; // the installer goes on as without a handler
+    }
+
+    std::vector<std::pair<std::wstring, LONGLONG>> starts_;
+};
+
+// The times of the first action of all and of the two empty ones, then of each scenario.
+std::vector<double> install(const scratch_package& package)
+{
+    std::map<std::wstring, double> taken;
+    {
+        const action_times times;
+        package.install();
+        taken = times.milliseconds();
+    }
+    package.remove();
+    std::vector<double> all{
+        taken.at(L"first_of_empty"), taken.at(L"empty_immediate"), taken.at(L"empty_deferred")};
+    for (const scenario& each : SCENARIOS) {
+        all.push_back(taken.at(each.function));
+    }
+    return all;
+}
+
+} // namespace
+
+void measure_action_costs(report& results)
+{
+    require_all_exports();
+    const scratch_package package{L"{5A1F0C67-93C4-4B57-8C3C-3E2F0E6B7A06}", content()};
+    // A service has no standard output; the actions' process inherits this one.
+    const std::filesystem::path lines = std::filesystem::temp_directory_path() / "action_costs.txt";
+    std::vector<double> times;
+    {
+        const redirected_output silence{lines.string()};
+        times = median_times({[&] { return install(package); }}).front();
+    }
+    std::filesystem::remove(lines);
+
+    const double first = times[0];
+    const double empty_immediate = times[1];
+    const double empty_deferred = times[2];
+    double above = 0;
+    for (std::size_t i = 0; i != std::size(SCENARIOS); ++i) {
+        const scenario& each = SCENARIOS[i];
+        const std::wstring name = each.function;
+        const double ours = times[i + 3];
+        const double empty = each.type == IMMEDIATE ? empty_immediate : empty_deferred;
+        results.above_empty(
+            std::string{name.begin(), name.end()} + ", " + each.what, "ms", ours, empty, each.most);
+        above += ours - empty;
+    }
+    results.note(
+        "Actions: all " + std::to_string(std::size(SCENARIOS)) + " together take " + shown(above) +
+        " ms more than as many empty ones. The first action of an installation,\nwhichever it is, waits " +
+        shown(first) + " ms for the process that the installer starts for actions.");
+}
+
+} // namespace benchmarks

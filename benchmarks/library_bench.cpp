@@ -1,0 +1,99 @@
+// The library itself against an empty one: its size, how long it takes to load, and what its heaviest action
+// needs.
+
+#include "benchmarks/benchmarks.h"
+#include "tests/support/child_process.h"
+#include "tests/support/registry_sandbox.h"
+
+#include <msi.h>
+#include <psapi.h>
+
+#include <chrono>
+#include <filesystem>
+#include <stdexcept>
+
+namespace benchmarks {
+namespace {
+
+constexpr const char* OURS = "custom_actions.dll";
+constexpr const char* EMPTY = "empty_action.dll";
+
+std::filesystem::path beside_this_program(const char* library)
+{
+    return std::filesystem::path{test_support::this_program()}.parent_path() / library;
+}
+
+double kilobytes(std::uintmax_t bytes)
+{
+    return static_cast<double>(bytes) / 1024;
+}
+
+double file_size(const char* library)
+{
+    return kilobytes(std::filesystem::file_size(beside_this_program(library)));
+}
+
+HMODULE load(const char* library)
+{
+    HMODULE module = LoadLibraryW(beside_this_program(library).c_str());
+    if (module == nullptr) {
+        throw std::runtime_error{std::string{library} + " does not load"};
+    }
+    return module;
+}
+
+round_of_times loading(const char* library)
+{
+    return [library] { return std::vector{milliseconds([library] { FreeLibrary(load(library)); })}; };
+}
+
+// Kilobytes of working set at its highest, in a process of its own.
+double peak_memory(const char* library, const char* function)
+{
+    const std::string arguments = std::string{" --peak-memory="} + library + ":" + function;
+    const auto child = test_support::run_child(
+        L'"' + test_support::this_program() + L'"' + std::wstring{arguments.begin(), arguments.end()},
+        std::chrono::minutes{2});
+    if (child.exit_code != 0) {
+        throw std::runtime_error{"no peak of memory: " + child.output};
+    }
+    return std::stod(child.output);
+}
+
+} // namespace
+
+void print_peak_memory(const std::string& action)
+{
+    const std::size_t separator = action.find(':');
+    HMODULE library = load(action.substr(0, separator).c_str());
+    const auto function = reinterpret_cast<UINT(__stdcall*)(MSIHANDLE)>(
+        reinterpret_cast<void*>(GetProcAddress(library, action.substr(separator + 1).c_str())));
+    if (function == nullptr) {
+        throw std::runtime_error{"there is no " + action};
+    }
+    const test_support::registry_sandbox machine{HKEY_LOCAL_MACHINE};
+    const test_support::registry_sandbox user{HKEY_CURRENT_USER};
+    plant_progids(20'000);
+    {
+        const redirected_output silence{"NUL"};
+        function(1); // no session's handle: what the action logs goes nowhere
+    }
+    PROCESS_MEMORY_COUNTERS memory{};
+    GetProcessMemoryInfo(GetCurrentProcess(), &memory, sizeof memory);
+    std::printf("%.0f\n", kilobytes(memory.PeakWorkingSetSize));
+}
+
+void measure_library(report& results)
+{
+    results.beside_empty("the library's size", "KB", file_size(OURS), file_size(EMPTY), 400);
+    const auto times = median_times({loading(OURS), loading(EMPTY)});
+    results.above_empty("the library loaded and freed", "ms", times[0][0], times[1][0], 2);
+    results.above_empty(
+        "peak memory, iconhandler_remove_registry over 20000 ProgIds",
+        "KB",
+        peak_memory(OURS, "iconhandler_remove_registry"),
+        peak_memory(EMPTY, "empty_action"),
+        1024);
+}
+
+} // namespace benchmarks
