@@ -191,6 +191,9 @@ void measure_action_costs(report& results)
         const redirected_output silence{lines.string()};
         times = median_times({[&] { return install(package); }}).front();
     }
+    if (std::filesystem::file_size(lines) == 0) { // an installer may pass a library that does not load
+        throw std::runtime_error{"the actions did not run: there is no line of theirs"};
+    }
     std::filesystem::remove(lines);
 
     const double first = times[0];

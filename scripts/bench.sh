@@ -1,17 +1,81 @@
 #!/usr/bin/env bash
-# Runs the benchmarks and prints their table, which is also left in build/bench/results.txt. Ends with 0 whether or not
-# an aim is met: the figures are the machine's as much as ours.
+# Runs the benchmarks and prints their table, which is also left in build/bench/results.txt; writes it into
+# docs/benchmarks.md, and docs/benchmarks.svg as a picture of it. Ends with 0 whether or not an aim is met: the figures
+# are the machine's as much as ours.
+#   scripts/bench.sh            all of it
+#   scripts/bench.sh --report   the two files alone, from the results of the last run
 set -eu
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-scripts/build.sh
+results=build/bench/results.txt
 
-mkdir -p build/bench
-rm -f build/bench/results.txt
-trap 'scripts/wine.sh --end' EXIT
+run_benchmarks() {
+  scripts/build.sh
+  mkdir -p build/bench
+  rm -f "$results"
+  trap 'scripts/wine.sh --end' EXIT
 
-# A program and Wine's server take turns: on two processors they would wake each other across them, which takes longer
-# than the calls that are measured and varies tenfold. So both run on one, the server started anew there.
-scripts/wine.sh --end
-processor=$(taskset -cp $$ | sed 's/.*: *\([0-9]*\).*/\1/')
-taskset -c "$processor" scripts/wine.sh build/mingw/benchmarks.exe >build/bench/output.txt </dev/null
-tr -d '\r' <build/bench/output.txt | tee build/bench/results.txt
+  # A program and Wine's server take turns: on two processors they would wake each other across them, which takes longer
+  # than the calls that are measured and varies tenfold. So both run on one, the server started anew there.
+  scripts/wine.sh --end
+  processor=$(taskset -cp $$ | sed 's/.*: *\([0-9]*\).*/\1/')
+  taskset -c "$processor" scripts/wine.sh build/mingw/benchmarks.exe >build/bench/output.txt </dev/null
+  tr -d '\r' <build/bench/output.txt | tee "$results"
+}
+
+# The columns have two spaces or more between them; the table ends at an empty line, with notes behind it.
+write_table() {
+  awk -F '  +' '
+    /^$/ { notes = 1; print ""; next }
+    notes { print; next }
+    { printf "|"; for (i = 1; i <= NF; ++i) printf " %s |", $i; print "" }
+    NR == 1 { print "| --- | --- | ---: | ---: | ---: | --- | ---: | --- |" }' "$results"
+}
+
+# The page with the table of the last run between its two markers.
+write_page() {
+  write_table >build/bench/table.md
+  awk '
+    /^<!-- end of the table -->/ { skip = 0 }
+    !skip { print }
+    /^<!-- table/ { skip = 1; while ((getline line <"build/bench/table.md") > 0) print line }' \
+    docs/benchmarks.md >build/bench/page.md
+  cp build/bench/page.md docs/benchmarks.md
+}
+
+# A bar for each figure that has an aim: how much of the aim it uses up, to one and a half times of it.
+write_picture() {
+  awk -F '  +' '
+    function text(x, y, anchor, content) {
+      gsub(/&/, "\\&amp;", content); gsub(/</, "\\&lt;", content); gsub(/>/, "\\&gt;", content)
+      body = body sprintf("<text x=\"%d\" y=\"%d\" text-anchor=\"%s\">%s</text>\n", x, y, anchor, content)
+    }
+    function upright(of_aim, style) {
+      x = left + of_aim * unit
+      lines = lines sprintf("<path d=\"M%d %d V%d\" %s/>\n", x, top - 8, y, style)
+      text(x, top - 14, "middle", sprintf("%.1f", of_aim))
+    }
+    BEGIN { left = 480; unit = 240; top = 66; y = top }
+    /^$/ { exit }
+    NR == 1 || $7 == "-" { next }
+    {
+      length_of_bar = ($7 < 0 ? 0 : $7 > 1.5 ? 1.5 : $7) * unit
+      body = body sprintf("<rect x=\"%d\" y=\"%d\" width=\"%.1f\" height=\"14\" fill=\"%s\"/>\n",
+                          left, y, length_of_bar, $7 > 1 ? "#d1495b" : "#2a7f9e")
+      text(left - 8, y + 11, "end", $1)
+      text(left + length_of_bar + 6, y + 11, "start", $7 ($7 > 1 ? " missed" : ""))
+      y += 20
+    }
+    END {
+      upright(0, "stroke=\"#999\""); upright(0.5, "stroke=\"#ddd\"")
+      upright(1, "stroke=\"#222\" stroke-width=\"2\" stroke-dasharray=\"6 3\""); upright(1.5, "stroke=\"#ddd\"")
+      text(left, 24, "start", "How much of its aim each figure uses up; beyond 1.0 the aim is missed")
+      printf "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"920\" height=\"%d\" ", y + 12
+      print "font-family=\"DejaVu Sans, Verdana, sans-serif\" font-size=\"11\">"
+      print "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>"
+      printf "%s%s</svg>\n", lines, body
+    }' "$results" >docs/benchmarks.svg
+}
+
+[ "${1:-}" = --report ] || run_benchmarks
+write_page
+write_picture
