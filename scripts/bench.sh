@@ -54,7 +54,7 @@ write_picture() {
       lines = lines sprintf("<path d=\"M%d %d V%d\" %s/>\n", x, top - 8, y, style)
       text(x, top - 14, "middle", sprintf("%.1f", of_aim))
     }
-    BEGIN { left = 480; unit = 240; top = 66; y = top }
+    BEGIN { left = 420; unit = 260; top = 66; y = top }
     /^$/ { exit }
     NR == 1 || $7 == "-" { next }
     {
@@ -62,14 +62,14 @@ write_picture() {
       body = body sprintf("<rect x=\"%d\" y=\"%d\" width=\"%.1f\" height=\"14\" fill=\"%s\"/>\n",
                           left, y, length_of_bar, $7 > 1 ? "#d1495b" : "#2a7f9e")
       text(left - 8, y + 11, "end", $1)
-      text(left + length_of_bar + 6, y + 11, "start", $7 ($7 > 1 ? " missed" : ""))
+      text(left + 1.5 * unit + 8, y + 11, "start", $7 ($7 > 1 ? " missed" : ""))
       y += 20
     }
     END {
       upright(0, "stroke=\"#999\""); upright(0.5, "stroke=\"#ddd\"")
       upright(1, "stroke=\"#222\" stroke-width=\"2\" stroke-dasharray=\"6 3\""); upright(1.5, "stroke=\"#ddd\"")
       text(left, 24, "start", "How much of its aim each figure uses up; beyond 1.0 the aim is missed")
-      printf "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"920\" height=\"%d\" ", y + 12
+      printf "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"900\" height=\"%d\" ", y + 12
       print "font-family=\"DejaVu Sans, Verdana, sans-serif\" font-size=\"11\">"
       print "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>"
       printf "%s%s</svg>\n", lines, body
