@@ -21,8 +21,7 @@ for program in custom_actions_tests installer_tests; do
   tr -d '\r' <"$folder/$program.txt" | grep -E '^\[  (PASSED|FAILED)' || true
 done
 
-# A constructor or an inline function that is there twice counts once.
-gcovr --gcov-executable x86_64-w64-mingw32-gcov-posix --root . --filter 'custom_actions/' --merge-mode-functions=separate \
+gcovr --gcov-executable x86_64-w64-mingw32-gcov-posix --root . --filter 'custom_actions/' \
   --txt "$folder/files.txt" --csv "$folder/files.csv" --json "$folder/lines.json" build/mingw-debug >/dev/null
 cat "$folder/files.txt"
 
