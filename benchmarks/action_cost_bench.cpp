@@ -24,36 +24,52 @@ namespace {
 
 // An action where it has nothing to do, is refused at once, or does the least that it can.
 struct scenario {
-    const wchar_t* function;
-    int type;
-    const char* what;
-    double most; // milliseconds above the empty action
+    const wchar_t* function = nullptr;
+    int type = IMMEDIATE;
+    const char* what = nullptr;
+    double most = 5; // milliseconds above the empty action
 };
 
 // In this order: what one writes, a later one reads or takes away.
 constexpr scenario SCENARIOS[]{
-    {L"check_upgrade_type", IMMEDIATE, "nothing installed", 5},
-    {L"log_app_control_state", IMMEDIATE, "not enforcing", 5},
-    {L"capture_search_state", IMMEDIATE, "no Windows Search", 10},
-    {L"close_and_kill_our_processes", IMMEDIATE, "none runs", 50},
-    {L"prepare_controlled_upgrade", IMMEDIATE, "refused: no older version", 5},
-    {L"early_close_upgrade", IMMEDIATE, "none runs", 5},
-    {L"recover_early_upgrade", IMMEDIATE, "no task", 5},
-    {L"notify_restart_recommended", IMMEDIATE, "no display", 5},
-    {L"stop_search", DEFERRED_AS_SYSTEM, "unchanged", 5},
-    {L"restore_search", DEFERRED_AS_SYSTEM, "unchanged", 5},
-    {L"restore_explorer", DEFERRED_AS_SYSTEM, "it runs", 5},
-    {L"propertyhandler_update_registry", DEFERRED_AS_SYSTEM, "64 types of a clean machine", 30},
-    {L"propertyhandler_remove_registry", DEFERRED_AS_SYSTEM, "64 types", 30},
-    {L"iconhandler_add_defaults_to_registry", DEFERRED_AS_SYSTEM, "a clean user", 15},
-    {L"iconhandler_remove_registry", DEFERRED_AS_SYSTEM, "that registration", 15},
-    {L"restore_built_in_new_context_menu", DEFERRED_AS_SYSTEM, "nothing there", 5},
-    {L"msix_install_package", DEFERRED_AS_SYSTEM, "refused: no data", 5},
-    {L"msix_uninstall_package", DEFERRED_AS_SYSTEM, "refused: no name of a package", 5},
-    {L"begin_controlled_upgrade", DEFERRED_AS_SYSTEM, "refused: another user", 5},
-    {L"install_upgrade_packages", DEFERRED_AS_SYSTEM, "refused: no backup", 5},
-    {L"finish_controlled_upgrade", DEFERRED_AS_SYSTEM, "refused: nothing registered", 5},
-    {L"rollback_controlled_upgrade", DEFERRED_AS_SYSTEM, "nothing to undo", 5},
+    {.function = L"check_upgrade_type", .what = "nothing installed"},
+    {.function = L"log_app_control_state", .what = "not enforcing"},
+    {.function = L"capture_search_state", .what = "no Windows Search", .most = 10},
+    {.function = L"close_and_kill_our_processes", .what = "none runs", .most = 50},
+    {.function = L"prepare_controlled_upgrade", .what = "refused: no older version"},
+    {.function = L"early_close_upgrade", .what = "none runs"},
+    {.function = L"recover_early_upgrade", .what = "no task"},
+    {.function = L"notify_restart_recommended", .what = "no display"},
+    {.function = L"stop_search", .type = DEFERRED_AS_SYSTEM, .what = "unchanged"},
+    {.function = L"restore_search", .type = DEFERRED_AS_SYSTEM, .what = "unchanged"},
+    {.function = L"restore_explorer", .type = DEFERRED_AS_SYSTEM, .what = "it runs"},
+    {.function = L"propertyhandler_update_registry",
+     .type = DEFERRED_AS_SYSTEM,
+     .what = "64 types of a clean machine",
+     .most = 30},
+    {.function = L"propertyhandler_remove_registry",
+     .type = DEFERRED_AS_SYSTEM,
+     .what = "64 types",
+     .most = 30},
+    {.function = L"iconhandler_add_defaults_to_registry",
+     .type = DEFERRED_AS_SYSTEM,
+     .what = "a clean user",
+     .most = 15},
+    {.function = L"iconhandler_remove_registry",
+     .type = DEFERRED_AS_SYSTEM,
+     .what = "that registration",
+     .most = 15},
+    {.function = L"restore_built_in_new_context_menu", .type = DEFERRED_AS_SYSTEM, .what = "nothing there"},
+    {.function = L"msix_install_package", .type = DEFERRED_AS_SYSTEM, .what = "refused: no data"},
+    {.function = L"msix_uninstall_package",
+     .type = DEFERRED_AS_SYSTEM,
+     .what = "refused: no name of a package"},
+    {.function = L"begin_controlled_upgrade", .type = DEFERRED_AS_SYSTEM, .what = "refused: another user"},
+    {.function = L"install_upgrade_packages", .type = DEFERRED_AS_SYSTEM, .what = "refused: no backup"},
+    {.function = L"finish_controlled_upgrade",
+     .type = DEFERRED_AS_SYSTEM,
+     .what = "refused: nothing registered"},
+    {.function = L"rollback_controlled_upgrade", .type = DEFERRED_AS_SYSTEM, .what = "nothing to undo"},
 };
 
 std::wstring wide(const std::string& text)

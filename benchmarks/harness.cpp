@@ -103,6 +103,7 @@ void report::print() const
         "met?");
     for (const row& line : rows_) {
         const bool has_aim = line.aim != "none";
+        const char* met = line.of_aim <= 1 ? "yes" : "NO";
         std::printf(
             "%-*s  %-4s  %8.2f  %8.2f  %6.2f  %-19s  %6s  %s\n",
             column,
@@ -113,9 +114,7 @@ void report::print() const
             line.ratio,
             line.aim.c_str(),
             has_aim ? shown(line.of_aim).c_str() : "-",
-            !has_aim           ? "-"
-            : line.of_aim <= 1 ? "yes"
-                               : "NO");
+            has_aim ? met : "-");
     }
     std::printf("\nMedians of %d rounds, in which the sides took turns.\n", ROUNDS);
     for (const std::string& text : notes_) {

@@ -8,6 +8,7 @@
 #include <msi.h>
 #include <psapi.h>
 
+#include <bit>
 #include <chrono>
 #include <filesystem>
 #include <stdexcept>
@@ -18,7 +19,7 @@ namespace {
 constexpr const char* OURS = "custom_actions.dll";
 constexpr const char* EMPTY = "empty_action.dll";
 
-std::filesystem::path beside_this_program(const char* library)
+std::filesystem::path beside_this_program(const std::string& library)
 {
     return std::filesystem::path{test_support::this_program()}.parent_path() / library;
 }
@@ -33,11 +34,11 @@ double file_size(const char* library)
     return kilobytes(std::filesystem::file_size(beside_this_program(library)));
 }
 
-HMODULE load(const char* library)
+HMODULE load(const std::string& library)
 {
     HMODULE module = LoadLibraryW(beside_this_program(library).c_str());
     if (module == nullptr) {
-        throw std::runtime_error{std::string{library} + " does not load"};
+        throw std::runtime_error{library + " does not load"};
     }
     return module;
 }
@@ -65,9 +66,9 @@ double peak_memory(const char* library, const char* function)
 void print_peak_memory(const std::string& action)
 {
     const std::size_t separator = action.find(':');
-    HMODULE library = load(action.substr(0, separator).c_str());
-    const auto function = reinterpret_cast<UINT(__stdcall*)(MSIHANDLE)>(
-        reinterpret_cast<void*>(GetProcAddress(library, action.substr(separator + 1).c_str())));
+    const std::string name = action.substr(separator + 1);
+    const auto function = std::bit_cast<UINT(__stdcall*)(MSIHANDLE)>(
+        GetProcAddress(load(action.substr(0, separator)), name.c_str()));
     if (function == nullptr) {
         throw std::runtime_error{"there is no " + action};
     }
