@@ -124,8 +124,7 @@ TEST_F(Explorer, comes_back_for_the_recorded_user)
     EXPECT_EQ(thrown_by([] { restart_explorer_from_record(L"unchanged"); }), "");
     EXPECT_FALSE(explorer_running_in_session(own_session()));
 
-    restart_explorer_from_record(
-        own_record()); // the system keeps a handle from the first program it starts so
+    EXPECT_EQ(thrown_by([] { restart_explorer_from_record(own_record()); }), "");
     EXPECT_TRUE(explorer_running_in_session(own_session()));
     EXPECT_EQ(explorer_session_record(), own_record());
     EXPECT_FALSE(explorer_running_in_session(own_session() + 1));

@@ -1,7 +1,6 @@
 // The upgrade's phases one after the other in this process, on an installed suite that really runs, with a
 // real service for Windows Search.
 
-#include "custom_actions/processes/explorer.h"
 #include "custom_actions/processes/process_inventory.h"
 #include "custom_actions/search/search_service.h"
 #include "custom_actions/upgrade/maintenance_key.h"
@@ -128,17 +127,6 @@ private:
 
 class UpgradePhases : public testing::Test {
 protected:
-    // The system keeps a handle from the first program that it starts as a user; no test is to count it.
-    static void SetUpTestSuite()
-    {
-        if (test_support::machine_is_disposable()) {
-            test_support::end_explorer();
-            const context own = load_context(test_support::new_upgrade_data(L"C:\\"));
-            restart_explorer_from_record(explorer_record(own.session_id, own.user_sid));
-            test_support::end_explorer();
-        }
-    }
-
     void SetUp() override
     {
         if (!test_support::machine_is_disposable()) {
