@@ -45,6 +45,18 @@ bool search_was_running(MSIHANDLE session)
     return state == RUNNING;
 }
 
+// Stops or starts Search, by `change`, and says so with `line`; neither where it was not running.
+UINT change_search(MSIHANDLE session, void (*change)(), const wchar_t* line)
+{
+    return run_action(session, report_error_record, [&] {
+        if (search_was_running(session)) {
+            change();
+            msi_log(session, line);
+        }
+        return UINT{ERROR_SUCCESS};
+    });
+}
+
 } // namespace
 } // namespace custom_actions
 
@@ -60,23 +72,11 @@ UINT __stdcall capture_search_state(MSIHANDLE session)
 UINT __stdcall stop_search(MSIHANDLE session)
 {
     using namespace custom_actions;
-    return run_action(session, report_error_record, [&] {
-        if (search_was_running(session)) {
-            stop_search_service();
-            msi_log(session, L"Windows Search stopped before file changes.");
-        }
-        return UINT{ERROR_SUCCESS};
-    });
+    return change_search(session, stop_search_service, L"Windows Search stopped before file changes.");
 }
 
 UINT __stdcall restore_search(MSIHANDLE session)
 {
     using namespace custom_actions;
-    return run_action(session, report_error_record, [&] {
-        if (search_was_running(session)) {
-            start_search_service();
-            msi_log(session, L"Windows Search restored to running.");
-        }
-        return UINT{ERROR_SUCCESS};
-    });
+    return change_search(session, start_search_service, L"Windows Search restored to running.");
 }

@@ -1,6 +1,5 @@
 #include "custom_actions/common/installer_session.h"
 #include "custom_actions/common/path.h"
-#include "custom_actions/common/text.h"
 #include "custom_actions/common/windows_error.h"
 #include "custom_actions/packages/powershell.h"
 #include "custom_actions/processes/process_inventory.h"

@@ -19,7 +19,6 @@
 #include <exception>
 #include <optional>
 #include <stdexcept>
-#include <utility>
 
 namespace custom_actions::early_upgrade {
 namespace {

@@ -85,23 +85,6 @@ DWORD search_start_type()
     return type;
 }
 
-void configure_search(DWORD type)
-{
-    const service_handle service = open_search_service(SERVICE_CHANGE_CONFIG);
-    EXPECT_TRUE(ChangeServiceConfigW(
-        service.get(),
-        SERVICE_NO_CHANGE,
-        type,
-        SERVICE_NO_CHANGE,
-        nullptr,
-        nullptr,
-        nullptr,
-        nullptr,
-        nullptr,
-        nullptr,
-        nullptr));
-}
-
 // The delayed start of a service, which not every system under the tests can read or write.
 class played_delayed_start {
 public:
@@ -175,7 +158,7 @@ protected:
 TEST_F(UpgradePhases, replace_the_suite_and_bring_back_what_ran)
 {
     windows_search search;
-    configure_search(SERVICE_AUTO_START);
+    set_search_start_type(SERVICE_AUTO_START);
     search.start();
     const played_delayed_start delayed{true};
     scene->powershell.open_folders({L"file:///C:/Users", L"https://example.org/"});
@@ -315,11 +298,11 @@ TEST_F(UpgradePhases, change_nothing_that_runs_where_the_beginning_fails)
          }},
         {"Cannot read Windows Search delayed start (31)",
          [&] {
-             configure_search(SERVICE_AUTO_START);
+             set_search_start_type(SERVICE_AUTO_START);
              const failing_import<"QueryServiceConfig2W", decltype(QueryServiceConfig2W)> fault{
                  this_module(), FALSE, {ERROR_GEN_FAILURE}};
              const std::string thrown = run(begin);
-             configure_search(SERVICE_DEMAND_START);
+             set_search_start_type(SERVICE_DEMAND_START);
              return thrown;
          }},
         {"Cannot establish upgrade guard (5)",
