@@ -15,11 +15,9 @@ trap 'scripts/wine.sh --end' EXIT
 
 # Not the image of the library, which is another one here, nor the sweeps, which know every call of the shipped one.
 failed=0
-for program in custom_actions_tests installer_tests; do
-  scripts/wine.sh --limit 900 "build/mingw-debug/$program.exe" --gtest_brief=1 --gtest_filter='-Fault.*:LibraryImage.*' \
-    >"$folder/$program.txt" || failed=1
-  tr -d '\r' <"$folder/$program.txt" | grep -E '^\[  (PASSED|FAILED)' || true
-done
+scripts/wine.sh --limit 900 build/mingw-debug/custom_actions_tests.exe --gtest_brief=1 \
+  --gtest_filter='-Fault.*:LibraryImage.*' >"$folder/tests.txt" || failed=1
+tr -d '\r' <"$folder/tests.txt" | grep -E '^\[  (PASSED|FAILED)' || true
 
 gcovr --gcov-executable x86_64-w64-mingw32-gcov-posix --root . --filter 'custom_actions/' \
   --txt "$folder/files.txt" --csv "$folder/files.csv" --json "$folder/lines.json" build/mingw-debug >/dev/null

@@ -79,6 +79,9 @@ packages_are() { [ "$(packages)" = "$1" ]; }
 powershell_understood_all() {
   ! scripts/wine.sh reg query "$stand_in\PowerShell" /v Refused >/dev/null 2>&1 </dev/null
 }
+folders_are_back() {
+  scripts/wine.sh reg query "$stand_in\PowerShell" /v OpenFolders 2>/dev/null </dev/null | grep -qF "$folder_window"
+}
 asked_for_whats_new() {
   scripts/wine.sh reg query "$stand_in\PowerShell\Scripts" 2>/dev/null </dev/null | grep -qF -- --open-tab=what-new
 }
@@ -87,11 +90,18 @@ recovery_task() {
     sed -n "s/^ *$1 *REG_SZ *//p"
 }
 no_recovery_task() { [ -z "$(recovery_task Path)" ]; }
+# Whether the upgrade has left this marker in its workspace.
+marked() {
+  local workspace
+  workspace=$(tr -d '\r' <"$log" | sed -n 's/^Controlled upgrade: Recovery state: .*\\//p' | head -n 1)
+  [ -n "$workspace" ] && [ -n "$(find build/wine/drive_c/windows -path "*/$workspace/$1")" ]
+}
+not_marked() { ! marked "$1"; }
 
 # Whatever became of it: no trace of the demo's own in the prefix, and nothing left running there.
 clean_up() {
   local key
-  for key in "${handlers:-}\\.jpg" "${icon_slot:-}" "${drive:-}"; do
+  for key in "${handlers:-}\\.jpg" "${handlers:-}\\.png" "${icon_slot:-}" "${drive:-}"; do
     scripts/wine.sh reg delete "$key" /f >/dev/null 2>&1 </dev/null || true
   done
   remove_search
@@ -158,7 +168,7 @@ notes_now() { nothing_installed || tr -d '\r' <"$installed_notes"; }
 nothing_installed() { [ ! -e "$installed_notes" ]; }
 
 handlers='HKLM\SOFTWARE\Microsoft\Windows\CurrentVersion\PropertySystem\PropertyHandlers'
-foreign_handler={11111111-2222-3333-4444-555555555555}
+foreign_handler='{11111111-2222-3333-4444-555555555555}'
 types_with_our_handler() {
   scripts/wine.sh reg query "$handlers" /s 2>/dev/null </dev/null | grep -c '{73A6EEEE-36B5-4536-A731-8F92EF883087}' || true
 }
@@ -183,6 +193,7 @@ scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null
 
 # Somebody else's, before the suite comes.
 plant "$handlers\.jpg" /ve /d "$foreign_handler"
+plant "$handlers\.png" /ve /d "$foreign_handler"
 plant "$icon_slot" /ve /d "$foreign_handler"
 
 heading "Install Quorbel 1.4.1 on a machine that has none"
@@ -191,8 +202,9 @@ check "the installer succeeded" succeeded
 check "no version was found, so 0.1.16.0 stood for it" logged "INSTALLED_APP_VERSION not found. Falling back to 0.1.16.0."
 check "the files of 1.4.1 are there" notes_are "Quorbel 1.4.1"
 check "IS_MINOR_UPGRADE is not set" suite_value_is MinorUpgrade ""
-printf '    %s file types carry the property handler; .jpg had another before\n' "$(types_with_our_handler)"
-check "they are all 64" types_are 64
+printf '    %s file types carry the property handler; .jpg and .png had another before\n' "$(types_with_our_handler)"
+check "they are all 64 but one" types_are 63
+check "which is .png, whose handler is left alone" default_is "$handlers\.png" "$foreign_handler"
 check "the icon handler of .ico is ours; it, too, had another" default_is "$icon_slot" '{931CC9DD-9E0F-4FA1-AA06-229D0372956A}'
 check "the state of Smart App Control is told" logged "Smart App Control: "
 check "the sparse package is registered" packages_are "1 1.4.1.0"
@@ -202,6 +214,7 @@ check_search "" "Quorbel 1.4.1"
 start_program() {
   local name=$1
   shift
+  rm -f "$logs/$name.exit"
   {
     code=0
     scripts/wine.sh "C:\\Program Files\\Quorbel\\$name" "$@" || code=$?
@@ -227,12 +240,21 @@ runs_not() { ! runs "$1"; }
 # (Wine starts Windows' own Explorer by itself as soon as a program needs a desktop; then the action finds it there and
 # starts no second one, as it should.)
 explorer_runs() { runs 'windows.(system32.)?explorer\.exe'; }
+folder_window=file:///C:/Users
+# An Explorer of the demo's own, with one of the suite's extensions loaded.
+host_folder='build/wine/drive_c/Program Files/Quorbel'
+start_shell_host() {
+  mkdir -p "$host_folder"
+  cp build/mingw/toy_program.exe "$host_folder/explorer.exe"
+  cp build/mingw/toy_extension.dll "$host_folder/Sorvane.Rate.ShellExtension.dll"
+  start_program explorer.exe --window=none '--load=C:\Program Files\Quorbel\Sorvane.Rate.ShellExtension.dll'
+}
+remove_shell_host() { rm -f "$host_folder/explorer.exe" "$host_folder/Sorvane.Rate.ShellExtension.dll"; }
 scripts/wine.sh taskkill /f /im explorer.exe >/dev/null 2>&1 </dev/null || true # the prefix's own desktop
 start_program Quorbel.exe
 start_program Quorbel.Comment.exe --window=ignores
 start_program Quorbel.HotkeyHandler.exe --window=none
-cp build/mingw/toy_program.exe "build/wine/drive_c/Program Files/Quorbel/explorer.exe"
-start_program explorer.exe --window=none '--load=C:\Program Files\Quorbel\Quorbel.Plexa.ShellExtension.dll'
+start_shell_host
 sleep 3
 
 heading "Upgrade to 1.4.2, a minor one, while the suite runs"
@@ -243,7 +265,10 @@ check "Quorbel.exe closed by itself" ended_with Quorbel.exe 0
 check "Quorbel.Comment.exe, which ignores the request, was ended" ended_with Quorbel.Comment.exe 1
 check "Quorbel.HotkeyHandler.exe, which has no window, was ended" ended_with Quorbel.HotkeyHandler.exe 1
 check "the Explorer with the extension was ended" ended_with explorer.exe 1
+check "the hosts of the window hook were released" logged "Window Organizer hook hosts released."
+explorer_restored="Explorer restoration completed for the original interactive session."
 check "Windows' own Explorer is back" explorer_runs
+check "and the log tells so" logged "$explorer_restored"
 check "the upgrade was called minor" logged "Detected MINOR upgrade."
 check "IS_MINOR_UPGRADE was 1" suite_value_is MinorUpgrade 1
 check "the files of 1.4.2 are there" notes_are "Quorbel 1.4.2"
@@ -263,11 +288,10 @@ check "no restart notice" not_logged "Quorbel has been removed."
 # The suite in use: programs, the helper service, the tray, and an Explorer with one of its extensions loaded.
 use_the_suite() {
   local program
-  rm -f "$logs"/*.exit
   for program in Quorbel.exe Quorbel.Kindra.HelperService.exe Quorbel.SystemTray.exe; do start_program $program; done
   start_program Quorbel.AutoTagging.Service.exe --window=ignores
-  cp build/mingw/toy_program.exe "build/wine/drive_c/Program Files/Quorbel/explorer.exe"
-  start_program explorer.exe --window=none '--load=C:\Program Files\Quorbel\Quorbel.Plexa.ShellExtension.dll'
+  start_shell_host
+  tell_powershell OpenFolders /t REG_MULTI_SZ /d "$folder_window"
   sleep 3
   scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null || true
 }
@@ -284,6 +308,7 @@ check_suite_is_back() {
   check "Windows' own Explorer runs" explorer_runs
   check "Windows Search was stopped and started (times: $1)" search_was_asked_times "$1"
   check "and runs" search_is RUNNING
+  check "the folder windows are back" folders_are_back
   check "the next upgrade may start" eval '! scripts/wine.sh reg query "HKLM\SOFTWARE\Brenmoor\Quorbel\InstallerMaintenance" >/dev/null 2>&1 </dev/null'
   check "no recovery task is left" no_recovery_task
   check "PowerShell understood everything" powershell_understood_all
@@ -318,6 +343,9 @@ packages_before=$(packages)
 heading "Controlled upgrade to 2.0.0, in which a package cannot be registered"
 tell_powershell FailAdd /d Sorvane.Rate.Package.msix
 failing_upgrade 4-failing-package 1
+check "the packages before it were registered" logged "Controlled upgrade: install-3 finished in "
+check "and none after it" not_logged "Controlled upgrade: install-4 "
+check "everything was undone" marked rollback-complete
 check "the package that failed is told" logged "Quorbel upgrade: User operation failed; see retained upgrade recovery logs"
 
 heading "Controlled upgrade to 2.0.0, in which the tray does not return"
@@ -326,9 +354,12 @@ tell_powershell TrayWaitMs /t REG_DWORD /d 500
 failing_upgrade 5-failing-tray 2
 check "the new version was closed before the old files came back" logged "Runtime failure: candidate shutdown attempted before MSI file rollback."
 check "nor did the old tray, which the recovery task then started" logged "Rollback recovery incomplete: "
+check "so the undoing is not called complete" not_marked rollback-complete
 
 heading "Controlled upgrade to 2.0.0, with a failure after it was committed"
 failing_upgrade 6-failing-later 1 FAIL_ON_PURPOSE=1
+check "it was committed" marked committed
+check "everything was undone" marked rollback-complete
 
 heading "Controlled upgrade to 2.0.0"
 use_the_suite
@@ -337,6 +368,10 @@ check "the installer succeeded" succeeded
 check "the files are those of 2.0.0" notes_are "Quorbel 2.0.0"
 check "all eight packages are of 2.0.0" packages_are "8 2.0.0.0"
 check_suite_is_back 1
+check "three programs closed when they were asked early" logged "Early graceful outcome: exited 3; remaining 1"
+check "Windows Search could not start by itself meanwhile" logged "Windows Search restart blocked; saved startup type 3"
+check "its way of starting was given back" logged "Windows Search startup configuration restored: 3"
+check "what was closed early came back as the user" logged "Early recovery completed as original desktop user."
 check "the main program was asked to show what is new" asked_for_whats_new
 end_suite
 scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null || true
@@ -351,7 +386,7 @@ heading "Remove Quorbel"
 run_msiexec 8-remove-2.0.0 /x "$(package 2.0.0)"
 check "the installer succeeded" succeeded
 check "the restart notice was shown" logged "Please restart when it is convenient for you."
-rm -f 'build/wine/drive_c/Program Files/Quorbel/explorer.exe' # the demo's own
+remove_shell_host
 check "nothing is left of the suite" nothing_installed
 check "nor of its registry key" suite_value_is Version ""
 printf '    %s file types carry the property handler\n' "$(types_with_our_handler)"
@@ -386,6 +421,18 @@ run_msiexec 12-remove /x "$(package 1.5.0)"
 check "the installer succeeded" succeeded
 check "nothing is left of the suite" nothing_installed
 check "Windows Search is running" search_is RUNNING
+
+heading "Install 1.5.0 on the machine that has none again, which fails at its end"
+start_shell_host
+sleep 3
+run_msiexec 13-failed-install /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
+check "the installer failed" failed_to_install
+check "the Explorer with the extension was ended" ended_with explorer.exe 1
+check "Windows' own Explorer is back" explorer_runs
+check "and the log tells so" logged "$explorer_restored"
+check "no property handler of ours is left" types_are 0
+check "the icon handler is the one of before" default_is "$icon_slot" "$foreign_handler"
+check "nor is the suite's registry key left" suite_value_is Version ""
 
 printf '\n'
 if [ "$failed" = 0 ]; then
