@@ -14,47 +14,42 @@ namespace test_support {
 struct search_behaviour {
     DWORD start_time = 0;
     DWORD stop_time = 0;
-    DWORD started_state = SERVICE_RUNNING;
-    bool never_stops = false;
-    DWORD wait_hint = 0;
-    DWORD check_point_step = 0;
     const wchar_t* watch = L"";
 };
 
 // The service, installed and stopped. Ends and removes it when the scope ends, in whatever state it is.
 class windows_search {
 public:
-    // Takes the place of one that an earlier test has left. Throws std::system_error with the service
-    // manager's code, and std::runtime_error where the machine's own Windows Search is there.
+    // Takes the place of one that an earlier test has left. Throws std::runtime_error where it cannot be
+    // installed, or the machine's own Windows Search is there.
     explicit windows_search(const search_behaviour& behaviour = {});
     ~windows_search();
 
     windows_search(const windows_search&) = delete;
     windows_search& operator=(const windows_search&) = delete;
 
-    // Starts it, waits until it is in its started state, and forgets that it was asked. Throws
-    // std::runtime_error where it does not get there within 10 seconds.
+    // Starts it, waits until it runs, and forgets that it was asked. Throws windows_error with the service
+    // manager's code, and std::runtime_error where it does not run within 10 seconds.
     void start();
 
     // From here on, nothing counts as asked before.
     void forget();
 
-    // Sends it one stop control and does not wait.
-    void ask_to_stop();
-
     [[nodiscard]] DWORD state() const;
-    [[nodiscard]] DWORD process_id() const;
 
     // How often it was asked since start() or forget() or, without these, since it was installed.
-    [[nodiscard]] DWORD stops() const;
-    [[nodiscard]] DWORD starts() const;
+    [[nodiscard]] DWORD stops() const { return asked(L"Stops"); }
+
+    [[nodiscard]] DWORD starts() const { return asked(L"Starts"); }
 
     // The first line of the watched file when it stopped or started last.
-    [[nodiscard]] std::wstring line_at_stop() const;
-    [[nodiscard]] std::wstring line_at_start() const;
+    [[nodiscard]] std::wstring line_at_stop() const { return kept(L"AtStop"); }
+
+    [[nodiscard]] std::wstring line_at_start() const { return kept(L"AtStart"); }
 
 private:
-    DWORD started_state_;
+    [[nodiscard]] static DWORD asked(const wchar_t* name);
+    [[nodiscard]] static std::wstring kept(const wchar_t* name);
 };
 
 } // namespace test_support
