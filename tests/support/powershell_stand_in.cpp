@@ -1,11 +1,11 @@
 #include "tests/support/powershell_stand_in.h"
 
+#include "custom_actions/common/system_directory.h"
 #include "package/toy_suite/powershell/packages.h"
 #include "package/toy_suite/powershell/state.h"
 #include "tests/support/child_process.h"
 #include "tests/support/installation.h"
 
-#include <array>
 #include <filesystem>
 #include <stdexcept>
 
@@ -18,9 +18,8 @@ constexpr const wchar_t* STATE = L"Software\\QuorbelStandIn\\PowerShell";
 
 std::filesystem::path system_powershell()
 {
-    std::array<wchar_t, MAX_PATH> system{};
-    GetSystemDirectoryW(system.data(), static_cast<UINT>(system.size()));
-    return std::filesystem::path{system.data()} / LR"(WindowsPowerShell\v1.0\powershell.exe)";
+    return std::filesystem::path{custom_actions::system_directory("no system directory")} /
+           LR"(WindowsPowerShell\v1.0\powershell.exe)";
 }
 
 std::filesystem::path set_aside()
@@ -55,28 +54,19 @@ powershell_stand_in::~powershell_stand_in()
 void powershell_stand_in::tell(const wchar_t* order, const std::wstring& text) const
 {
     state_key{}.write(order, text);
+    orders_.emplace_back(order);
 }
 
 void powershell_stand_in::tell(const wchar_t* order, DWORD number) const
 {
     state_key{}.write(order, number);
+    orders_.emplace_back(order);
 }
 
 void powershell_stand_in::tell_nothing() const
 {
-    for (const wchar_t* order :
-         {L"Hang",
-          L"Die",
-          L"NoLog",
-          L"EmptyLog",
-          L"PrintOut",
-          L"PrintError",
-          L"Fail",
-          L"FailAdd",
-          L"AddStatus",
-          L"KeepPackage",
-          L"TrayWaitMs"}) {
-        RegDeleteKeyValueW(HKEY_CURRENT_USER, STATE, order);
+    for (const std::wstring& order : orders_) {
+        RegDeleteKeyValueW(HKEY_CURRENT_USER, STATE, order.c_str());
     }
 }
 
@@ -100,19 +90,15 @@ TOKEN_ELEVATION_TYPE powershell_stand_in::elevation() const
     return static_cast<TOKEN_ELEVATION_TYPE>(state_key{}.number(L"ElevationType").value_or(0));
 }
 
-void powershell_stand_in::register_package(
-    const std::wstring& name,
-    const std::wstring& version,
-    const std::wstring& status,
-    const std::wstring& architecture) const
+void powershell_stand_in::register_package(const std::wstring& name, const std::wstring& version) const
 {
     const toy_powershell::package_identity identity{
         .name = name, .publisher = L"CN=Brenmoor", .version = version};
-    const state_key key{LR"(Packages\)" + full_package_name(identity, architecture)};
+    const state_key key{LR"(Packages\)" + full_package_name(identity)};
     key.write(L"Name", name);
     key.write(L"Publisher", identity.publisher);
     key.write(L"Version", version);
-    key.write(L"Status", status);
+    key.write(L"Status", L"Ok");
 }
 
 std::vector<std::wstring> powershell_stand_in::packages() const

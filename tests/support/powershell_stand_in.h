@@ -35,13 +35,8 @@ public:
     // Under which elevation the last script ran.
     [[nodiscard]] TOKEN_ELEVATION_TYPE elevation() const;
 
-    // A package of CN=Brenmoor, registered beside whatever is. It takes part in updates as our packages do
-    // where it is for their architecture.
-    void register_package(
-        const std::wstring& name,
-        const std::wstring& version,
-        const std::wstring& status = L"Ok",
-        const std::wstring& architecture = L"x64") const;
+    // A package of CN=Brenmoor, registered beside whatever is, which takes part in updates as ours do.
+    void register_package(const std::wstring& name, const std::wstring& version) const;
 
     // The registered packages in the order of their names, as in "Sorvane.Icon 1.5.0.0 Ok C:\\Suite", with
     // the place of their files.
@@ -50,6 +45,9 @@ public:
     // The open folder windows, by their addresses.
     void open_folders(const std::vector<std::wstring>& urls) const;
     [[nodiscard]] std::vector<std::wstring> folders() const;
+
+private:
+    mutable std::vector<std::wstring> orders_; // the names of those that were given
 };
 
 } // namespace test_support
