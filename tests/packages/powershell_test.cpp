@@ -2,6 +2,7 @@
 #include "custom_actions/upgrade/scripts.h"
 #include "tests/support/faults.h"
 #include "tests/support/installation.h"
+#include "tests/support/played_clock.h"
 #include "tests/support/scripted_session.h"
 #include "tests/support/upgrade_scene.h"
 
@@ -14,7 +15,6 @@
 #include <optional>
 #include <string>
 #include <tuple>
-#include <vector>
 
 namespace custom_actions {
 namespace {
@@ -26,18 +26,11 @@ using testing::ElementsAre;
 
 constexpr const char* FAILED = "User operation failed; see retained upgrade recovery logs";
 constexpr const char* TIMED_OUT = "User operation timed out; see retained upgrade recovery logs";
-constexpr UINT INFO = 0x04000000;
-
-HMODULE module_under_test()
-{
-    return GetModuleHandleW(nullptr);
-}
 
 TEST(PowerShellLiteral, doubles_single_quotes_and_nothing_else)
 {
     EXPECT_EQ(quote_powershell_literal(L""), L"''");
-    EXPECT_EQ(quote_powershell_literal(L"'"), L"''''");
-    EXPECT_EQ(quote_powershell_literal(L"`$(\"\u2018it's\u2019\"){}\n"), L"'`$(\"\u2018it''s\u2019\"){}\n'");
+    EXPECT_EQ(quote_powershell_literal(L"'`$(\"\u2018\u2019\")\n"), L"'''`$(\"\u2018\u2019\")\n'");
 }
 
 class PowerShell : public testing::Test {
@@ -50,42 +43,42 @@ protected:
         scene.emplace();
         std::filesystem::create_directories(scene->context().workspace + L"\\output");
         log = scene->context().workspace + L"\\output\\capture-folders.log";
-        starting = {INFO, L"Controlled upgrade: Starting capture-folders for " + scene->context().user_sid};
-        script = controlled_upgrade::capture_folders_script(scene->context());
+        starting = line(L"Starting capture-folders for " + scene->context().user_sid);
     }
 
     std::string run(DWORD limit = 20'000)
     {
+        const auto script = controlled_upgrade::capture_folders_script(scene->context());
         return run_powershell(session.handle(), scene->context(), script, L"capture-folders", limit);
     }
 
-    testing::Matcher<posted_message> finished(const wchar_t* code) const
+    static posted_message line(const std::wstring& text)
     {
-        return testing::AllOf(
-            testing::Field(&posted_message::type, INFO),
-            testing::Field(
-                &posted_message::text,
-                testing::AllOf(
-                    testing::StartsWith(L"Controlled upgrade: capture-folders finished in "),
-                    testing::EndsWith(std::wstring{L" ms, exit "} + code + L"; log: " + log))));
+        return {INSTALLMESSAGE_INFO, L"Controlled upgrade: " + text};
     }
 
+    posted_message finished(const wchar_t* code) const
+    {
+        return line(std::wstring{L"capture-folders finished in 0 ms, exit "} + code + L"; log: " + log);
+    }
+
+    HMODULE module = GetModuleHandleW(nullptr);
     std::optional<test_support::upgrade_scene> scene;
-    test_support::scripted_session session{module_under_test()};
+    test_support::scripted_session session{module};
+    test_support::played_clock clock{module};
     std::wstring log;
-    std::wstring script;
     posted_message starting;
 };
 
 TEST_F(PowerShell, runs_the_script_as_the_user_and_returns_its_log)
 {
     const intercepted_import<"CreateProcessAsUserW", decltype(CreateProcessAsUserW)> start{
-        module_under_test(), [](const auto&... arguments) -> std::optional<BOOL> {
+        module, [](const auto&... arguments) -> std::optional<BOOL> {
             const auto& [user, program, line, p, t, inherit, flags, environment, directory, startup, out] =
                 std::tie(arguments...);
             EXPECT_EQ(program, std::wstring{directory} + LR"(\WindowsPowerShell\v1.0\powershell.exe)");
             EXPECT_EQ(inherit, FALSE);
-            EXPECT_EQ(flags, 0x08000400U);
+            EXPECT_EQ(flags, DWORD{CREATE_NO_WINDOW | CREATE_UNICODE_ENVIRONMENT});
             EXPECT_NE(environment, nullptr);
             EXPECT_EQ(startup->lpDesktop, std::wstring{LR"(winsta0\default)"});
             return std::nullopt;
@@ -94,27 +87,17 @@ TEST_F(PowerShell, runs_the_script_as_the_user_and_returns_its_log)
     scene->powershell.tell(L"PrintOut", L"300000 capture");
     EXPECT_EQ(thrown_by([&] { output = run(); }), "");
     EXPECT_EQ(output.size(), 300'003U) << "all of it, with its byte-order mark";
-    EXPECT_EQ(std::filesystem::file_size(log), output.size());
     scene->powershell.tell_nothing();
     EXPECT_EQ(thrown_by([&] { output = run(); }), "");
     EXPECT_EQ(output, "\xEF\xBB\xBF") << "of this run alone";
-
+    EXPECT_EQ(std::filesystem::file_size(log), 3U) << "it stays";
     EXPECT_THAT(session.messages(), ElementsAre(starting, finished(L"0"), starting, finished(L"0")));
-    const std::wstring quoted = quote_powershell_literal(log);
-    EXPECT_EQ(
-        scene->powershell.scripts().back(),
-        L"$ErrorActionPreference='Stop'; $ProgressPreference='SilentlyContinue'; try { & { " + script +
-            L" } *>&1 | Out-File -LiteralPath " + quoted +
-            L" -Encoding utf8; exit 0 } catch { $_ | Out-String | Out-File -LiteralPath " + quoted +
-            L" -Encoding utf8 -Append; exit 1 }");
 }
 
-TEST_F(PowerShell, tells_what_failed)
+TEST_F(PowerShell, tells_what_failed_and_ends_a_script_that_is_over_its_time)
 {
     const auto call = [&] { run(); };
-    const char* const not_encoded = "Cannot encode user operation (13)";
-    EXPECT_EQ(THROWN_WITH(call, CryptBinaryToStringW, FALSE, {ERROR_INVALID_DATA}), not_encoded);
-    EXPECT_EQ(THROWN_WITH(call, CryptBinaryToStringW, FALSE, {ERROR_INVALID_DATA, 2}), not_encoded);
+    EXPECT_EQ(THROWN_WITH(call, CryptBinaryToStringW, FALSE, {13}), "Cannot encode user operation (13)");
     EXPECT_EQ(THROWN_WITH(call, GetSystemDirectoryW, 0, {0}), "Cannot resolve system directory");
     EXPECT_EQ(THROWN_WITH(call, CreateEnvironmentBlock, FALSE, {14}), "Cannot create user environment (14)");
     EXPECT_EQ(
@@ -127,44 +110,31 @@ TEST_F(PowerShell, tells_what_failed)
     scene->powershell.tell(L"Die", L"4294967295 capture");
     EXPECT_EQ(thrown_by(call), FAILED);
     scene->powershell.tell_nothing();
-    std::filesystem::remove(log);
     scene->powershell.tell(L"NoLog", L"capture");
+    std::filesystem::remove(log);
     EXPECT_EQ(thrown_by(call), FAILED);
+
+    const std::wstring& workspace = scene->context().workspace;
+    const posted_message over = line(
+        L"Operation timed out; AppX service work may still be pending. Retaining recovery state at " +
+        workspace);
+    const intercepted_import<"TerminateProcess", decltype(TerminateProcess)> end{
+        module, [&](HANDLE, UINT code) -> std::optional<BOOL> {
+            EXPECT_EQ(code, UINT{ERROR_TIMEOUT});
+            return std::nullopt;
+        }};
+    scene->powershell.tell_nothing();
+    scene->powershell.tell(L"Hang", L"capture");
+    EXPECT_EQ(thrown_by([&] { run(300); }), TIMED_OUT);
+    EXPECT_EQ(THROWN_WITH(call, WaitForSingleObject, WAIT_FAILED, {6}), TIMED_OUT);
+    EXPECT_EQ(test_support::end_programs(L"powershell.exe"), 0U) << "both are gone";
+    EXPECT_TRUE(std::filesystem::exists(workspace));
+    const posted_message done = finished(L"0");
+    const posted_message dead = finished(L"4294967295");
     EXPECT_THAT(
         session.messages(),
-        ElementsAre(
-            starting, starting, finished(L"0"), starting, finished(L"4294967295"), starting, finished(L"0")));
-}
-
-TEST_F(PowerShell, is_ended_when_its_time_is_over_or_cannot_be_told)
-{
-    scene->powershell.tell(L"Hang", L"capture");
-    std::vector<DWORD> calls; // the limits of its waits, and between them the code that it is ended with
-    {
-        const intercepted_import<"WaitForSingleObject", decltype(WaitForSingleObject)> wait{
-            module_under_test(), [&](HANDLE, DWORD limit) -> std::optional<DWORD> {
-                calls.push_back(limit);
-                return std::nullopt;
-            }};
-        const intercepted_import<"TerminateProcess", decltype(TerminateProcess)> end{
-            module_under_test(), [&](HANDLE, UINT code) -> std::optional<BOOL> {
-                calls.push_back(code);
-                return std::nullopt;
-            }};
-        EXPECT_EQ(thrown_by([&] { run(300); }), TIMED_OUT);
-    }
-    EXPECT_THAT(calls, ElementsAre(300U, 1460U, 5000U));
-    EXPECT_EQ(THROWN_WITH([&] { run(); }, WaitForSingleObject, WAIT_FAILED, {6}), TIMED_OUT);
-    EXPECT_EQ(test_support::end_programs(L"powershell.exe"), 0U) << "they are gone";
-    const std::wstring& workspace = scene->context().workspace;
-    const posted_message over{
-        INFO,
-        L"Controlled upgrade: Operation timed out; AppX service work may still be pending. Retaining "
-        L"recovery "
-        L"state at " +
-            workspace};
-    EXPECT_THAT(session.messages(), ElementsAre(starting, over, starting, over));
-    EXPECT_TRUE(std::filesystem::exists(workspace + L"\\output"));
+        testing::ElementsAreArray(
+            {starting, starting, done, starting, dead, starting, done, starting, over, starting, over}));
 }
 
 } // namespace

@@ -4,18 +4,6 @@
 
 namespace test_support {
 
-template <class T>
-T* pe_image::at(ULONG_PTR offset) const noexcept
-{
-    return reinterpret_cast<T*>(reinterpret_cast<ULONG_PTR>(module_) + offset);
-}
-
-template <class T>
-const T* pe_image::directory(unsigned index) const noexcept
-{
-    return at<const T>(headers_->OptionalHeader.DataDirectory[index].VirtualAddress);
-}
-
 pe_image::pe_image(HMODULE module) noexcept
     : module_{module},
       headers_{at<const IMAGE_NT_HEADERS64>(static_cast<ULONG_PTR>(at<const IMAGE_DOS_HEADER>(0)->e_lfanew))}
@@ -24,7 +12,8 @@ pe_image::pe_image(HMODULE module) noexcept
 
 std::vector<std::string> pe_image::exported_names() const
 {
-    const auto* exports = directory<IMAGE_EXPORT_DIRECTORY>(IMAGE_DIRECTORY_ENTRY_EXPORT);
+    const auto& entry = headers_->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT];
+    const auto* exports = at<const IMAGE_EXPORT_DIRECTORY>(entry.VirtualAddress);
     std::vector<std::string> names;
     for (const DWORD name : std::span{at<const DWORD>(exports->AddressOfNames), exports->NumberOfNames}) {
         names.emplace_back(at<const char>(name));
@@ -34,9 +23,9 @@ std::vector<std::string> pe_image::exported_names() const
 
 std::vector<imported_function> pe_image::imports() const
 {
+    const auto& table = headers_->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
     std::vector<imported_function> functions;
-    for (const auto* library = directory<IMAGE_IMPORT_DESCRIPTOR>(IMAGE_DIRECTORY_ENTRY_IMPORT);
-         library->Name != 0;
+    for (const auto* library = at<const IMAGE_IMPORT_DESCRIPTOR>(table.VirtualAddress); library->Name != 0;
          ++library) {
         const auto* entry = at<const IMAGE_THUNK_DATA64>(library->OriginalFirstThunk);
         auto* slot = at<ULONG_PTR>(library->FirstThunk);

@@ -28,10 +28,10 @@ public:
 
 private:
     template <class T>
-    T* at(ULONG_PTR offset) const noexcept;
-
-    template <class T>
-    const T* directory(unsigned index) const noexcept;
+    T* at(ULONG_PTR offset) const noexcept
+    {
+        return reinterpret_cast<T*>(reinterpret_cast<ULONG_PTR>(module_) + offset);
+    }
 
     HMODULE module_;
     const IMAGE_NT_HEADERS64* headers_;

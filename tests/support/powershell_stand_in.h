@@ -1,5 +1,7 @@
 #pragma once
 
+#include "package/toy_suite/powershell/state.h"
+
 #include <windows.h>
 
 #include <string>
@@ -30,7 +32,10 @@ public:
     [[nodiscard]] std::vector<std::wstring> scripts() const;
 
     // What it did not understand; empty where that was never so.
-    [[nodiscard]] std::wstring refused() const;
+    [[nodiscard]] std::wstring refused() const
+    {
+        return toy_powershell::state_key{}.text(L"Refused").value_or(L"");
+    }
 
     // Under which elevation the last script ran.
     [[nodiscard]] TOKEN_ELEVATION_TYPE elevation() const;
@@ -43,8 +48,15 @@ public:
     [[nodiscard]] std::vector<std::wstring> packages() const;
 
     // The open folder windows, by their addresses.
-    void open_folders(const std::vector<std::wstring>& urls) const;
-    [[nodiscard]] std::vector<std::wstring> folders() const;
+    void open_folders(const std::vector<std::wstring>& urls) const
+    {
+        toy_powershell::state_key{}.write(L"OpenFolders", urls);
+    }
+
+    [[nodiscard]] std::vector<std::wstring> folders() const
+    {
+        return toy_powershell::state_key{}.list(L"OpenFolders");
+    }
 
 private:
     mutable std::vector<std::wstring> orders_; // the names of those that were given
