@@ -80,7 +80,7 @@ TEST_F(PowerShell, runs_the_script_as_the_user_and_returns_its_log)
             EXPECT_EQ(inherit, FALSE);
             EXPECT_EQ(flags, DWORD{CREATE_NO_WINDOW | CREATE_UNICODE_ENVIRONMENT});
             EXPECT_NE(environment, nullptr);
-            EXPECT_EQ(startup->lpDesktop, std::wstring{LR"(winsta0\default)"});
+            EXPECT_STREQ(startup->lpDesktop, LR"(winsta0\default)");
             return std::nullopt;
         }};
     std::string output;
