@@ -6,7 +6,6 @@
 
 #include <stdexcept>
 #include <system_error>
-#include <utility>
 
 namespace test_support {
 
@@ -17,8 +16,8 @@ std::wstring built_library()
     return path + L"custom_actions.dll";
 }
 
-loaded_library::loaded_library(std::wstring path)
-    : path_{std::move(path)}, module_{LoadLibraryExW(path_.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)}
+loaded_library::loaded_library(const std::wstring& path)
+    : module_{LoadLibraryExW(path.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32)}
 {
     if (module_ == nullptr) {
         throw std::system_error{

@@ -14,7 +14,7 @@ std::wstring built_library();
 class loaded_library {
 public:
     // `path` is absolute. Throws std::system_error where the library does not load.
-    explicit loaded_library(std::wstring path = built_library());
+    explicit loaded_library(const std::wstring& path = built_library());
     ~loaded_library();
 
     loaded_library(const loaded_library&) = delete;
@@ -22,13 +22,10 @@ public:
 
     [[nodiscard]] HMODULE module() const noexcept { return module_; }
 
-    [[nodiscard]] const std::wstring& path() const noexcept { return path_; }
-
     // Calls the exported action `name`. Throws std::runtime_error where there is none.
     UINT call(const char* name, unsigned long session) const;
 
 private:
-    std::wstring path_;
     HMODULE module_;
 };
 

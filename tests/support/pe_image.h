@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <span>
 #include <string>
 #include <vector>
 
@@ -17,30 +16,25 @@ struct imported_function {
 
 class pe_image {
 public:
-    // Throws std::runtime_error where `module` is not a loaded 64-bit image.
-    explicit pe_image(HMODULE module);
+    // `module` is a loaded 64-bit image.
+    explicit pe_image(HMODULE module) noexcept;
 
     [[nodiscard]] const IMAGE_NT_HEADERS64& headers() const noexcept { return *headers_; }
 
-    [[nodiscard]] std::span<const IMAGE_SECTION_HEADER> sections() const noexcept;
-
-    // In the order of the export name table, which is alphabetical.
+    // In the order of the export name table, which is alphabetical. The image has one.
     [[nodiscard]] std::vector<std::string> exported_names() const;
-
-    // How many entries the export address table has, named or not.
-    [[nodiscard]] DWORD export_count() const noexcept;
 
     [[nodiscard]] std::vector<imported_function> imports() const;
 
 private:
     template <class T>
-    T* at(ULONG_PTR offset) const noexcept;
-
-    template <class T>
-    const T* directory(unsigned index) const noexcept;
+    T* at(ULONG_PTR offset) const noexcept
+    {
+        return reinterpret_cast<T*>(reinterpret_cast<ULONG_PTR>(module_) + offset);
+    }
 
     HMODULE module_;
-    const IMAGE_NT_HEADERS64* headers_ = nullptr;
+    const IMAGE_NT_HEADERS64* headers_;
 };
 
 } // namespace test_support

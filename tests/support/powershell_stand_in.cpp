@@ -1,29 +1,28 @@
 #include "tests/support/powershell_stand_in.h"
 
+#include "custom_actions/common/system_directory.h"
 #include "package/toy_suite/powershell/packages.h"
-#include "package/toy_suite/powershell/state.h"
 #include "tests/support/child_process.h"
 #include "tests/support/installation.h"
 
-#include <array>
 #include <filesystem>
 #include <stdexcept>
 
 namespace test_support {
 namespace {
 
+namespace fs = std::filesystem;
 using toy_powershell::state_key;
 
 constexpr const wchar_t* STATE = L"Software\\QuorbelStandIn\\PowerShell";
 
-std::filesystem::path system_powershell()
+fs::path system_powershell()
 {
-    std::array<wchar_t, MAX_PATH> system{};
-    GetSystemDirectoryW(system.data(), static_cast<UINT>(system.size()));
-    return std::filesystem::path{system.data()} / LR"(WindowsPowerShell\v1.0\powershell.exe)";
+    return fs::path{custom_actions::system_directory("no system directory")} /
+           LR"(WindowsPowerShell\v1.0\powershell.exe)";
 }
 
-std::filesystem::path set_aside()
+fs::path set_aside()
 {
     return system_powershell().replace_extension(L".set_aside");
 }
@@ -36,47 +35,38 @@ powershell_stand_in::powershell_stand_in()
         throw std::runtime_error{"takes PowerShell's place: set DISPOSABLE_MACHINE where that may be"};
     }
     RegDeleteTreeW(HKEY_CURRENT_USER, STATE);
-    if (!std::filesystem::exists(set_aside())) { // a process that was ended may have left it there
-        std::filesystem::rename(system_powershell(), set_aside());
+    if (!fs::exists(set_aside())) { // a process that was ended may have left it there
+        fs::rename(system_powershell(), set_aside());
     }
-    std::filesystem::copy_file(
-        std::filesystem::path{this_program()}.parent_path() / L"toy_powershell.exe",
+    fs::copy_file(
+        fs::path{this_program()}.parent_path() / L"toy_powershell.exe",
         system_powershell(),
-        std::filesystem::copy_options::overwrite_existing);
+        fs::copy_options::overwrite_existing);
 }
 
 powershell_stand_in::~powershell_stand_in()
 {
     std::error_code ignored; // the next one finds it set aside
-    std::filesystem::rename(set_aside(), system_powershell(), ignored);
+    fs::rename(set_aside(), system_powershell(), ignored);
     RegDeleteTreeW(HKEY_CURRENT_USER, STATE);
 }
 
 void powershell_stand_in::tell(const wchar_t* order, const std::wstring& text) const
 {
     state_key{}.write(order, text);
+    orders_.emplace_back(order);
 }
 
 void powershell_stand_in::tell(const wchar_t* order, DWORD number) const
 {
     state_key{}.write(order, number);
+    orders_.emplace_back(order);
 }
 
 void powershell_stand_in::tell_nothing() const
 {
-    for (const wchar_t* order :
-         {L"Hang",
-          L"Die",
-          L"NoLog",
-          L"EmptyLog",
-          L"PrintOut",
-          L"PrintError",
-          L"Fail",
-          L"FailAdd",
-          L"AddStatus",
-          L"KeepPackage",
-          L"TrayWaitMs"}) {
-        RegDeleteKeyValueW(HKEY_CURRENT_USER, STATE, order);
+    for (const std::wstring& order : orders_) {
+        RegDeleteKeyValueW(HKEY_CURRENT_USER, STATE, order.c_str());
     }
 }
 
@@ -90,29 +80,20 @@ std::vector<std::wstring> powershell_stand_in::scripts() const
     return given;
 }
 
-std::wstring powershell_stand_in::refused() const
-{
-    return state_key{}.text(L"Refused").value_or(L"");
-}
-
 TOKEN_ELEVATION_TYPE powershell_stand_in::elevation() const
 {
     return static_cast<TOKEN_ELEVATION_TYPE>(state_key{}.number(L"ElevationType").value_or(0));
 }
 
-void powershell_stand_in::register_package(
-    const std::wstring& name,
-    const std::wstring& version,
-    const std::wstring& status,
-    const std::wstring& architecture) const
+void powershell_stand_in::register_package(const std::wstring& name, const std::wstring& version) const
 {
     const toy_powershell::package_identity identity{
         .name = name, .publisher = L"CN=Brenmoor", .version = version};
-    const state_key key{LR"(Packages\)" + full_package_name(identity, architecture)};
+    const state_key key{LR"(Packages\)" + full_package_name(identity)};
     key.write(L"Name", name);
     key.write(L"Publisher", identity.publisher);
     key.write(L"Version", version);
-    key.write(L"Status", status);
+    key.write(L"Status", L"Ok");
 }
 
 std::vector<std::wstring> powershell_stand_in::packages() const
@@ -126,16 +107,6 @@ std::vector<std::wstring> powershell_stand_in::packages() const
         }
     }
     return told;
-}
-
-void powershell_stand_in::open_folders(const std::vector<std::wstring>& urls) const
-{
-    state_key{}.write(L"OpenFolders", urls);
-}
-
-std::vector<std::wstring> powershell_stand_in::folders() const
-{
-    return state_key{}.list(L"OpenFolders");
 }
 
 } // namespace test_support

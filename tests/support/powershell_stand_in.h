@@ -1,5 +1,7 @@
 #pragma once
 
+#include "package/toy_suite/powershell/state.h"
+
 #include <windows.h>
 
 #include <string>
@@ -30,26 +32,34 @@ public:
     [[nodiscard]] std::vector<std::wstring> scripts() const;
 
     // What it did not understand; empty where that was never so.
-    [[nodiscard]] std::wstring refused() const;
+    [[nodiscard]] std::wstring refused() const
+    {
+        return toy_powershell::state_key{}.text(L"Refused").value_or(L"");
+    }
 
     // Under which elevation the last script ran.
     [[nodiscard]] TOKEN_ELEVATION_TYPE elevation() const;
 
-    // A package of CN=Brenmoor, registered beside whatever is. It takes part in updates as our packages do
-    // where it is for their architecture.
-    void register_package(
-        const std::wstring& name,
-        const std::wstring& version,
-        const std::wstring& status = L"Ok",
-        const std::wstring& architecture = L"x64") const;
+    // A package of CN=Brenmoor, registered beside whatever is, which takes part in updates as ours do.
+    void register_package(const std::wstring& name, const std::wstring& version) const;
 
     // The registered packages in the order of their names, as in "Sorvane.Icon 1.5.0.0 Ok C:\\Suite", with
     // the place of their files.
     [[nodiscard]] std::vector<std::wstring> packages() const;
 
     // The open folder windows, by their addresses.
-    void open_folders(const std::vector<std::wstring>& urls) const;
-    [[nodiscard]] std::vector<std::wstring> folders() const;
+    void open_folders(const std::vector<std::wstring>& urls) const
+    {
+        toy_powershell::state_key{}.write(L"OpenFolders", urls);
+    }
+
+    [[nodiscard]] std::vector<std::wstring> folders() const
+    {
+        return toy_powershell::state_key{}.list(L"OpenFolders");
+    }
+
+private:
+    mutable std::vector<std::wstring> orders_; // the names of those that were given
 };
 
 } // namespace test_support
