@@ -3,14 +3,10 @@
 // and stops at once.
 //   StartTime     how long starting takes, in milliseconds
 //   StopTime      how long stopping takes
-//   StartedState  the state it then is in (4, running): 1 ends it, which is a start refused; 2 stays pending;
-//   7 is paused NeverStops    1: it stays stop pending WaitHint      what it hints at while it starts or
-//   stops, in milliseconds CheckPointStep
-//                 after how many milliseconds it raises its check point meanwhile; 0 is never
 //   Watch         a file, whose first line it keeps when it starts and when it stops
 // The values of the key Asked, beside that, tell what was asked of it: the numbers Starts and Stops, and the
-// lines AtStart and AtStop of the watched file. The event Global\toy-search-end ends it, whatever it is told
-// and in whatever state it is.
+// lines AtStart and AtStop of the watched file. The event Global\toy-search-end ends it, in whatever state it
+// is.
 
 #include <windows.h>
 
@@ -61,11 +57,6 @@ void keep_watched_line(const wchar_t* name)
         static_cast<DWORD>((kept.size() + 1) * sizeof(wchar_t)));
 }
 
-bool is_pending(DWORD state)
-{
-    return state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING;
-}
-
 class toy_service {
 public:
     toy_service()
@@ -91,7 +82,7 @@ private:
         switch (control) {
         case SERVICE_CONTROL_STOP:
             count_one(L"Stops");
-            service.report(SERVICE_STOP_PENDING, 1);
+            service.report(SERVICE_STOP_PENDING);
             SetEvent(service.stop_asked_);
             return NO_ERROR;
         case SERVICE_CONTROL_INTERROGATE:
@@ -101,59 +92,37 @@ private:
         }
     }
 
-    void report(DWORD state, DWORD check_point = 0)
+    void report(DWORD state)
     {
         SERVICE_STATUS status{};
         status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
         status.dwCurrentState = state;
-        status.dwControlsAccepted = is_pending(state) ? 0 : SERVICE_ACCEPT_STOP;
-        status.dwCheckPoint = check_point;
-        status.dwWaitHint = is_pending(state) ? read_number(TOLD, L"WaitHint", 0) : 0;
+        status.dwControlsAccepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0;
         SetServiceStatus(reporting_, &status);
     }
 
-    // Whether the end was asked for before so many milliseconds are over.
-    bool end_comes_within(DWORD milliseconds)
+    // Waits for as long as it is told; false where the end was asked for.
+    bool pass_time(const wchar_t* told)
     {
-        return WaitForSingleObject(end_asked_, milliseconds) == WAIT_OBJECT_0;
-    }
-
-    // Raises the check point of the state that was reported with the check point 1, for `milliseconds`; false
-    // where the end was asked for.
-    bool pass_time(DWORD pending_state, DWORD milliseconds)
-    {
-        const DWORD step = read_number(TOLD, L"CheckPointStep", 0);
-        for (DWORD check_point = 2; step != 0 && milliseconds > step; ++check_point) {
-            if (end_comes_within(step)) {
-                return false;
-            }
-            milliseconds -= step;
-            report(pending_state, check_point);
-        }
-        return !end_comes_within(milliseconds);
+        return WaitForSingleObject(end_asked_, read_number(TOLD, told, 0)) == WAIT_TIMEOUT;
     }
 
     bool start()
     {
-        report(SERVICE_START_PENDING, 1);
+        report(SERVICE_START_PENDING);
         count_one(L"Starts");
         keep_watched_line(L"AtStart");
-        if (!pass_time(SERVICE_START_PENDING, read_number(TOLD, L"StartTime", 0))) {
+        if (!pass_time(L"StartTime")) {
             return false;
         }
-        const DWORD started = read_number(TOLD, L"StartedState", SERVICE_RUNNING);
-        report(started, is_pending(started) ? 2 : 0);
-        return started != SERVICE_STOPPED;
+        report(SERVICE_RUNNING);
+        return true;
     }
 
     void stop()
     {
-        if (!pass_time(SERVICE_STOP_PENDING, read_number(TOLD, L"StopTime", 0))) {
-            return;
-        }
-        keep_watched_line(L"AtStop");
-        if (read_number(TOLD, L"NeverStops", 0) != 0) {
-            WaitForSingleObject(end_asked_, INFINITE);
+        if (pass_time(L"StopTime")) {
+            keep_watched_line(L"AtStop");
         }
     }
 

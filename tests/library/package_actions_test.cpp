@@ -85,6 +85,9 @@ TEST_F(PackageActions, register_a_package_with_its_own_folder_and_remove_it)
     EXPECT_THAT(scene->powershell.packages(), ElementsAre(other, L"Sorvane.Icon 2.0.0.0 Ok " + folder));
 
     scene->powershell.register_package(L"Sorvane.Icon", L"1.4.0.0");
+    scene->powershell.tell(L"KeepPackage", L"Sorvane.Icon_1");
+    EXPECT_EQ(uninstall(L"Sorvane.Icon"), 1603U) << "one is left";
+    scene->powershell.tell_nothing();
     EXPECT_EQ(uninstall(L"Sorvane.Icon"), 0U);
     EXPECT_THAT(lines, ElementsAre(UNINSTALL_STARTS, L"MSIX fullpath: Sorvane.Icon", testing::_, ENDED_WELL));
     EXPECT_THAT(scene->powershell.packages(), ElementsAre(other)) << "every version is removed";

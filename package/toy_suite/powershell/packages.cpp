@@ -116,7 +116,7 @@ void add_package(const std::wstring& path, const std::wstring& external_location
     key.write(L"Name", identity.name);
     key.write(L"Publisher", identity.publisher);
     key.write(L"Version", identity.version);
-    key.write(L"Status", order_argument(L"AddStatus", path).value_or(L"Ok"));
+    key.write(L"Status", std::wstring{L"Ok"});
     key.write(L"ExternalLocation", external_location);
     key.write(L"Path", path);
 }

@@ -46,7 +46,6 @@ private:
 //   PrintError BYTES TEXT   the same on standard error (or into the log, where there is one)
 //   Fail       TEXT         the script then fails
 //   FailAdd    TEXT         Add-AppxPackage fails for this path
-//   AddStatus  STATUS TEXT  Add-AppxPackage of this path leaves a package with this status
 //   LoseStart  TEXT         Start-Process of this program succeeds, and nothing is started
 //   KeepPackage TEXT        Remove-AppxPackage does nothing to this package
 //
