@@ -14,7 +14,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <psapi.h>
 #include <sddl.h>
 
 #include <filesystem>
@@ -169,7 +168,7 @@ TEST_F(UpgradePhases, save_and_stop_whatever_the_files_or_the_user_need)
     EXPECT_FALSE(elsewhere.exit_code()) << "not from the suite's folder";
     EXPECT_EQ(search.state(), DWORD{SERVICE_STOPPED});
     EXPECT_EQ(read_search_start_type(), DWORD{SERVICE_DISABLED});
-    EXPECT_TRUE(guard_is_live());
+    EXPECT_EQ(run(begin), "Another controlled upgrade is active");
 }
 
 TEST_F(UpgradePhases, know_for_certain_what_they_stop)
@@ -184,8 +183,6 @@ TEST_F(UpgradePhases, know_for_certain_what_they_stop)
     EXPECT_THAT(found, ElementsAre(host.id())) << "a little later";
     EXPECT_EQ(THROWN_WITH(ask, OpenProcess, nullptr, {ERROR_ACCESS_DENIED}), "");
     EXPECT_THAT(found, ElementsAre(program.id(), host.id())) << "its owner may look at it";
-    EXPECT_EQ(THROWN_WITH(ask, QueryFullProcessImageNameW, FALSE, {ERROR_GEN_FAILURE}), "");
-    EXPECT_THAT(found, ElementsAre(program.id(), host.id())) << "its first module tells as well";
     EXPECT_EQ(
         THROWN_WITH(ask, OpenProcess, nullptr, {ERROR_ACCESS_DENIED, 1, 2}),
         "Cannot identify original QBL image location (5)");
@@ -227,10 +224,6 @@ TEST_F(UpgradePhases, change_nothing_that_runs_where_the_beginning_fails)
         EXPECT_FALSE(guard_is_live()) << message;
         std::filesystem::remove_all(upgrade.workspace);
     };
-    upgrade_guard(true);
-    const std::string refused = run(begin);
-    upgrade_guard(false);
-    expect_untouched(refused, "Another controlled upgrade is active");
     upgrade.user_sid += L'1';
     expect_untouched(run(begin), "Interactive user changed during upgrade");
     upgrade = scene->context();
@@ -238,12 +231,10 @@ TEST_F(UpgradePhases, change_nothing_that_runs_where_the_beginning_fails)
         THROWN_WITH(run_begin, ProcessIdToSessionId, TRUE, {ERROR_SUCCESS, 1, 0}),
         "QBL is running in another session; close it there before upgrading");
     expect_untouched(
-        THROWN_WITH(run_begin, CopyFileW, FALSE, {ERROR_DISK_FULL, 8}),
+        THROWN_WITH(run_begin, CopyFileW, FALSE, {ERROR_DISK_FULL}),
         "Cannot back up installed package before upgrade (112)");
-    scene->powershell.tell(L"EmptyLog", L"capture-3");
+    scene->powershell.tell(L"EmptyLog", L"capture-0");
     expect_untouched(run(begin), "Cannot capture original package registration");
-    scene->powershell.tell(L"Fail", L"capture-folders");
-    expect_untouched(run(begin), FAILED_SCRIPT);
     expect_untouched( // without an error, and nothing written
         THROWN_WITH(run_begin, WriteFile, TRUE, {ERROR_DISK_FULL}),
         "Cannot persist upgrade recovery state (112)");
@@ -256,7 +247,6 @@ TEST_F(UpgradePhases, change_nothing_that_runs_where_the_beginning_fails)
     EXPECT_EQ(run(begin), "");
     EXPECT_THAT(
         scene->markers(), ElementsAre("backup-complete", "registered-0", "registered-5", "shutdown-started"));
-    EXPECT_EQ(run(begin), "Another controlled upgrade is active");
     EXPECT_EQ(run(rollback), "");
     EXPECT_EQ(lines().back(), L"Windows Search is not installed on this system; nothing to restore.");
     EXPECT_EQ(run(begin), "Cannot create unique recovery directory (183)") << "it stays";
