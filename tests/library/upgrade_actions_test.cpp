@@ -61,7 +61,11 @@ protected:
         return posted;
     }
 
-    std::wstring refusal() { return run("prepare_controlled_upgrade", 1603).back(); }
+    std::wstring refusal()
+    {
+        const auto posted = run("prepare_controlled_upgrade", 1603);
+        return posted.empty() ? L"" : posted.back();
+    }
 
     std::vector<std::wstring> close(UINT code = 1603) { return run("early_close_upgrade", code); }
 

@@ -50,7 +50,7 @@ TEST(Context, is_read_from_its_data_and_nothing_else)
         {folder, L"1", L"nobody", guid, "Invalid upgrade user SID (1337)"},
         {folder, L"1", sid, L"", invalid},
         {folder, L"1", sid, L"0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0", invalid},
-        {folder, L"1", sid, L"{0F1E2D3C-4B5A-6978-8796-a5b4c3d2e1f0}0", invalid},
+        {folder, L"1", sid, L"{0F1E2D3C-4B5A-6978-8796-a5b4c3d2e1f0}|", invalid},
         {folder, L"1", sid, LR"(..\..\..\..\..\..\..\..\..\..\..\Suite)", invalid},
     };
 
