@@ -2,50 +2,24 @@
 
 #include "custom_actions/common/registry_key.h"
 #include "tests/support/child_process.h"
+#include "tests/support/installation.h"
 #include "tests/support/registry_sandbox.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <filesystem>
-#include <sstream>
 #include <stdexcept>
 
 namespace test_support {
 namespace {
 
-using custom_actions::registry_key;
-using custom_actions::registry_value;
-
-constexpr const wchar_t* STATE = L"Software\\QuorbelStandIn\\TaskScheduler";
-constexpr DWORD LIMIT = 1024 * 1024;
-
-registry_key state_key()
-{
-    registry_key key;
-    if (key.create(HKEY_CURRENT_USER, std::wstring{STATE}, custom_actions::KEY_READ_WRITE) != ERROR_SUCCESS) {
-        throw std::runtime_error{"the state of the scheduler's stand-in cannot be opened"};
-    }
-    return key;
-}
+const std::wstring STATE = L"Software\\QuorbelStandIn\\TaskScheduler";
 
 void tell(const wchar_t* name, DWORD number)
 {
-    RegSetValueExW(
-        state_key().get(), name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number), sizeof number);
-}
-
-std::vector<std::wstring> lines_of(const wchar_t* name)
-{
-    registry_value value;
-    state_key().read(name, LIMIT, value);
-    std::wistringstream text{value.wide_text().value_or(L"")};
-    std::vector<std::wstring> lines;
-    for (std::wstring line; std::getline(text, line);) {
-        lines.push_back(line);
-    }
-    return lines;
+    plant_value(
+        HKEY_CURRENT_USER, STATE, name, {reinterpret_cast<const char*>(&number), sizeof number}, REG_DWORD);
 }
 
 HRESULT call_export(HMODULE library, const char* name)
@@ -69,17 +43,16 @@ scheduler_stand_in::scheduler_stand_in()
 
 scheduler_stand_in::~scheduler_stand_in()
 {
-    EXPECT_THAT(unexpected(), testing::IsEmpty());
+    EXPECT_EQ(planted_value(HKEY_CURRENT_USER, STATE, L"Unexpected"), std::nullopt) << "calls";
     EXPECT_EQ(objects(), 0U);
     clear();
     call_export(library_, "DllUnregisterServer");
     FreeLibrary(library_);
 }
 
-void scheduler_stand_in::fail(const std::wstring& call, HRESULT code)
+void scheduler_stand_in::fail(const std::wstring& call)
 {
-    state_key().write_text(L"Fail", call);
-    tell(L"FailWith", static_cast<DWORD>(code));
+    plant_value(HKEY_CURRENT_USER, STATE, L"Fail", registry_text(call));
 }
 
 void scheduler_stand_in::stay_in(DWORD state)
@@ -94,56 +67,39 @@ void scheduler_stand_in::end_with(HRESULT result)
 
 void scheduler_stand_in::clear()
 {
-    RegDeleteTreeW(HKEY_CURRENT_USER, STATE);
+    RegDeleteTreeW(HKEY_CURRENT_USER, STATE.c_str());
 }
 
-void scheduler_stand_in::register_task(const std::wstring& name, const properties& task)
+void scheduler_stand_in::register_task(const std::wstring& name)
 {
-    for (const auto& [property, value] : task) {
-        plant_value(
-            HKEY_CURRENT_USER,
-            std::wstring{STATE} + L"\\Tasks\\" + name,
-            property.c_str(),
-            registry_text(value));
-    }
+    plant_value(HKEY_CURRENT_USER, STATE + L"\\Tasks\\" + name, L"Path", registry_text(L"none.exe"));
 }
 
 std::map<std::wstring, scheduler_stand_in::properties> scheduler_stand_in::tasks() const
 {
     std::map<std::wstring, properties> found;
-    registry_key all;
-    all.open(HKEY_CURRENT_USER, std::wstring{STATE} + L"\\Tasks", KEY_READ);
+    custom_actions::registry_key all;
+    all.open(HKEY_CURRENT_USER, STATE + L"\\Tasks", KEY_READ);
     std::wstring name;
     for (DWORD index = 0; all.get() != nullptr && all.enumerate_subkey(index, name) == ERROR_SUCCESS;
          ++index) {
-        registry_key task;
+        custom_actions::registry_key task;
         task.open(all.get(), name, KEY_READ);
         std::wstring property;
         for (DWORD i = 0; task.enumerate_value_name(i, property) == ERROR_SUCCESS; ++i) {
-            registry_value value;
-            task.read(property.c_str(), LIMIT, value);
+            custom_actions::registry_value value;
+            task.read(property.c_str(), 65536, value);
             found[name][property] = value.wide_text().value_or(L"");
         }
     }
     return found;
 }
 
-std::vector<std::wstring> scheduler_stand_in::calls() const
-{
-    return lines_of(L"Calls");
-}
-
-std::vector<std::wstring> scheduler_stand_in::unexpected() const
-{
-    return lines_of(L"Unexpected");
-}
-
 DWORD scheduler_stand_in::objects() const
 {
-    registry_value value;
-    state_key().read(L"Objects", sizeof(DWORD), value);
+    const std::string bytes = planted_value(HKEY_CURRENT_USER, STATE, L"Objects").value_or("");
     DWORD count = 0;
-    std::memcpy(&count, value.data.data(), value.data.size());
+    std::memcpy(&count, bytes.data(), bytes.size());
     return count;
 }
 

@@ -1,13 +1,9 @@
 #pragma once
 
-#include "tests/support/installation.h"
-
 #include <windows.h>
 
 #include <map>
-#include <optional>
 #include <string>
-#include <vector>
 
 namespace test_support {
 
@@ -24,27 +20,23 @@ public:
     scheduler_stand_in& operator=(const scheduler_stand_in&) = delete;
 
     // From here on this call ("IRegisteredTask::Run", "IClassFactory::CreateInstance" for the service object)
-    // fails; an empty name for none.
-    void fail(const std::wstring& call, HRESULT code = E_ACCESSDENIED);
+    // fails.
+    void fail(const std::wstring& call);
 
     // From here on a run starts nothing: it stays in this state, or it has ended with this result.
     void stay_in(DWORD state);
     void end_with(HRESULT result);
 
-    // Forgets the tasks, the calls and what it was told.
+    // Forgets the tasks and what it was told.
     void clear();
+
+    // Puts a task of no program there.
+    void register_task(const std::wstring& name);
 
     using properties = std::map<std::wstring, std::wstring>;
 
-    // Puts a task there.
-    void register_task(const std::wstring& name, const properties& task);
-
     // The registered tasks by name, with their properties as text: "Path", "Arguments", "UserId", ...
     [[nodiscard]] std::map<std::wstring, properties> tasks() const;
-
-    // The calls that it knows, in order, and those that it does not.
-    [[nodiscard]] std::vector<std::wstring> calls() const;
-    [[nodiscard]] std::vector<std::wstring> unexpected() const;
 
     // How many of its objects live in the process that used it last.
     [[nodiscard]] DWORD objects() const;

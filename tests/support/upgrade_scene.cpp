@@ -1,10 +1,9 @@
 #include "tests/support/upgrade_scene.h"
 
+#include "custom_actions/common/guid.h"
 #include "custom_actions/processes/token.h"
 #include "custom_actions/upgrade/maintenance_key.h"
 #include "tests/support/child_process.h"
-
-#include <objbase.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -14,7 +13,6 @@ namespace test_support {
 namespace {
 
 namespace fs = std::filesystem;
-using custom_actions::kernel_handle;
 
 constexpr const wchar_t* PROGRAMS[]{
     L"Quorbel.exe",
@@ -43,14 +41,11 @@ std::wstring new_upgrade_data(const std::wstring& product_directory)
 {
     DWORD session = 0;
     ProcessIdToSessionId(GetCurrentProcessId(), &session);
-    kernel_handle token;
-    OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put());
-    GUID guid{};
-    wchar_t transaction[40];
-    CoCreateGuid(&guid);
-    StringFromGUID2(guid, transaction, 40);
     return custom_actions::controlled_upgrade::format_context(
-        product_directory, session, custom_actions::token_user_sid(token.get()), transaction);
+        product_directory,
+        session,
+        custom_actions::token_user_sid(GetCurrentProcessToken()),
+        custom_actions::new_guid("no transaction", "no transaction"));
 }
 
 upgrade_scene::upgrade_scene()
