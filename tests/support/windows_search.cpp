@@ -23,7 +23,7 @@ using custom_actions::query_search_state;
 using custom_actions::service_handle;
 using custom_actions::throw_last_error;
 
-constexpr const wchar_t* PROGRAM = L"toy_service.exe";
+constexpr std::wstring_view PROGRAM = L"toy_service.exe";
 const std::wstring KEY = LR"(SYSTEM\CurrentControlSet\Services\WSearch)";
 
 // Not with Sleep, on which a test may play.
@@ -37,14 +37,6 @@ void wait_until(const std::function<bool()>& reached)
     }
 }
 
-// A text below the service's key; "" where there is none.
-std::wstring text_of(const wchar_t* subkey, const wchar_t* name)
-{
-    const std::string bytes =
-        planted_value(HKEY_LOCAL_MACHINE, KEY + subkey, name).value_or(std::string(2, 0));
-    return reinterpret_cast<const wchar_t*>(bytes.data());
-}
-
 void tell(const wchar_t* name, DWORD value)
 {
     const std::string_view bytes{reinterpret_cast<const char*>(&value), sizeof value};
@@ -55,7 +47,10 @@ void tell(const wchar_t* name, DWORD value)
 void remove_service()
 {
     if (const service_handle service = open_search_service(SERVICE_ALL_ACCESS)) {
-        if (text_of(L"", L"ImagePath").find(PROGRAM) == std::wstring::npos) {
+        const std::string bytes = planted_value(HKEY_LOCAL_MACHINE, KEY, L"ImagePath").value_or("");
+        const std::wstring_view path{
+            reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / sizeof(wchar_t)};
+        if (path.find(PROGRAM) == std::wstring_view::npos) {
             throw std::runtime_error{"this machine has a Windows Search of its own"};
         }
         const custom_actions::kernel_handle end{
@@ -71,7 +66,7 @@ void remove_service()
 
 } // namespace
 
-windows_search::windows_search(const search_behaviour& behaviour)
+windows_search::windows_search()
 {
     remove_service();
     const auto program = std::filesystem::path{this_program()}.parent_path() / PROGRAM;
@@ -81,9 +76,8 @@ windows_search::windows_search(const search_behaviour& behaviour)
     if (made.exit_code != 0) {
         throw std::runtime_error{"the toy service cannot be installed: " + made.output};
     }
-    tell(L"StartTime", behaviour.start_time);
-    tell(L"StopTime", behaviour.stop_time);
-    plant_value(HKEY_LOCAL_MACHINE, KEY + L"\\Toy", L"Watch", registry_text(behaviour.watch));
+    tell(L"StartTime", 50);
+    tell(L"StopTime", 50);
 }
 
 windows_search::~windows_search()
@@ -104,11 +98,6 @@ void windows_search::start()
         throw_last_error("StartServiceW");
     }
     wait_until([&] { return starts() != 0 && state() == SERVICE_RUNNING; });
-    forget();
-}
-
-void windows_search::forget()
-{
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, (KEY + L"\\Asked").c_str());
 }
 
@@ -117,15 +106,10 @@ DWORD windows_search::state() const
     return query_search_state(open_search_service(SERVICE_QUERY_STATUS).get());
 }
 
-DWORD windows_search::asked(const wchar_t* name)
+DWORD windows_search::starts() const
 {
-    const auto count = planted_value(HKEY_LOCAL_MACHINE, KEY + L"\\Asked", name);
+    const auto count = planted_value(HKEY_LOCAL_MACHINE, KEY + L"\\Asked", L"Starts");
     return count ? *reinterpret_cast<const DWORD*>(count->data()) : 0;
-}
-
-std::wstring windows_search::kept(const wchar_t* name)
-{
-    return text_of(L"\\Asked", name);
 }
 
 } // namespace test_support
