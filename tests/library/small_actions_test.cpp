@@ -1,6 +1,7 @@
-// check_upgrade_type and notify_restart_recommended, called in the built library.
+// The actions that only look and tell, called in the built library.
 
 #include "tests/support/loaded_library.h"
+#include "tests/support/registry_sandbox.h"
 #include "tests/support/scripted_session.h"
 
 #include <gtest/gtest.h>
@@ -10,15 +11,17 @@
 namespace test_support {
 namespace {
 
-TEST(VersionActions, tell_a_minor_upgrade_by_the_first_two_numbers)
-{
-    const loaded_library library;
+class SmallActions : public testing::Test {
+protected:
+    loaded_library library;
     scripted_session session{library.module()};
-    const std::wstring fits = L"1.4.2." + std::wstring(55, L'0') + L"12"; // 63 characters
+};
 
+TEST_F(SmallActions, tell_a_minor_upgrade_by_the_first_two_numbers)
+{
     struct {
-        std::wstring offered;
-        std::wstring installed;
+        const wchar_t* offered;
+        const wchar_t* installed;
         const wchar_t* versions;
         bool is_minor;
     } const cases[]{
@@ -29,7 +32,6 @@ TEST(VersionActions, tell_a_minor_upgrade_by_the_first_two_numbers)
         {L"0.1.20", L"", L"New: 0.1.20.0 Old: 0.1.16.0", true},
         {L"", L"v1.2", L"New: 0.0.0.0 Old: 0.0.0.0", true},
         {L"-1.4 beta", L"1.x.2.3", L"New: -1.4.0.0 Old: 1.0.0.0", false},
-        {fits, fits + L"345", L"New: 1.4.2.12 Old: 1.4.2.12", true},
     };
 
     for (const auto& [offered, installed, versions, is_minor] : cases) {
@@ -44,15 +46,44 @@ TEST(VersionActions, tell_a_minor_upgrade_by_the_first_two_numbers)
     }
 }
 
-TEST(VersionActions, show_the_restart_notice)
+TEST_F(SmallActions, show_the_restart_notice)
 {
-    const loaded_library library;
-    const scripted_session session{library.module()};
     EXPECT_EQ(library.call("notify_restart_recommended", session.handle()), 0U);
     EXPECT_EQ(
         session.messages().back(),
         (posted_message{
             0x03000040, L"Quorbel has been removed.\n\nPlease restart when it is convenient for you."}));
+}
+
+TEST_F(SmallActions, tell_the_state_of_smart_app_control)
+{
+    const registry_sandbox machine{HKEY_LOCAL_MACHINE};
+    const auto told = [&](unsigned char state, DWORD type) {
+        plant_value(
+            HKEY_LOCAL_MACHINE,
+            LR"(SYSTEM\CurrentControlSet\Control\CI\Policy)",
+            L"VerifiedAndReputablePolicyState",
+            std::string{static_cast<char>(state), '\0', '\0', '\0'},
+            type);
+        EXPECT_EQ(library.call("log_app_control_state", session.handle()), 0U);
+        return session.messages().back().text;
+    };
+    const wchar_t* const descriptions[]{
+        L"off",
+        L"ON and enforcing - binaries without Microsoft reputation are blocked from loading",
+        L"evaluation mode - blocks are audited, not enforced",
+        L"unrecognised state"};
+    for (unsigned char state = 0; state != 4; ++state) {
+        EXPECT_EQ(
+            told(state, REG_DWORD),
+            std::wstring{L"Smart App Control: "} + descriptions[state] +
+                L" (VerifiedAndReputablePolicyState=" + std::to_wstring(state) +
+                L", RegGetValueW returned 0).");
+    }
+    EXPECT_EQ(
+        told(1, REG_BINARY),
+        L"Smart App Control: not reported by this Windows build (VerifiedAndReputablePolicyState=absent, "
+        L"RegGetValueW returned 1630).");
 }
 
 } // namespace
