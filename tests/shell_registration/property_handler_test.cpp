@@ -53,30 +53,16 @@ protected:
         return testing::internal::GetCapturedStdout();
     }
 
-    std::optional<LSTATUS> answer(const char* name, REGSAM access)
-    {
-        const bool refuses =
-            std::ranges::find(refused, std::pair{std::string{name}, access}) != refused.end();
-        return refuses ? std::optional{refusal} : std::nullopt;
-    }
-
-    // Keys that cannot be had with this access, values (0) that cannot be written, keys (0) that cannot be
-    // deleted.
-    std::vector<std::pair<std::string, REGSAM>> refused;
+    std::vector<std::pair<std::string, REGSAM>> refused; // keys that cannot be opened with this access
     LSTATUS refusal = ERROR_ACCESS_DENIED;
     registry_sandbox machine{HKEY_LOCAL_MACHINE};
     scripted_session session{GetModuleHandleW(nullptr)};
-    HMODULE program = GetModuleHandleW(nullptr);
     intercepted_import<"RegOpenKeyExA", decltype(RegOpenKeyExA)> opens{
-        program, [this](HKEY, LPCSTR path, DWORD, REGSAM access, PHKEY) { return answer(path, access); }};
-    intercepted_import<"RegCreateKeyExA", decltype(RegCreateKeyExA)> creates{
-        program, [this](HKEY, LPCSTR path, DWORD, LPSTR, DWORD, REGSAM access, auto*, PHKEY, LPDWORD) {
-            return answer(path, access);
+        GetModuleHandleW(nullptr), [this](HKEY, LPCSTR path, DWORD, REGSAM access, PHKEY) {
+            const std::pair asked{std::string{path}, access};
+            const bool refuses = std::ranges::find(refused, asked) != refused.end();
+            return refuses ? std::optional{refusal} : std::nullopt;
         }};
-    intercepted_import<"RegSetValueExA", decltype(RegSetValueExA)> writes{
-        program, [this](HKEY, LPCSTR name, DWORD, DWORD, auto*, DWORD) { return answer(name, 0); }};
-    intercepted_import<"RegDeleteKeyA", decltype(RegDeleteKeyA)> deletes{
-        program, [this](HKEY, LPCSTR name) { return answer(name, 0); }};
 };
 
 TEST_F(PropertyHandler, is_registered_once_with_its_lists)
@@ -183,7 +169,7 @@ TEST_F(PropertyHandler, keeps_the_lists_that_the_user_edited)
 TEST_F(PropertyHandler, tells_of_what_fails_and_does_not_fail_the_installation)
 {
     plant(HANDLERS + "\\.bmp", L"", FOREIGN);
-    refused = {{HANDLERS + "\\.bmp", 0x2001F}, {HANDLERS + "\\.txt", 0x20006}};
+    refused = {{HANDLERS + "\\.bmp", 0x2001F}, {HANDLERS + "\\.txt", 0x20019}};
     const std::string prefix = "[propertyhandler] ";
     EXPECT_THAT(
         install(),
@@ -202,11 +188,12 @@ TEST_F(PropertyHandler, tells_of_what_fails_and_does_not_fail_the_installation)
     EXPECT_EQ(value(HANDLERS + "\\.bmp"), FOREIGN);
     run(custom_actions::register_property_handler, 0, 1603);
 
-    plant(TYPES + "\\.jpg", L"InfoTip", registry_text(L"prop:A"));
-    refused = {{"InfoTip", 0}};
+    refused = {{TYPES + "\\.webp", 0x2001F}};
     EXPECT_THAT(
         install(),
-        testing::EndsWith("FAILED to append 'System.Calendar.Location' to InfoTip for '.jpg': error 5\n"));
+        testing::EndsWith(
+            "FAILED to open '" + TYPES +
+            "\\.webp' for FullDetails update (ACCESS_DENIED if not elevated)\n"));
     EXPECT_EQ(session.messages().back().type, 0x04000000U) << "which does not count";
 }
 
@@ -220,13 +207,16 @@ TEST_F(PropertyHandler, fails_to_be_removed_where_its_keys_resist)
     remove();
     EXPECT_EQ(dump_registry(HKEY_LOCAL_MACHINE), installed);
 
-    refused = {{".txt", 0}};
+    refused.clear();
+    const failing_import<"RegDeleteKeyA", decltype(RegDeleteKeyA)> fault{
+        GetModuleHandleW(nullptr), ERROR_ACCESS_DENIED, {.last_error = 0}};
     remove(1603);
     EXPECT_EQ(
         session.messages().back(),
         (posted_message{
             0x01000000, L"Custom action: propertyhandler_removeregistry: Failed to update registry."}));
-    EXPECT_EQ(value(TYPES + "\\.txt", L"FullDetails"), std::nullopt) << "the lists go all the same";
+    EXPECT_EQ(value(HANDLERS + "\\.arw"), OURS);
+    EXPECT_EQ(value(TYPES + "\\.arw", L"FullDetails"), std::nullopt) << "the lists go all the same";
     EXPECT_EQ(value(HANDLERS + "\\.zip"), std::nullopt) << "and so do the others";
 }
 
