@@ -169,6 +169,7 @@ TEST_F(PropertyHandler, keeps_the_lists_that_the_user_edited)
 TEST_F(PropertyHandler, tells_of_what_fails_and_does_not_fail_the_installation)
 {
     plant(HANDLERS + "\\.bmp", L"", FOREIGN);
+    plant(HANDLERS + "\\.txt", L"", FOREIGN);
     refused = {{HANDLERS + "\\.bmp", 0x2001F}, {HANDLERS + "\\.txt", 0x20019}};
     const std::string prefix = "[propertyhandler] ";
     EXPECT_THAT(
@@ -186,6 +187,7 @@ TEST_F(PropertyHandler, tells_of_what_fails_and_does_not_fail_the_installation)
             L"Custom action: propertyhandler_updateregistry: One or more property handler registrations "
             L"FAILED (see [propertyhandler] output for the specific extension)."}));
     EXPECT_EQ(value(HANDLERS + "\\.bmp"), FOREIGN);
+    EXPECT_EQ(value(HANDLERS + "\\.txt"), FOREIGN) << "what cannot be read stays";
     run(custom_actions::register_property_handler, 0, 1603);
 
     refused = {{TYPES + "\\.webp", 0x2001F}};
