@@ -10,38 +10,17 @@
 namespace custom_actions {
 namespace {
 
-TEST(Path, is_taken_apart_and_normalised)
+TEST(Path, begins_with_a_drive_or_a_server)
 {
-    struct {
-        const wchar_t* path;
-        bool absolute;
-        const wchar_t* parent;
-        const wchar_t* name;
-        const wchar_t* extension;
-        const wchar_t* folder; // normalised
-    } const cases[]{
-        {LR"(C:\Apps\\.\x\..\Suite\.)", true, LR"(C:\Apps\\.\x\..\Suite)", L".", L"", LR"(C:\Apps\Suite)"},
-        {LR"(C:\..\Apps\..)", true, LR"(C:\..\Apps)", L"..", L"", LR"(C:\)"},
-        {LR"(C:\Quorbel.exe)", true, LR"(C:\)", L"Quorbel.exe", L".exe", LR"(C:\Quorbel.exe)"},
-        {L"C:", false, L"C:", L"", L"", L"C:"},
-        {LR"(C:a\..\..\b)", false, LR"(C:a\..\..)", L"b", L"", LR"(C:..\b)"},
-        {LR"(1:\a)", false, L"1:", L"a", L"", LR"(1:\a)"},
-        {L"//server/share//a.b/", true, L"//server/share//a.b", L"", L"", LR"(\\server\share\a.b)"},
-        {LR"(\\\server\a)", false, LR"(\\\server)", L"a", L"", LR"(\server\a)"},
-        {LR"(C:\a.exe:b.txt)", true, LR"(C:\)", L"a.exe:b.txt", L".exe", LR"(C:\a.exe:b.txt)"},
-    };
-
-    for (const auto& [path, absolute, parent, name, extension, folder] : cases) {
-        SCOPED_TRACE(testing::PrintToString(std::wstring{path}));
-        EXPECT_EQ(is_absolute_path(path), absolute);
-        EXPECT_EQ(parent_folder(path), parent);
-        EXPECT_EQ(file_name(path), name);
-        EXPECT_EQ(file_extension(path), extension);
-        EXPECT_EQ(normalized_folder(path), folder);
-    }
-    EXPECT_EQ(join_path(L"C:\\", L"a"), LR"(C:\a)");
-    EXPECT_EQ(join_path(L"C:/a", L"b"), LR"(C:/a\b)");
-    EXPECT_EQ(join_path(L"", L"a"), L"a");
+    EXPECT_TRUE(is_absolute_path(LR"(\\server\share)"));
+    EXPECT_FALSE(is_absolute_path(LR"(\\\server\share)"));
+    EXPECT_FALSE(is_absolute_path(LR"(1:\a)"));
+    EXPECT_FALSE(is_absolute_path(L"C:a"));
+    EXPECT_EQ(parent_folder(LR"(C:\Quorbel.exe)"), LR"(C:\)");
+    EXPECT_EQ(normalized_folder(LR"(C:\..\Apps\..)"), LR"(C:\)");
+    EXPECT_EQ(normalized_folder(LR"(C:a\..\..\b)"), LR"(C:..\b)");
+    EXPECT_EQ(normalized_folder(L"//server/share//a.b/"), LR"(\\server\share\a.b)");
+    EXPECT_EQ(file_extension(LR"(C:\a.exe:b.txt)"), L".exe") << "a stream of the file";
 }
 
 TEST(Path, is_read_as_the_standard_library_reads_it)

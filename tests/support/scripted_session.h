@@ -22,17 +22,8 @@ struct posted_message {
 
 void PrintTo(const posted_message& message, std::ostream* out);
 
-// The functions of msi.dll that the library calls, as a failure can be asked of them.
-enum class installer_call {
-    get_property,
-    set_property,
-    create_record,
-    set_string,
-    process_message,
-    close_handle,
-    set_target_path,
-    get_component_path
-};
+// The functions of msi.dll of which a failure can be asked.
+enum class installer_call { get_property, set_property, set_target_path, get_component_path };
 
 // Plays the installer for one module: while it lives, the module's calls to msi.dll come here. It keeps
 // properties, records and the messages in the order in which they came; a record that is still open at the
@@ -56,8 +47,8 @@ public:
     void install_component(
         const std::wstring& product, const std::wstring& component, const std::wstring& key_path);
 
-    // The n-th call from here on (1 is the next) fails: with `code` (an INSTALLSTATE where it asks for a
-    // component), with 0 where it makes a record, or with -1 where it posts a message.
+    // The n-th call from here on (1 is the next) fails with `code`, an INSTALLSTATE where it asks for a
+    // component.
     void fail(installer_call call, UINT code = ERROR_FUNCTION_FAILED, unsigned nth = 1);
 
     [[nodiscard]] const std::vector<posted_message>& messages() const noexcept { return messages_; }
