@@ -94,7 +94,8 @@ toy_process::toy_process(const std::wstring& name, const std::wstring& behaviour
     PROCESS_INFORMATION started{};
     if (!CreateProcessW(
             nullptr, command_line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &started)) {
-        throw std::runtime_error{"the toy program does not start"};
+        throw std::system_error{
+            static_cast<int>(GetLastError()), std::system_category(), "the toy program does not start"};
     }
     process_ = kernel_handle{started.hProcess};
     id_ = started.dwProcessId;
