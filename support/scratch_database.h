@@ -28,6 +28,7 @@ public:
     void finish();
 
     [[nodiscard]] MSIHANDLE handle() const noexcept { return database_.get(); }
+
     [[nodiscard]] const std::wstring& path() const noexcept { return path_; }
 
 private:
