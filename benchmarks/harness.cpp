@@ -146,16 +146,4 @@ redirected_output::~redirected_output()
     _close(before_);
 }
 
-void require(LSTATUS result, const char* what)
-{
-    if (result != ERROR_SUCCESS) {
-        throw std::system_error{result, std::system_category(), what};
-    }
-}
-
-void require(UINT result, const char* what)
-{
-    require(static_cast<LSTATUS>(result), what);
-}
-
 } // namespace benchmarks

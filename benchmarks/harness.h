@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/require.h"
+
 #include <windows.h>
 
 #include <functional>
@@ -8,6 +10,8 @@
 
 // What the benchmarks share: how a time is taken, and the table that they fill.
 namespace benchmarks {
+
+using test_support::require;
 
 // How long `work` takes, in milliseconds.
 double milliseconds(const std::function<void()>& work);
@@ -79,9 +83,5 @@ public:
 private:
     int before_;
 };
-
-// Throws std::system_error where the result (of the registry, of the installer) is not ERROR_SUCCESS.
-void require(LSTATUS result, const char* what);
-void require(UINT result, const char* what);
 
 } // namespace benchmarks

@@ -7,11 +7,11 @@
 #include "benchmarks/scratch_package.h"
 #include "custom_actions/shell_registration/file_type_tables.h"
 #include "custom_actions/shell_registration/property_handler.h"
-#include "tests/support/installation.h"
 #include "tests/support/registry_sandbox.h"
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <stdexcept>
 
@@ -64,7 +64,12 @@ std::vector<std::string> evidence(const std::function<void()>& step)
         all = trace_registry_calls(step);
     }
     std::ranges::move(test_support::dump_registry(HKEY_LOCAL_MACHINE), std::back_inserter(all));
-    std::ranges::move(test_support::read_log(path), std::back_inserter(all));
+    {
+        std::ifstream lines{path};
+        for (std::string line; std::getline(lines, line);) {
+            all.push_back(line);
+        }
+    }
     std::filesystem::remove(path);
     return all;
 }

@@ -7,9 +7,7 @@
 #include <windows.h>
 #include <msi.h>
 #include <msiquery.h>
-#include <wtypes.h>
 
-#include <array>
 #include <filesystem>
 #include <set>
 #include <utility>
@@ -17,13 +15,11 @@
 namespace benchmarks {
 namespace {
 
-// MsiCloseHandle closes every kind of the installer's handles.
-using installer_handle = custom_actions::record_handle;
+using custom_actions::record_handle;
+using test_support::scratch_database;
 
 // The least that installs and can be removed: a component whose key path is a registry value.
 constexpr const wchar_t* SMALLEST_PACKAGE[]{
-    L"CREATE TABLE `Property` (`Property` CHAR(72) NOT NULL, `Value` LONGCHAR NOT NULL PRIMARY KEY "
-    L"`Property`)",
     L"CREATE TABLE `Directory` (`Directory` CHAR(72) NOT NULL, `Directory_Parent` CHAR(72), `DefaultDir` "
     L"CHAR(255) NOT NULL PRIMARY KEY `Directory`)",
     L"CREATE TABLE `Component` (`Component` CHAR(72) NOT NULL, `ComponentId` CHAR(38), `Directory_` CHAR(72) "
@@ -43,11 +39,6 @@ constexpr const wchar_t* SMALLEST_PACKAGE[]{
     L"`Target` CHAR(255) PRIMARY KEY `Action`)",
     L"CREATE TABLE `Binary` (`Name` CHAR(72) NOT NULL, `Data` OBJECT NOT NULL PRIMARY KEY `Name`)",
 
-    L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('ProductName', 'Quorbel benchmark')",
-    L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('ProductVersion', '1.0.0')",
-    L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('ProductLanguage', '1033')",
-    L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('Manufacturer', 'Brenmoor')",
-    L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('ALLUSERS', '1')",
     L"INSERT INTO `Directory` (`Directory`, `DefaultDir`) VALUES ('TARGETDIR', 'SourceDir')",
     // 64-bit, with a registry value for its key path.
     L"INSERT INTO `Component` (`Component`, `ComponentId`, `Directory_`, `Attributes`, `KeyPath`) VALUES "
@@ -78,88 +69,51 @@ constexpr std::pair<const wchar_t*, int> STANDARD_ACTIONS[]{
 constexpr int AFTER_INSTALL_VALIDATE = 1401;
 constexpr int AFTER_WRITE_REGISTRY_VALUES = 5001;
 
-// Each question mark of the statement takes the field of `record` with its number.
-void run_query(MSIHANDLE database, const std::wstring& sql, MSIHANDLE record = 0)
-{
-    installer_handle view;
-    require(MsiDatabaseOpenViewW(database, sql.c_str(), view.put()), "MsiDatabaseOpenViewW");
-    require(MsiViewExecute(view.get(), record), "MsiViewExecute");
-}
-
-void describe_package(MSIHANDLE database, const std::wstring& package_code)
-{
-    installer_handle summary;
-    require(MsiGetSummaryInformationW(database, nullptr, 4, summary.put()), "MsiGetSummaryInformationW");
-    const auto set = [&](UINT property, UINT type, int number, const wchar_t* text) {
-        require(
-            MsiSummaryInfoSetPropertyW(summary.get(), property, type, number, nullptr, text),
-            "MsiSummaryInfoSetPropertyW");
-    };
-    set(7, VT_LPSTR, 0, L"x64;1033");
-    set(9, VT_LPSTR, 0, package_code.c_str());
-    set(14, VT_I4, 200, nullptr); // the version of the installer that it needs
-    set(15, VT_I4, 2, nullptr);   // compressed, long names
-    require(MsiSummaryInfoPersist(summary.get()), "MsiSummaryInfoPersist");
-}
-
-void add_sequence(MSIHANDLE database)
+void add_sequence(scratch_database& database)
 {
     for (const auto& [action, number] : STANDARD_ACTIONS) {
-        run_query(
-            database,
+        database.run(
             std::wstring{L"INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('"} + action +
-                L"', " + std::to_wstring(number) + L")");
+            L"', " + std::to_wstring(number) + L")");
     }
 }
 
-void add_rows(MSIHANDLE database, const std::vector<registry_row>& rows)
+void add_rows(scratch_database& database, const std::vector<registry_row>& rows)
 {
-    const installer_handle record{MsiCreateRecord(4)};
+    const record_handle record{MsiCreateRecord(4)};
     for (std::size_t i = 0; i < rows.size(); ++i) {
         MsiRecordSetStringW(record.get(), 1, (L"row" + std::to_wstring(i)).c_str());
         MsiRecordSetStringW(record.get(), 2, rows[i].key.c_str());
         MsiRecordSetStringW(record.get(), 3, rows[i].name.c_str());
         MsiRecordSetStringW(record.get(), 4, rows[i].text.c_str());
-        run_query(
-            database,
+        database.run(
             L"INSERT INTO `Registry` (`Registry`, `Root`, `Key`, `Name`, `Value`, `Component_`) VALUES "
             L"(?, 2, ?, ?, ?, 'registration')",
             record.get());
     }
 }
 
-void add_property(MSIHANDLE database, const std::wstring& name, const std::wstring& value)
-{
-    const installer_handle record{MsiCreateRecord(2)};
-    MsiRecordSetStringW(record.get(), 1, name.c_str());
-    MsiRecordSetStringW(record.get(), 2, value.c_str());
-    run_query(database, L"INSERT INTO `Property` (`Property`, `Value`) VALUES (?, ?)", record.get());
-}
-
-void add_library(MSIHANDLE database, const std::wstring& name)
+void add_library(scratch_database& database, const std::wstring& name)
 {
     const std::filesystem::path program{test_support::this_program()};
     const std::wstring library = program.parent_path() / name;
-    const installer_handle record{MsiCreateRecord(2)};
+    const record_handle record{MsiCreateRecord(2)};
     MsiRecordSetStringW(record.get(), 1, name.c_str());
     require(MsiRecordSetStreamW(record.get(), 2, library.c_str()), "cannot read a library");
-    run_query(database, L"INSERT INTO `Binary` (`Name`, `Data`) VALUES (?, ?)", record.get());
+    database.run(L"INSERT INTO `Binary` (`Name`, `Data`) VALUES (?, ?)", record.get());
 }
 
-void add_action(MSIHANDLE database, const package_action& action, int number)
+void add_action(scratch_database& database, const package_action& action, int number)
 {
-    run_query(
-        database,
+    database.run(
         L"INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('" + action.name +
-            L"', " + std::to_wstring(action.type) + L", '" + action.library + L"', '" + action.function +
-            L"')");
-    run_query(
-        database,
+        L"', " + std::to_wstring(action.type) + L", '" + action.library + L"', '" + action.function + L"')");
+    database.run(
         L"INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('" + action.name +
-            L"', 'NOT REMOVE', " + std::to_wstring(number) + L")");
+        L"', 'NOT REMOVE', " + std::to_wstring(number) + L")");
 }
 
-void add_actions(MSIHANDLE database, const std::vector<package_action>& actions)
+void add_actions(scratch_database& database, const std::vector<package_action>& actions)
 {
     int immediate = AFTER_INSTALL_VALIDATE;
     int deferred = AFTER_WRITE_REGISTRY_VALUES;
@@ -173,15 +127,6 @@ void add_actions(MSIHANDLE database, const std::vector<package_action>& actions)
     }
 }
 
-std::wstring scratch_file()
-{
-    std::array<wchar_t, MAX_PATH> folder{};
-    std::array<wchar_t, MAX_PATH> file{};
-    GetTempPathW(static_cast<DWORD>(folder.size()), folder.data());
-    GetTempFileNameW(folder.data(), L"qbl", 0, file.data());
-    return file.data();
-}
-
 UINT remove_product(const std::wstring& product_code)
 {
     return MsiConfigureProductW(product_code.c_str(), INSTALLLEVEL_DEFAULT, INSTALLSTATE_ABSENT);
@@ -190,36 +135,32 @@ UINT remove_product(const std::wstring& product_code)
 } // namespace
 
 scratch_package::scratch_package(std::wstring product_code, const package_content& content)
-    : product_code_{std::move(product_code)}, path_{scratch_file()}
+    : product_code_{std::move(product_code)}, database_{product_code_}
 {
     MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
     remove_product(product_code_);
 
-    installer_handle database;
-    require(MsiOpenDatabaseW(path_.c_str(), MSIDBOPEN_CREATE, database.put()), "MsiOpenDatabaseW");
-    describe_package(database.get(), product_code_);
-    for (const wchar_t* statement : SMALLEST_PACKAGE) {
-        run_query(database.get(), statement);
-    }
-    add_property(database.get(), L"ProductCode", product_code_);
+    database_.add_property(L"ALLUSERS", L"1");
     for (const auto& [name, value] : content.properties) {
-        add_property(database.get(), name, value);
+        database_.add_property(name, value);
     }
-    add_sequence(database.get());
-    add_rows(database.get(), content.rows);
-    add_actions(database.get(), content.actions);
-    require(MsiDatabaseCommit(database.get()), "MsiDatabaseCommit");
+    for (const wchar_t* statement : SMALLEST_PACKAGE) {
+        database_.run(statement);
+    }
+    add_sequence(database_);
+    add_rows(database_, content.rows);
+    add_actions(database_, content.actions);
+    database_.finish();
 }
 
 scratch_package::~scratch_package()
 {
     remove_product(product_code_);
-    DeleteFileW(path_.c_str());
 }
 
 void scratch_package::install() const
 {
-    require(MsiInstallProductW(path_.c_str(), L""), "cannot install a package");
+    require(MsiInstallProductW(database_.path().c_str(), L""), "cannot install a package");
 }
 
 void scratch_package::remove() const

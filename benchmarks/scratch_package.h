@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/scratch_database.h"
+
 #include <string>
 #include <utility>
 #include <vector>
@@ -50,7 +52,7 @@ public:
 
 private:
     std::wstring product_code_;
-    std::wstring path_;
+    test_support::scratch_database database_;
 };
 
 } // namespace benchmarks

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/real_session.h"
 #include "tests/support/import_patch.h"
 
 #include <windows.h>
@@ -12,13 +13,6 @@
 #include <vector>
 
 namespace test_support {
-
-struct posted_message {
-    UINT type;
-    std::wstring text;
-
-    bool operator==(const posted_message&) const = default;
-};
 
 void PrintTo(const posted_message& message, std::ostream* out);
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "custom_actions/common/scoped_handle.h"
-#include "tests/support/scripted_session.h"
+#include "support/scratch_database.h"
 
 #include <windows.h>
 #include <msi.h>
@@ -11,6 +11,13 @@
 #include <vector>
 
 namespace test_support {
+
+struct posted_message {
+    UINT type;
+    std::wstring text;
+
+    bool operator==(const posted_message&) const = default;
+};
 
 // A session of the real installer in this process, on a package with nothing to install, made for it and gone
 // with it. Its properties, records and messages are the installer's own; it is no deferred context.
@@ -32,14 +39,10 @@ public:
     [[nodiscard]] const std::vector<posted_message>& messages() const noexcept { return messages_; }
 
 private:
-    // MsiCloseHandle closes every kind of the installer's handles.
-    using installer_handle = custom_actions::record_handle;
-
     static INT WINAPI on_message(LPVOID context, UINT type, MSIHANDLE record);
 
-    std::wstring path_;
-    installer_handle database_;
-    installer_handle session_;
+    scratch_database database_;
+    custom_actions::record_handle session_; // MsiCloseHandle closes every kind of the installer's handles
     message_listener listener_;
     std::vector<posted_message> messages_;
 };

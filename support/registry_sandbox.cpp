@@ -1,18 +1,12 @@
 #include "tests/support/registry_sandbox.h"
 
+#include "support/require.h"
+
 #include <algorithm>
 #include <array>
-#include <system_error>
 
 namespace test_support {
 namespace {
-
-void require(LSTATUS status, const char* what)
-{
-    if (status != ERROR_SUCCESS) {
-        throw std::system_error{static_cast<int>(status), std::system_category(), what};
-    }
-}
 
 // Two sandboxes of one process redirect different roots, so the root's low bits keep their keys apart.
 std::wstring scratch_name(HKEY root)
