@@ -3,8 +3,8 @@
 
 #include "benchmarks/benchmarks.h"
 #include "benchmarks/scratch_package.h"
-#include "tests/support/loaded_library.h"
-#include "tests/support/pe_image.h"
+#include "support/loaded_library.h"
+#include "support/pe_image.h"
 
 #include <msi.h>
 #include <msiquery.h>

@@ -4,7 +4,7 @@
 #include "benchmarks/benchmarks.h"
 #include "custom_actions/common/scoped_handle.h"
 #include "custom_actions/packages/hidden_process.h"
-#include "tests/support/child_process.h"
+#include "support/child_process.h"
 
 #include <array>
 #include <stdexcept>

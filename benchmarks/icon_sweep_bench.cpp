@@ -3,7 +3,7 @@
 
 #include "benchmarks/benchmarks.h"
 #include "custom_actions/shell_registration/icon_handler.h"
-#include "tests/support/registry_sandbox.h"
+#include "support/registry_sandbox.h"
 
 #include <array>
 #include <cwchar>

@@ -2,8 +2,8 @@
 // needs.
 
 #include "benchmarks/benchmarks.h"
-#include "tests/support/child_process.h"
-#include "tests/support/registry_sandbox.h"
+#include "support/child_process.h"
+#include "support/registry_sandbox.h"
 
 #include <msi.h>
 #include <psapi.h>

@@ -3,7 +3,7 @@
 // sides did not do the same.
 
 #include "benchmarks/benchmarks.h"
-#include "tests/support/installation.h"
+#include "support/disposable_machine.h"
 
 #include <cstdio>
 #include <exception>

@@ -4,7 +4,7 @@
 #include "benchmarks/benchmarks.h"
 #include "custom_actions/processes/process_closing.h"
 #include "custom_actions/processes/process_inventory.h"
-#include "tests/support/toy_suite.h"
+#include "support/toy_suite.h"
 
 #include <tlhelp32.h>
 

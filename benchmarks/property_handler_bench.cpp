@@ -7,7 +7,7 @@
 #include "benchmarks/scratch_package.h"
 #include "custom_actions/shell_registration/file_type_tables.h"
 #include "custom_actions/shell_registration/property_handler.h"
-#include "tests/support/registry_sandbox.h"
+#include "support/registry_sandbox.h"
 
 #include <algorithm>
 #include <filesystem>

@@ -1,6 +1,6 @@
 #include "benchmarks/registry_trace.h"
 
-#include "tests/support/import_patch.h"
+#include "support/import_patch.h"
 
 #include <windows.h>
 

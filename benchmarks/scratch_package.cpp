@@ -2,7 +2,7 @@
 
 #include "benchmarks/harness.h"
 #include "custom_actions/common/scoped_handle.h"
-#include "tests/support/child_process.h"
+#include "support/child_process.h"
 
 #include <windows.h>
 #include <msi.h>

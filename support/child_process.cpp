@@ -1,4 +1,4 @@
-#include "tests/support/child_process.h"
+#include "support/child_process.h"
 
 #include "custom_actions/common/scoped_handle.h"
 

@@ -1,6 +1,6 @@
-#include "tests/support/import_patch.h"
+#include "support/import_patch.h"
 
-#include "tests/support/pe_image.h"
+#include "support/pe_image.h"
 
 #include <algorithm>
 #include <stdexcept>

@@ -1,6 +1,6 @@
-#include "tests/support/loaded_library.h"
+#include "support/loaded_library.h"
 
-#include "tests/support/child_process.h"
+#include "support/child_process.h"
 
 #include <msi.h>
 

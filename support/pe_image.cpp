@@ -1,4 +1,4 @@
-#include "tests/support/pe_image.h"
+#include "support/pe_image.h"
 
 #include <span>
 

@@ -1,4 +1,4 @@
-#include "tests/support/registry_sandbox.h"
+#include "support/registry_sandbox.h"
 
 #include "support/require.h"
 

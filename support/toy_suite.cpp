@@ -1,7 +1,7 @@
-#include "tests/support/toy_suite.h"
+#include "support/toy_suite.h"
 
 #include "custom_actions/processes/process_inventory.h"
-#include "tests/support/child_process.h"
+#include "support/child_process.h"
 
 #include <filesystem>
 #include <stdexcept>

@@ -1,7 +1,7 @@
 #include "custom_actions/common/export_boundary.h"
 #include "custom_actions/common/installer_session.h"
+#include "support/real_session.h"
 #include "tests/support/faults.h"
-#include "tests/support/real_session.h"
 #include "tests/support/scripted_session.h"
 
 #include <gmock/gmock.h>

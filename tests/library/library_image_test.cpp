@@ -1,7 +1,7 @@
 // The library as it is shipped: what it exports, what it needs, how it is linked.
 
-#include "tests/support/loaded_library.h"
-#include "tests/support/pe_image.h"
+#include "support/loaded_library.h"
+#include "support/pe_image.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

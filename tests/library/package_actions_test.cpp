@@ -1,8 +1,8 @@
 // msix_install_package and msix_uninstall_package in the built library, with the stand-in for PowerShell.
 
+#include "support/disposable_machine.h"
+#include "support/loaded_library.h"
 #include "tests/support/failing_import.h"
-#include "tests/support/installation.h"
-#include "tests/support/loaded_library.h"
 #include "tests/support/scripted_session.h"
 #include "tests/support/upgrade_scene.h"
 

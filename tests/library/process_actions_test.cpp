@@ -1,12 +1,12 @@
 // close_and_kill_our_processes and restore_explorer in the built library.
 
 #include "custom_actions/processes/token.h"
+#include "support/disposable_machine.h"
+#include "support/loaded_library.h"
+#include "support/toy_suite.h"
 #include "tests/support/failing_import.h"
-#include "tests/support/installation.h"
-#include "tests/support/loaded_library.h"
 #include "tests/support/played_clock.h"
 #include "tests/support/scripted_session.h"
-#include "tests/support/toy_suite.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,11 +1,12 @@
 #include "custom_actions/common/scoped_handle.h"
-#include "tests/support/installation.h"
-#include "tests/support/loaded_library.h"
-#include "tests/support/pe_image.h"
+#include "support/child_process.h"
+#include "support/loaded_library.h"
+#include "support/pe_image.h"
 
 #include <gtest/gtest.h>
 #include <msiquery.h>
 
+#include <filesystem>
 #include <iterator>
 #include <map>
 #include <string>
@@ -17,9 +18,11 @@ namespace {
 std::map<std::string, int> package_column(const wchar_t* query)
 {
     using custom_actions::record_handle; // MsiCloseHandle closes each of these
+    const std::filesystem::path package =
+        std::filesystem::path{this_program()}.parent_path() / L"package" / L"quorbel-1.5.0.msi";
     record_handle database;
     record_handle view;
-    EXPECT_EQ(MsiOpenDatabaseW(sample_package(L"1.5.0").c_str(), MSIDBOPEN_READONLY, database.put()), 0U);
+    EXPECT_EQ(MsiOpenDatabaseW(package.c_str(), MSIDBOPEN_READONLY, database.put()), 0U);
     EXPECT_EQ(MsiDatabaseOpenViewW(database.get(), query, view.put()), 0U);
     EXPECT_EQ(MsiViewExecute(view.get(), 0), 0U);
     std::map<std::string, int> rows;

@@ -1,11 +1,11 @@
 // The actions of the built library with a service that is played, and the start type of one that is real.
 
 #include "custom_actions/search/search_service.h"
+#include "support/disposable_machine.h"
+#include "support/loaded_library.h"
+#include "support/registry_sandbox.h"
 #include "tests/support/faults.h"
-#include "tests/support/installation.h"
-#include "tests/support/loaded_library.h"
 #include "tests/support/played_clock.h"
-#include "tests/support/registry_sandbox.h"
 #include "tests/support/scripted_session.h"
 #include "tests/support/windows_search.h"
 

@@ -1,7 +1,7 @@
 // The actions that only look and tell, called in the built library.
 
-#include "tests/support/loaded_library.h"
-#include "tests/support/registry_sandbox.h"
+#include "support/loaded_library.h"
+#include "support/registry_sandbox.h"
 #include "tests/support/scripted_session.h"
 
 #include <gmock/gmock.h>

@@ -2,9 +2,9 @@
 // two with the stand-in of the Task Scheduler.
 
 #include "custom_actions/common/system_directory.h"
+#include "support/disposable_machine.h"
+#include "support/loaded_library.h"
 #include "tests/support/failing_import.h"
-#include "tests/support/installation.h"
-#include "tests/support/loaded_library.h"
 #include "tests/support/played_clock.h"
 #include "tests/support/scheduler_stand_in.h"
 #include "tests/support/scripted_session.h"

@@ -1,7 +1,7 @@
 #include "custom_actions/packages/powershell.h"
 #include "custom_actions/upgrade/scripts.h"
+#include "support/disposable_machine.h"
 #include "tests/support/faults.h"
-#include "tests/support/installation.h"
 #include "tests/support/played_clock.h"
 #include "tests/support/scripted_session.h"
 #include "tests/support/upgrade_scene.h"

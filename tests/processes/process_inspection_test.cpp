@@ -1,8 +1,8 @@
 #include "custom_actions/processes/inspection_identity.h"
 #include "custom_actions/processes/process_inventory.h"
-#include "tests/support/child_process.h"
+#include "support/child_process.h"
+#include "support/toy_suite.h"
 #include "tests/support/faults.h"
-#include "tests/support/toy_suite.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
 // The icon handler's actions and the New menu's in the built library, on a user hive of the tests' own.
 
+#include "support/loaded_library.h"
+#include "support/registry_sandbox.h"
 #include "tests/support/failing_import.h"
-#include "tests/support/loaded_library.h"
-#include "tests/support/registry_sandbox.h"
 #include "tests/support/scripted_session.h"
 
 #include <gtest/gtest.h>

@@ -2,8 +2,8 @@
 
 #include "custom_actions/shell_registration/file_type_tables.h"
 #include "custom_actions/shell_registration/property_handler.h"
+#include "support/registry_sandbox.h"
 #include "tests/support/failing_import.h"
-#include "tests/support/registry_sandbox.h"
 #include "tests/support/scripted_session.h"
 
 #include <gmock/gmock.h>

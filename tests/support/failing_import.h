@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tests/support/import_patch.h"
+#include "support/import_patch.h"
 
 #include <windows.h>
 

@@ -2,8 +2,8 @@
 
 #include "custom_actions/common/system_directory.h"
 #include "package/toy_suite/powershell/packages.h"
-#include "tests/support/child_process.h"
-#include "tests/support/installation.h"
+#include "support/child_process.h"
+#include "support/disposable_machine.h"
 
 #include <filesystem>
 #include <stdexcept>

@@ -1,9 +1,9 @@
 #include "tests/support/scheduler_stand_in.h"
 
 #include "custom_actions/common/registry_key.h"
-#include "tests/support/child_process.h"
-#include "tests/support/installation.h"
-#include "tests/support/registry_sandbox.h"
+#include "support/child_process.h"
+#include "support/disposable_machine.h"
+#include "support/registry_sandbox.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #include "tests/support/scripted_session.h"
 
-#include "tests/support/pe_image.h"
+#include "support/pe_image.h"
 
 #include <gtest/gtest.h>
 #include <msiquery.h>

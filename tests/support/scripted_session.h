@@ -1,7 +1,7 @@
 #pragma once
 
+#include "support/import_patch.h"
 #include "support/real_session.h"
-#include "tests/support/import_patch.h"
 
 #include <windows.h>
 #include <msi.h>

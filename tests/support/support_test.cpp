@@ -1,6 +1,6 @@
 // The watchdog over every test.
 
-#include "tests/support/child_process.h"
+#include "support/child_process.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

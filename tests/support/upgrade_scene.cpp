@@ -3,7 +3,7 @@
 #include "custom_actions/common/guid.h"
 #include "custom_actions/processes/token.h"
 #include "custom_actions/upgrade/maintenance_key.h"
-#include "tests/support/child_process.h"
+#include "support/child_process.h"
 
 #include <algorithm>
 #include <filesystem>

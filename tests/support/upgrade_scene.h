@@ -1,8 +1,8 @@
 #pragma once
 
 #include "custom_actions/upgrade/context.h"
+#include "support/toy_suite.h"
 #include "tests/support/powershell_stand_in.h"
-#include "tests/support/toy_suite.h"
 
 #include <string>
 #include <vector>

@@ -3,8 +3,8 @@
 #include "custom_actions/common/scoped_handle.h"
 #include "custom_actions/common/windows_error.h"
 #include "custom_actions/search/search_service.h"
-#include "tests/support/child_process.h"
-#include "tests/support/registry_sandbox.h"
+#include "support/child_process.h"
+#include "support/registry_sandbox.h"
 
 #include <gtest/gtest.h>
 

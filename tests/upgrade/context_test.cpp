@@ -1,7 +1,7 @@
 #include "custom_actions/upgrade/context.h"
 #include "custom_actions/upgrade/maintenance_key.h"
+#include "support/registry_sandbox.h"
 #include "tests/support/faults.h"
-#include "tests/support/registry_sandbox.h"
 
 #include <gtest/gtest.h>
 

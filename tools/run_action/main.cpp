@@ -3,10 +3,10 @@
 #include "custom_actions/common/installer_session.h"
 #include "custom_actions/common/text.h"
 #include "custom_actions/common/windows_error.h"
-#include "tests/support/child_process.h"
-#include "tests/support/loaded_library.h"
-#include "tests/support/pe_image.h"
-#include "tests/support/real_session.h"
+#include "support/child_process.h"
+#include "support/loaded_library.h"
+#include "support/pe_image.h"
+#include "support/real_session.h"
 #include "tools/run_action/command_line.h"
 
 #include <windows.h>
