@@ -24,6 +24,6 @@ fi
 log=build/lint.log
 run-clang-tidy-19 -quiet -p build/mingw -load build/own_code.so -checks=own-code \
   -extra-arg-before=--target=x86_64-w64-mingw32 -extra-arg-before=-nostdinc++ "${include_folders[@]}" \
-  -extra-arg=-Wno-unknown-warning-option "$PWD/(custom_actions|tests|package|benchmarks|tools)/.*" >"$log" 2>&1 ||
+  -extra-arg=-Wno-unknown-warning-option "$PWD/(custom_actions|tests|package|benchmarks|tools|support)/.*" >"$log" 2>&1 ||
   { cat "$log"; exit 1; }
 echo "clang-tidy: clean"

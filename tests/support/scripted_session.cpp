@@ -6,7 +6,6 @@
 #include <msiquery.h>
 
 #include <algorithm>
-#include <array>
 #include <ostream>
 #include <stdexcept>
 #include <string_view>
@@ -18,18 +17,8 @@ namespace {
 constexpr MSIHANDLE SESSION = 0x5E550000;
 constexpr MSIHANDLE FIRST_RECORD = 0x7EC00001;
 
-constexpr std::array<std::string_view, 8> PLAYED_FUNCTIONS{
-    "MsiGetPropertyW",
-    "MsiSetPropertyW",
-    "MsiCreateRecord",
-    "MsiRecordSetStringW",
-    "MsiProcessMessage",
-    "MsiCloseHandle",
-    "MsiSetTargetPathW",
-    "MsiGetComponentPathExW",
-};
-
-scripted_session* active = nullptr;
+using component_path_query = INSTALLSTATE
+    WINAPI(LPCWSTR, LPCWSTR, LPCWSTR, MSIINSTALLCONTEXT, LPWSTR, LPDWORD);
 
 std::string narrow(std::wstring_view text)
 {
@@ -38,11 +27,6 @@ std::string narrow(std::wstring_view text)
         return unit < 0x80 ? static_cast<char>(unit) : '?';
     });
     return bytes;
-}
-
-bool is_installer_library(const std::string& library)
-{
-    return _stricmp(library.c_str(), "msi.dll") == 0;
 }
 
 } // namespace
@@ -54,45 +38,35 @@ void PrintTo(const posted_message& message, std::ostream* out)
 
 scripted_session::scripted_session(HMODULE module) : last_record_{FIRST_RECORD - 1}
 {
-    if (active != nullptr) {
-        throw std::runtime_error{"a scripted session is active already"};
-    }
-    if (module != GetModuleHandleW(nullptr)) {
-        for (const auto& import : pe_image{module}.imports()) {
-            if (is_installer_library(import.library) &&
-                std::ranges::find(PLAYED_FUNCTIONS, import.name) == PLAYED_FUNCTIONS.end()) {
-                throw std::runtime_error{"not played by the scripted session: " + import.name};
-            }
+    play_properties(module);
+    play_records(module);
+    play_folders(module);
+    for (const auto& import : pe_image{module}.imports()) {
+        if (module != GetModuleHandleW(nullptr) && _stricmp(import.library.c_str(), "msi.dll") == 0 &&
+            !played_.contains(import.name)) {
+            throw std::runtime_error{"not played by the scripted session: " + import.name};
         }
     }
-    patch(module, "MsiGetPropertyW", &get_property);
-    patch(module, "MsiSetPropertyW", &set_property_value);
-    patch(module, "MsiCreateRecord", &create_record);
-    patch(module, "MsiRecordSetStringW", &set_string);
-    patch(module, "MsiProcessMessage", &process_message);
-    patch(module, "MsiCloseHandle", &close_handle);
-    patch(module, "MsiSetTargetPathW", &set_target_path);
-    patch(module, "MsiGetComponentPathExW", &get_component_path);
-    active = this;
 }
 
 scripted_session::~scripted_session()
 {
-    active = nullptr;
     EXPECT_EQ(records_.size(), 0U) << "records left open";
     for (const auto& [call, planned] : failures_) {
         ADD_FAILURE() << "a planned failure was never reached: call kind " << static_cast<int>(call);
     }
 }
 
-template <class Function>
-void scripted_session::patch(HMODULE module, const char* name, Function* replacement)
+template <function_name Name, class Function, class Answer>
+void scripted_session::play(HMODULE module, Answer answer)
 {
+    played_.insert(Name.text);
     const auto imports = pe_image{module}.imports();
-    if (std::ranges::find(imports, name, &imported_function::name) == imports.end()) {
+    if (std::ranges::find(imports, Name.text, &imported_function::name) == imports.end()) {
         return; // a test program is linked with what it calls alone
     }
-    patches_.push_back(std::make_unique<import_patch<Function>>(module, name, replacement));
+    interceptions_.push_back(std::make_shared<intercepted_import<Name, Function>>(
+        module, [this, answer](auto... arguments) { return std::optional{answer(arguments...)}; }));
 }
 
 MSIHANDLE scripted_session::handle() const noexcept
@@ -126,41 +100,24 @@ void scripted_session::fail(installer_call call, UINT code, unsigned nth)
     failures_[call] = {.calls_left = nth, .code = code};
 }
 
-std::optional<UINT> scripted_session::failure(installer_call call)
+std::optional<UINT> scripted_session::failure(installer_call call, MSIHANDLE session)
 {
     const auto planned = failures_.find(call);
     if (planned == failures_.end() || --planned->second.calls_left != 0) {
-        return std::nullopt;
+        return session == SESSION ? std::nullopt : std::optional<UINT>{ERROR_INVALID_HANDLE};
     }
     const UINT code = planned->second.code;
     failures_.erase(planned);
     return code;
 }
 
-std::string scripted_session::name_of(MSIHANDLE handle) const
+// What the real installer answers, with its rules for lengths.
+UINT scripted_session::get_property(LPCWSTR name, LPWSTR buffer, LPDWORD count) const
 {
-    if (handle == SESSION) {
-        return "session";
-    }
-    if (records_.contains(handle)) {
-        return "record";
-    }
-    return handle == 0 ? "0" : "closed";
-}
-
-UINT WINAPI scripted_session::get_property(MSIHANDLE session, LPCWSTR name, LPWSTR buffer, LPDWORD count)
-{
-    active->calls_.push_back("MsiGetPropertyW(" + active->name_of(session) + ", " + narrow(name) + ")");
-    if (const auto code = active->failure(installer_call::get_property)) {
-        return *code;
-    }
-    if (session != SESSION) {
-        return ERROR_INVALID_HANDLE;
-    }
     if (buffer != nullptr && count == nullptr) {
         return ERROR_INVALID_PARAMETER;
     }
-    const std::wstring value = active->property(name).value_or(L"");
+    const std::wstring value = property(name).value_or(L"");
     UINT result = ERROR_SUCCESS;
     if (buffer != nullptr) {
         if (*count > 0) {
@@ -175,101 +132,89 @@ UINT WINAPI scripted_session::get_property(MSIHANDLE session, LPCWSTR name, LPWS
     return result;
 }
 
-UINT WINAPI scripted_session::set_property_value(MSIHANDLE session, LPCWSTR name, LPCWSTR value)
+void scripted_session::play_properties(HMODULE module)
 {
-    active->calls_.push_back("MsiSetPropertyW(" + active->name_of(session) + ", " + narrow(name) + ")");
-    if (const auto code = active->failure(installer_call::set_property)) {
-        return *code;
-    }
-    if (session != SESSION) {
-        return ERROR_INVALID_HANDLE;
-    }
-    active->set_property(name, value == nullptr ? L"" : value);
-    return ERROR_SUCCESS;
+    play<"MsiGetPropertyW", decltype(MsiGetPropertyW)>(
+        module, [this](MSIHANDLE session, LPCWSTR name, LPWSTR buffer, LPDWORD count) {
+            if (const auto code = failure(installer_call::get_property, session)) {
+                return *code;
+            }
+            return get_property(name, buffer, count);
+        });
+    play<"MsiSetPropertyW", decltype(MsiSetPropertyW)>(
+        module, [this](MSIHANDLE session, LPCWSTR name, LPCWSTR value) {
+            const auto code = failure(installer_call::set_property, session);
+            if (!code) {
+                set_property(name, value == nullptr ? L"" : value);
+            }
+            return code.value_or(ERROR_SUCCESS);
+        });
 }
 
-MSIHANDLE WINAPI scripted_session::create_record(UINT fields)
+void scripted_session::play_records(HMODULE module)
 {
-    active->calls_.push_back("MsiCreateRecord(" + std::to_string(fields) + ")");
-    active->records_[++active->last_record_] = L"";
-    return active->last_record_;
+    play<"MsiCreateRecord", decltype(MsiCreateRecord)>(module, [this](UINT) {
+        records_[++last_record_] = L"";
+        return last_record_;
+    });
+    play<"MsiRecordSetStringW", decltype(MsiRecordSetStringW)>(
+        module, [this](MSIHANDLE record, UINT field, LPCWSTR text) {
+            if (!records_.contains(record) || field != 0) {
+                ADD_FAILURE() << "not field 0 of an open record: " << field << " of " << record;
+                return UINT{ERROR_INVALID_HANDLE};
+            }
+            records_[record] = text;
+            return UINT{ERROR_SUCCESS};
+        });
+    play<"MsiProcessMessage", decltype(MsiProcessMessage)>(
+        module, [this](MSIHANDLE session, INSTALLMESSAGE type, MSIHANDLE record) {
+            if (session != SESSION || !records_.contains(record)) {
+                return -1;
+            }
+            messages_.push_back({static_cast<UINT>(type), records_[record]});
+            return int{IDOK};
+        });
+    play<"MsiCloseHandle", decltype(MsiCloseHandle)>(module, [this](MSIHANDLE handle) {
+        EXPECT_EQ(records_.erase(handle), 1U) << "closed, but not an open record: " << handle;
+        return UINT{ERROR_SUCCESS};
+    });
 }
 
-UINT WINAPI scripted_session::set_string(MSIHANDLE record, UINT field, LPCWSTR text)
+void scripted_session::play_folders(HMODULE module)
 {
-    active->calls_.push_back(
-        "MsiRecordSetStringW(" + active->name_of(record) + ", " + std::to_string(field) + ")");
-    const auto found = active->records_.find(record);
-    if (found == active->records_.end()) {
-        return ERROR_INVALID_HANDLE;
-    }
-    if (field != 0) {
-        ADD_FAILURE() << "only field 0 is played, not " << field;
-        return ERROR_INVALID_PARAMETER;
-    }
-    found->second = text;
-    return ERROR_SUCCESS;
-}
-
-int WINAPI scripted_session::process_message(MSIHANDLE session, INSTALLMESSAGE type, MSIHANDLE record)
-{
-    active->calls_.push_back(
-        "MsiProcessMessage(" + active->name_of(session) + ", " + active->name_of(record) + ")");
-    const auto found = active->records_.find(record);
-    if (session != SESSION || found == active->records_.end()) {
-        return -1;
-    }
-    active->messages_.push_back({static_cast<UINT>(type), found->second});
-    return IDOK;
-}
-
-UINT WINAPI scripted_session::close_handle(MSIHANDLE handle)
-{
-    active->calls_.push_back("MsiCloseHandle(" + active->name_of(handle) + ")");
-    if (active->records_.erase(handle) == 0) {
-        ADD_FAILURE() << "closed, but not an open record: " << handle;
-        return ERROR_INVALID_HANDLE;
-    }
-    return ERROR_SUCCESS;
-}
-
-// As the installer does, the folder's property gets a separator at its end.
-UINT WINAPI scripted_session::set_target_path(MSIHANDLE session, LPCWSTR folder, LPCWSTR path)
-{
-    active->calls_.push_back("MsiSetTargetPathW(" + active->name_of(session) + ", " + narrow(folder) + ")");
-    if (const auto code = active->failure(installer_call::set_target_path)) {
-        return *code;
-    }
-    if (session != SESSION) {
-        return ERROR_INVALID_HANDLE;
-    }
-    const std::wstring pinned = path;
-    active->set_property(folder, pinned.ends_with(L'\\') ? pinned : pinned + L'\\');
-    return ERROR_SUCCESS;
-}
-
-INSTALLSTATE WINAPI scripted_session::get_component_path(
-    LPCWSTR product,
-    LPCWSTR component,
-    LPCWSTR user_sid,
-    MSIINSTALLCONTEXT context,
-    LPWSTR path,
-    LPDWORD size)
-{
-    active->calls_.push_back("MsiGetComponentPathExW(" + narrow(product) + ", " + narrow(component) + ")");
-    if (const auto state = active->failure(installer_call::get_component_path)) {
-        return static_cast<INSTALLSTATE>(*state);
-    }
-    const auto found = active->key_paths_.find(std::wstring{product} + component);
-    if (found == active->key_paths_.end() || user_sid != nullptr || context != MSIINSTALLCONTEXT_MACHINE) {
-        return INSTALLSTATE_UNKNOWN;
-    }
-    if (found->second.size() >= *size) {
-        return INSTALLSTATE_MOREDATA;
-    }
-    *std::ranges::copy(found->second, path).out = L'\0';
-    *size = static_cast<DWORD>(found->second.size());
-    return INSTALLSTATE_LOCAL;
+    // As the installer does, the folder's property gets a separator at its end.
+    play<"MsiSetTargetPathW", decltype(MsiSetTargetPathW)>(
+        module, [this](MSIHANDLE session, LPCWSTR folder, LPCWSTR path) {
+            const auto code = failure(installer_call::set_target_path, session);
+            if (!code) {
+                const std::wstring pinned = path;
+                set_property(folder, pinned.ends_with(L'\\') ? pinned : pinned + L'\\');
+            }
+            return code.value_or(ERROR_SUCCESS);
+        });
+    play<"MsiGetComponentPathExW", component_path_query>(
+        module,
+        [this](
+            LPCWSTR product,
+            LPCWSTR component,
+            LPCWSTR user,
+            MSIINSTALLCONTEXT context,
+            LPWSTR path,
+            LPDWORD size) {
+            if (const auto state = failure(installer_call::get_component_path, SESSION)) {
+                return static_cast<INSTALLSTATE>(*state);
+            }
+            const auto found = key_paths_.find(std::wstring{product} + component);
+            if (found == key_paths_.end() || user != nullptr || context != MSIINSTALLCONTEXT_MACHINE) {
+                return INSTALLSTATE_UNKNOWN;
+            }
+            if (found->second.size() >= *size) {
+                return INSTALLSTATE_MOREDATA;
+            }
+            *std::ranges::copy(found->second, path).out = L'\0';
+            *size = static_cast<DWORD>(found->second.size());
+            return INSTALLSTATE_LOCAL;
+        });
 }
 
 } // namespace test_support

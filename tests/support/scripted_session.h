@@ -1,7 +1,7 @@
 #pragma once
 
-#include "support/import_patch.h"
 #include "support/real_session.h"
+#include "tests/support/failing_import.h"
 
 #include <windows.h>
 #include <msi.h>
@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -47,40 +48,26 @@ public:
 
     [[nodiscard]] const std::vector<posted_message>& messages() const noexcept { return messages_; }
 
-    // Every call of the module, in order, as "MsiCreateRecord(1)"; handles are named "session", "record" and
-    // "0".
-    [[nodiscard]] const std::vector<std::string>& calls() const noexcept { return calls_; }
-
     [[nodiscard]] std::size_t open_records() const noexcept { return records_.size(); }
 
 private:
-    static UINT WINAPI get_property(MSIHANDLE session, LPCWSTR name, LPWSTR buffer, LPDWORD count);
-    static UINT WINAPI set_property_value(MSIHANDLE session, LPCWSTR name, LPCWSTR value);
-    static MSIHANDLE WINAPI create_record(UINT fields);
-    static UINT WINAPI set_string(MSIHANDLE record, UINT field, LPCWSTR text);
-    static int WINAPI process_message(MSIHANDLE session, INSTALLMESSAGE type, MSIHANDLE record);
-    static UINT WINAPI close_handle(MSIHANDLE handle);
-    static UINT WINAPI set_target_path(MSIHANDLE session, LPCWSTR folder, LPCWSTR path);
-    static INSTALLSTATE WINAPI get_component_path(
-        LPCWSTR product,
-        LPCWSTR component,
-        LPCWSTR user_sid,
-        MSIINSTALLCONTEXT context,
-        LPWSTR path,
-        LPDWORD size);
+    template <function_name Name, class Function, class Answer>
+    void play(HMODULE module, Answer answer);
 
-    template <class Function>
-    void patch(HMODULE module, const char* name, Function* replacement);
+    void play_properties(HMODULE module);
+    void play_records(HMODULE module);
+    void play_folders(HMODULE module);
 
-    [[nodiscard]] std::string name_of(MSIHANDLE handle) const;
-    [[nodiscard]] std::optional<UINT> failure(installer_call call);
+    UINT get_property(LPCWSTR name, LPWSTR buffer, LPDWORD count) const;
+
+    // The code with which this call fails, planned or since it names another session.
+    [[nodiscard]] std::optional<UINT> failure(installer_call call, MSIHANDLE session);
 
     std::map<std::wstring, std::wstring> properties_;
     std::map<std::wstring, std::wstring> key_paths_; // by product and component
     std::map<MSIHANDLE, std::wstring> records_;      // the open ones, with their field 0
     MSIHANDLE last_record_;
     std::vector<posted_message> messages_;
-    std::vector<std::string> calls_;
 
     struct planned_failure {
         unsigned calls_left;
@@ -88,7 +75,8 @@ private:
     };
 
     std::map<installer_call, planned_failure> failures_;
-    std::vector<std::unique_ptr<untyped_import_patch>> patches_;
+    std::set<std::string> played_;
+    std::vector<std::shared_ptr<void>> interceptions_;
 };
 
 } // namespace test_support
