@@ -50,17 +50,13 @@ const std::wstring NEW_MENU = LR"(Software\Classes\Directory\Background\ShellEx\
 const std::wstring ICON_SLOT = LR"(\ShellEx\IconHandler)";
 const std::wstring DRIVES = LR"(Software\Classes\Applications\Explorer.exe\Drives\)";
 
-// Programs of the suite and hosts of its libraries, Explorer the last of them.
-constexpr struct {
-    const wchar_t* name;
-    bool polite;
-    const wchar_t* library;
-} PROGRAMS[]{
-    {L"Quorbel.exe", true, L""},
-    {L"Quorbel.Comment.exe", false, L""},
-    {L"Quorbel.Kindra.HelperService.exe", false, L""},
-    {L"dllhost.exe", false, L"Quorbel.WindowOrganizer.Hook.dll"},
-    {L"explorer.exe", false, L"Sorvane.Icon.ShellExtension.dll"},
+// Programs of the suite and hosts of its libraries.
+constexpr played_machine::program PROGRAMS[]{
+    {.name = L"Quorbel.exe", .polite = true},
+    {.name = L"Quorbel.Comment.exe"},
+    {.name = L"Quorbel.Kindra.HelperService.exe"},
+    {.name = L"dllhost.exe", .library = L"Quorbel.WindowOrganizer.Hook.dll"},
+    {.name = L"explorer.exe", .library = L"Sorvane.Icon.ShellExtension.dll"},
 };
 
 void plant(HKEY root, const std::wstring& path, const wchar_t* name, std::wstring_view text)
@@ -73,8 +69,7 @@ struct stage {
     explicit stage(const std::deque<toy_process>& programs)
     {
         for (std::size_t index = 0; index != programs.size(); ++index) {
-            const auto& [name, polite, loaded] = PROGRAMS[index];
-            machine.list(programs[index].id(), name, polite, loaded);
+            machine.list(programs[index].id(), PROGRAMS[index]);
         }
         for (const wchar_t* package : custom_actions::controlled_upgrade::UPGRADE_PACKAGES) {
             std::ofstream{folder / package} << "package";
@@ -87,10 +82,12 @@ struct stage {
     stage(const stage&) = delete;
     stage& operator=(const stage&) = delete;
 
-    void forget_upgrade() const
+    // False where something in its folder is held open.
+    bool forget_upgrade() const
     {
-        std::error_code ignored;
-        std::filesystem::remove_all(upgrade.workspace, ignored);
+        std::error_code error;
+        std::filesystem::remove_all(upgrade.workspace, error);
+        return !error;
     }
 
     // As it is before each run: both hives empty, every program and Search running.
@@ -99,8 +96,7 @@ struct stage {
         for (HKEY root : {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER}) {
             RegDeleteTreeW(root, L"Software");
         }
-        machine.begin_anew(SERVICE_RUNNING);
-        forget_upgrade();
+        machine.begin_anew();
         foreign.clear();
         set_data(upgrade_data);
         session.set_property(L"INSTALLED_APP_VERSION", L"1.5.0");
@@ -251,7 +247,7 @@ const std::map<std::string_view, void (*)(stage&)> SCENARIOS{
     {"close_and_kill_our_processes", nothing},
     {"restore_explorer",
      [](stage& stage) {
-         stage.machine.end(L"explorer.exe");
+         stage.machine.begin_anew(SERVICE_RUNNING, L"explorer.exe");
          stage.set_data(custom_actions::explorer_record(stage.upgrade.session_id, stage.upgrade.user_sid));
      }},
     {"capture_search_state", nothing},
@@ -287,44 +283,47 @@ protected:
                 << "starts programs with the suite's names: set DISPOSABLE_MACHINE where that may be";
         }
         while (programs_.size() != std::size(PROGRAMS)) {
-            programs_.emplace_back(PROGRAMS[programs_.size()].name);
+            programs_.emplace_back(std::wstring{PROGRAMS[programs_.size()].name});
         }
         stage_.emplace(programs_);
         ASSERT_TRUE(SCENARIOS.contains(GetParam())) << "an action without a scenario";
     }
 
     // Calls the action and looks at what it leaves. Returns how many handles more are open than before.
-    long run(std::size_t nth, call_sweep::lasting how)
+    long run(std::size_t nth, call_sweep::fault fault)
     {
         stage_->begin_anew();
         SCENARIOS.at(GetParam())(*stage_);
         const auto handles = static_cast<long>(open_handles());
         UINT code = 0;
-        stage_->sweep.fail_at(nth, how);
+        stage_->sweep.plan(nth, fault);
         EXPECT_NO_THROW(code = stage_->library.call(GetParam().c_str(), stage_->session.handle()));
         const auto& calls = stage_->sweep.calls();
         const std::string failing = nth != 0 && nth <= calls.size() ? calls[nth - 1].function : "nothing";
         fault_ = " after " + failing + ", call " + std::to_string(nth) +
-                 (how == call_sweep::lasting::once ? ", passing" : ", staying");
+                 (fault == call_sweep::fault::passing ? ", passing" : ", staying");
 
         const bool of_package = code == ERROR_INVALID_PARAMETER && GetParam().starts_with("msix_");
         EXPECT_TRUE(code == ERROR_SUCCESS || code == ERROR_INSTALL_FAILURE || of_package) << code << fault_;
         EXPECT_EQ(stage_->session.open_records(), 0U) << fault_;
         EXPECT_EQ(stage_->scheduler.objects(), 0U) << fault_;
         EXPECT_FALSE(thread_is_impersonating()) << fault_;
+        RevertToSelf();
         EXPECT_EQ(stage_->lost(failing), "") << fault_;
+        const long left_open = static_cast<long>(open_handles()) - handles;
+        EXPECT_TRUE(stage_->forget_upgrade()) << "a file is left open" << fault_;
         ++codes_[code];
         faults_ += stage_->sweep.failed();
-        return static_cast<long>(open_handles()) - handles;
+        return left_open;
     }
 
     void inject(std::size_t nth)
     {
-        for (const auto how : {call_sweep::lasting::once, call_sweep::lasting::staying}) {
+        for (const auto fault : {call_sweep::fault::passing, call_sweep::fault::staying}) {
             // A handle that stays may be the system's own, made on first use; one that a second run leaves as
             // well is leaked.
-            if (run(nth, how) > 0) {
-                EXPECT_LE(run(nth, how), 0) << "handles left open" << fault_;
+            if (run(nth, fault) > 0) {
+                EXPECT_LE(run(nth, fault), 0) << "handles left open" << fault_;
             }
         }
     }
@@ -338,8 +337,8 @@ protected:
 
 TEST_P(FaultSweep, returns_a_code_of_its_own_and_leaves_nothing_behind)
 {
-    run(0, call_sweep::lasting::once); // what the system makes on first use
-    EXPECT_EQ(run(0, call_sweep::lasting::once), 0) << "handles left open without a fault";
+    run(0, call_sweep::fault::passing); // what the system makes on first use
+    EXPECT_EQ(run(0, call_sweep::fault::passing), 0) << "handles left open without a fault";
     EXPECT_EQ(codes_[ERROR_SUCCESS], 2U) << testing::PrintToString(stage_->session.messages().back());
     codes_.clear();
     const auto calls = stage_->sweep.calls();

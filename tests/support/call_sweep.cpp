@@ -4,12 +4,14 @@
 #include "tests/support/pe_image.h"
 #include "tests/support/test_limit.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <memory>
-#include <numeric>
 #include <set>
 #include <span>
 #include <sstream>
@@ -148,20 +150,13 @@ call_sweep::call_sweep(HMODULE module, const std::vector<std::string_view>& only
 
 call_sweep::~call_sweep() = default;
 
-void call_sweep::fail_at(std::size_t nth, lasting how)
+void call_sweep::plan(std::size_t nth, fault what)
 {
     calls_.clear();
     failed_ = 0;
     nth_ = nth;
-    how_ = how;
-    exit_code_.reset();
+    planned_ = what;
     failing_ = nullptr;
-}
-
-void call_sweep::end_process_at(std::size_t nth, UINT exit_code)
-{
-    fail_at(nth, lasting::once);
-    exit_code_ = exit_code;
 }
 
 bool call_sweep::fails(const function& called, ULONG_PTR first_argument)
@@ -173,16 +168,15 @@ bool call_sweep::fails(const function& called, ULONG_PTR first_argument)
         called.name != "WaitForSingleObject" || GetThreadId(reinterpret_cast<HANDLE>(first_argument)) == 0;
     bool failing = false;
     if (counts) {
-        const std::size_t place = place_of_call();
+        const std::size_t place = nth_ == 0 ? place_of_call() : 0;
         const std::scoped_lock lock{counting_};
         calls_.push_back({.function = called.name, .place = place});
-        if (calls_.size() == nth_) {
-            if (exit_code_) {
-                TerminateProcess(GetCurrentProcess(), *exit_code_);
-            }
-            failing_ = &called;
+        const bool reached = calls_.size() == nth_;
+        if (reached && planned_ == fault::ends_process) {
+            TerminateProcess(GetCurrentProcess(), KILLED);
         }
-        failing = failing_ == &called && (calls_.size() == nth_ || how_ == lasting::staying);
+        failing_ = reached ? &called : failing_;
+        failing = reached || (failing_ == &called && planned_ == fault::staying);
         failed_ += failing ? 1 : 0;
     }
     SetLastError(last_error);
@@ -207,12 +201,10 @@ std::string sweep_calls(
     const std::function<void(std::size_t)>& take)
 {
     using clock = std::chrono::steady_clock;
+    using seconds = std::chrono::duration<double>;
     const char* const told = std::getenv("SWEEP");
     const bool full = told != nullptr && std::string_view{told} == "full";
-    const std::chrono::duration<double> limit{
-        full              ? 7200
-        : told != nullptr ? std::strtod(told, nullptr)
-                          : default_seconds};
+    const seconds limit{full ? 7200 : told != nullptr ? std::strtod(told, nullptr) : default_seconds};
     allow_test(std::chrono::duration_cast<std::chrono::milliseconds>(limit) + std::chrono::minutes{2});
 
     std::vector<std::size_t> at_new_places;
@@ -224,21 +216,23 @@ std::string sweep_calls(
     std::ostringstream result;
     result << calls.size() << " calls, taken";
     const auto start = clock::now();
-    for (const auto& [numbers, time] :
-         {std::pair{&at_new_places, limit}, std::pair{&others, full ? limit : limit / 10}}) {
+    const auto take_for = [&](seconds time, const std::vector<std::size_t>& numbers, const char* what) {
         const auto end = clock::now() + time;
-        std::size_t step = (numbers->size() * 618 / 1000) + 1; // by the golden ratio
-        while (std::gcd(step, numbers->size()) > 1) {
-            ++step;
+        std::set<std::size_t> taken;
+        // The golden ratio's multiples cover them evenly, wherever that ends.
+        for (double at = 0;
+             taken.size() != numbers.size() && clock::now() < end && !testing::Test::HasFailure();
+             at = std::fmod(at + 0.6180339887, 1.0)) {
+            const auto index = static_cast<std::size_t>((1 - at) * static_cast<double>(numbers.size() - 1));
+            if (taken.insert(index).second) {
+                take(numbers[index]);
+            }
         }
-        std::size_t taken = 0;
-        while (taken != numbers->size() && clock::now() < end) {
-            take(numbers->at(++taken * step % numbers->size()));
-        }
-        result << ' ' << taken << " of " << numbers->size()
-               << (numbers == &others ? " others" : " at new places,");
-    }
-    result << " in " << std::chrono::duration<double>{clock::now() - start}.count() << " s";
+        result << ' ' << taken.size() << " of " << numbers.size() << what;
+    };
+    take_for(full ? limit : limit * 0.9, at_new_places, " at new places,");
+    take_for(full ? limit : limit * 0.1, others, " others");
+    result << " in " << seconds{clock::now() - start}.count() << " s";
     return result.str();
 }
 

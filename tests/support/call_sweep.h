@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <functional>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,14 +17,18 @@ namespace test_support {
 // sweep comes and goes while none is. One can live at a time.
 class call_sweep {
 public:
-    enum class lasting {
-        once,   // the n-th call alone
-        staying // and every later one of the same function
+    enum class fault {
+        passing,     // the n-th call alone fails
+        staying,     // and every later one of the same function
+        ends_process // with KILLED, before the n-th call
     };
+
+    static constexpr UINT KILLED = 77;
 
     struct counted_call {
         std::string function;
-        std::size_t place; // the same for calls that come from the same place by the same way
+        std::size_t
+            place; // the same for calls from the same place by the same way; 0 where a fault is planned
     };
 
     // Counts the functions whose names begin with one of `only`, or all where there is none. Throws
@@ -37,9 +40,8 @@ public:
     call_sweep(const call_sweep&) = delete;
     call_sweep& operator=(const call_sweep&) = delete;
 
-    // Each of these counts anew, from 1; no call is the 0th.
-    void fail_at(std::size_t nth, lasting how);
-    void end_process_at(std::size_t nth, UINT exit_code);
+    // Counts anew, from 1; no call is the 0th.
+    void plan(std::size_t nth, fault what);
 
     // In the order in which they came.
     [[nodiscard]] const std::vector<counted_call>& calls() const noexcept { return calls_; }
@@ -65,15 +67,14 @@ private:
     std::vector<counted_call> calls_;
     std::size_t failed_ = 0;
     std::size_t nth_ = 0;
-    lasting how_ = lasting::once;
-    std::optional<UINT> exit_code_;
+    fault planned_ = fault::passing;
     const function* failing_ = nullptr;
 };
 
-// Takes the calls by their numbers, from 1 on, for as long as SWEEP of the environment says, which is a
-// number of seconds or "full", or else for `default_seconds`: first the first call of each place in the code,
-// then for a tenth of that time the others. What was taken is spread evenly over both, wherever the time was
-// over. Allows the test that time, and returns what to print of it.
+// Takes the calls by their numbers, from 1 on, for as many seconds as SWEEP of the environment says ("full"
+// is all of them), or else for the default: nine tenths of that time the first calls of each place in the
+// code, then the others. What was taken is spread evenly over both, wherever the time was over. Ends at the
+// first failure. Allows the test that time, and returns what to print of it.
 std::string sweep_calls(
     const std::vector<call_sweep::counted_call>& calls,
     double default_seconds,

@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
-#include <string_view>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 
 namespace test_support {
@@ -52,31 +52,17 @@ void played_machine::answer(HMODULE module, Answer result)
 played_machine::played_machine(HMODULE module) : clock_{module}
 {
     play_snapshots(module);
-    play_processes(module);
-    play_scripts(module);
+    play_programs(module);
     play_service(module);
 }
 
-void played_machine::list(
-    DWORD process, const std::wstring& name, bool polite, const std::wstring& loaded_library)
-{
-    programs_[process] = {.name = name, .library = loaded_library, .polite = polite, .running = true};
-}
-
-void played_machine::begin_anew(DWORD search_state)
+void played_machine::begin_anew(DWORD search_state, std::wstring_view ended)
 {
     for (auto& [process, listed] : programs_) {
-        listed.running = true;
+        listed.running = listed.name != ended;
     }
     search_state_ = search_state;
     search_start_type_ = SERVICE_AUTO_START;
-}
-
-void played_machine::end(const std::wstring& name)
-{
-    for (auto& [process, listed] : programs_) {
-        listed.running = listed.running && listed.name != name;
-    }
 }
 
 played_machine::program* played_machine::find(DWORD process)
@@ -85,42 +71,30 @@ played_machine::program* played_machine::find(DWORD process)
     return found == programs_.end() ? nullptr : &found->second;
 }
 
-played_machine::program* played_machine::find(HANDLE process)
-{
-    const DWORD last_error = GetLastError();
-    program* const found = find(GetProcessId(process));
-    SetLastError(last_error);
-    return found;
-}
-
-// Of a process, or of its only thread.
-template <class Entry>
-BOOL played_machine::next_entry(Entry& entry)
-{
-    const auto found = std::find_if(programs_.lower_bound(next_), programs_.end(), [](const auto& listed) {
-        return listed.second.running;
-    });
-    if (found == programs_.end()) {
-        return fail_with(ERROR_NO_MORE_FILES);
-    }
-    next_ = found->first + 1;
-    if constexpr (std::is_same_v<Entry, PROCESSENTRY32W>) {
-        entry.th32ProcessID = found->first;
-        *std::ranges::copy(found->second.name, entry.szExeFile).out = L'\0';
-    } else {
-        entry.th32OwnerProcessID = found->first;
-    }
-    return TRUE;
-}
-
 // A snapshot has what is there when it is looked at: each program once, with one thread, itself as its first
 // module and the library that it has loaded.
 void played_machine::play_snapshots(HMODULE module)
 {
-    const auto next = [this](HANDLE, auto* entry) { return next_entry(*entry); };
-    const auto first = [this](HANDLE, auto* entry) {
+    const auto next = [this](HANDLE, auto* entry) {
+        auto found = programs_.lower_bound(next_);
+        while (found != programs_.end() && !found->second.running) {
+            ++found;
+        }
+        if (found == programs_.end()) {
+            return fail_with(ERROR_NO_MORE_FILES);
+        }
+        next_ = found->first + 1;
+        if constexpr (std::is_same_v<decltype(entry), PROCESSENTRY32W*>) {
+            entry->th32ProcessID = found->first;
+            *std::ranges::copy(found->second.name, entry->szExeFile).out = L'\0';
+        } else {
+            entry->th32OwnerProcessID = found->first;
+        }
+        return TRUE;
+    };
+    const auto first = [this, next](HANDLE snapshot, auto* entry) {
         next_ = 0;
-        return next_entry(*entry);
+        return next(snapshot, entry);
     };
     answer<"CreateToolhelp32Snapshot", decltype(CreateToolhelp32Snapshot)>(
         module, [this](DWORD, DWORD process) {
@@ -143,23 +117,21 @@ void played_machine::play_snapshots(HMODULE module)
     });
 }
 
-void played_machine::play_processes(HMODULE module)
+void played_machine::play_programs(HMODULE module)
 {
-    answer<"OpenProcess", decltype(OpenProcess)>(
-        module, [this](DWORD access, BOOL inherit, DWORD process) -> std::optional<HANDLE> {
-            const program* const found = find(process);
-            if (found == nullptr) {
-                return std::nullopt;
-            }
-            if (!found->running) {
-                SetLastError(ERROR_INVALID_PARAMETER);
-                return nullptr;
-            }
+    answer<"OpenProcess", decltype(OpenProcess)>(module, [this](DWORD access, BOOL inherit, DWORD process) {
+        const program* const found = find(process);
+        if (found == nullptr || found->running) {
             return OpenProcess(access | PROCESS_QUERY_LIMITED_INFORMATION, inherit, process);
-        });
+        }
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return HANDLE{};
+    });
     const auto of_listed = [this](auto result) {
         return [this, result](HANDLE object, auto...) {
-            program* const found = find(object);
+            const DWORD last_error = GetLastError();
+            program* const found = find(GetProcessId(object));
+            SetLastError(last_error);
             return found == nullptr ? std::nullopt : std::optional{result(*found)};
         };
     };
@@ -180,10 +152,6 @@ void played_machine::play_processes(HMODULE module)
         return TRUE;
     });
     answer<"PostThreadMessageW", decltype(PostThreadMessageW)>(module, succeed);
-}
-
-void played_machine::play_scripts(HMODULE module)
-{
     answer<"CreateEnvironmentBlock", decltype(CreateEnvironmentBlock)>(
         module, [](LPVOID* environment, HANDLE, BOOL) {
             *environment = new_handle();

@@ -7,7 +7,7 @@
 
 #include <map>
 #include <memory>
-#include <string>
+#include <string_view>
 #include <vector>
 
 namespace test_support {
@@ -22,31 +22,24 @@ public:
     // Throws std::runtime_error where `module` does not import what is played here.
     explicit played_machine(HMODULE module);
 
-    // Has a process in the list of processes, in which there is nothing else, with one library loaded. One
-    // that is `polite` ends when a window of its is asked to close, one that is not when it is terminated.
-    void list(DWORD process, const std::wstring& name, bool polite, const std::wstring& loaded_library);
-
-    // Every listed program runs again, and the service is in this state.
-    void begin_anew(DWORD search_state);
-
-    // Ends those of this name in the play. A start of such a program brings them back.
-    void end(const std::wstring& name);
-
-private:
     struct program {
-        std::wstring name;
-        std::wstring library;
-        bool polite;
-        bool running;
+        std::wstring_view name;
+        std::wstring_view library = L""; // which it has loaded
+        bool polite = false;             // ends when a window of its is asked to, not only when terminated
+        bool running = true;
     };
 
+    // Has a process in the list of processes, in which there is nothing else.
+    void list(DWORD process, const program& listed) { programs_[process] = listed; }
+
+    // Every listed program runs again, but not those of this name until one is started, and the service is in
+    // this state.
+    void begin_anew(DWORD search_state = SERVICE_RUNNING, std::wstring_view ended = L"");
+
+private:
     program* find(DWORD process);
-    program* find(HANDLE process);
-    template <class Entry>
-    BOOL next_entry(Entry& entry);
     void play_snapshots(HMODULE module);
-    void play_processes(HMODULE module);
-    void play_scripts(HMODULE module);
+    void play_programs(HMODULE module);
     void play_service(HMODULE module);
 
     template <function_name Name, class Function, class Answer>
