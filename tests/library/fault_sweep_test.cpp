@@ -52,9 +52,9 @@ const std::wstring DRIVES = LR"(Software\Classes\Applications\Explorer.exe\Drive
 
 // Programs of the suite and hosts of its libraries.
 constexpr played_machine::program PROGRAMS[]{
-    {.name = L"Quorbel.exe", .polite = true},
-    {.name = L"Quorbel.Comment.exe"},
-    {.name = L"Quorbel.Kindra.HelperService.exe"},
+    {.name = L"Quorbel.exe", .library = L"", .polite = true},
+    {.name = L"Quorbel.Comment.exe", .library = L""},
+    {.name = L"Quorbel.Kindra.HelperService.exe", .library = L""},
     {.name = L"dllhost.exe", .library = L"Quorbel.WindowOrganizer.Hook.dll"},
     {.name = L"explorer.exe", .library = L"Sorvane.Icon.ShellExtension.dll"},
 };
@@ -121,14 +121,14 @@ struct stage {
     [[nodiscard]] std::string lost(std::string_view failing) const
     {
         std::string paths;
-        for (const auto& [root, path, but_where] : foreign) {
+        for (const foreign_handler& handler : foreign) {
             const auto has_it = [&](const wchar_t* name) {
-                return planted_value(root, path, name) == registry_text(FOREIGN);
+                return planted_value(handler.root, handler.path, name) == registry_text(FOREIGN);
             };
             const auto places = {
                 L"", PROPERTY_HANDLER_BACKUP, custom_actions::ICON_HANDLER_BACKUP_VALUE, DRIVE_ICON_BACKUP};
-            if (failing != but_where && std::ranges::none_of(places, has_it)) {
-                paths += std::filesystem::path{path}.string() + ' ';
+            if (failing != handler.but_where && std::ranges::none_of(places, has_it)) {
+                paths += std::filesystem::path{handler.path}.string() + ' ';
             }
         }
         return paths;

@@ -204,7 +204,8 @@ std::string sweep_calls(
     using seconds = std::chrono::duration<double>;
     const char* const told = std::getenv("SWEEP");
     const bool full = told != nullptr && std::string_view{told} == "full";
-    const seconds limit{full ? 7200 : told != nullptr ? std::strtod(told, nullptr) : default_seconds};
+    const seconds asked{told != nullptr ? std::strtod(told, nullptr) : default_seconds};
+    const seconds limit = full ? std::chrono::hours{2} : asked;
     allow_test(std::chrono::duration_cast<std::chrono::milliseconds>(limit) + std::chrono::minutes{2});
 
     std::vector<std::size_t> at_new_places;
@@ -219,14 +220,13 @@ std::string sweep_calls(
     const auto take_for = [&](seconds time, const std::vector<std::size_t>& numbers, const char* what) {
         const auto end = clock::now() + time;
         std::set<std::size_t> taken;
-        // The golden ratio's multiples cover them evenly, wherever that ends.
-        for (double at = 0;
-             taken.size() != numbers.size() && clock::now() < end && !testing::Test::HasFailure();
-             at = std::fmod(at + 0.6180339887, 1.0)) {
+        double at = 0; // the golden ratio's multiples cover the calls evenly, wherever that ends
+        while (taken.size() != numbers.size() && clock::now() < end && !testing::Test::HasFailure()) {
             const auto index = static_cast<std::size_t>((1 - at) * static_cast<double>(numbers.size() - 1));
             if (taken.insert(index).second) {
                 take(numbers[index]);
             }
+            at = std::fmod(at + 0.6180339887, 1.0);
         }
         result << ' ' << taken.size() << " of " << numbers.size() << what;
     };

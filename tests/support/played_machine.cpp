@@ -5,6 +5,7 @@
 #include <userenv.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -140,9 +141,8 @@ void played_machine::play_programs(HMODULE module)
                                                                return TRUE;
                                                            }));
     answer<"WaitForSingleObject", decltype(WaitForSingleObject)>(
-        module, of_listed([](const program& listed) {
-            return static_cast<DWORD>(listed.running ? WAIT_TIMEOUT : WAIT_OBJECT_0);
-        }));
+        module,
+        of_listed([](const program& listed) { return listed.running ? WAIT_TIMEOUT : WAIT_OBJECT_0; }));
     answer<"PostMessageW", decltype(PostMessageW)>(module, [this](HWND window, UINT message, WPARAM, LPARAM) {
         DWORD owner = 0;
         GetWindowThreadProcessId(window, &owner);
@@ -195,7 +195,9 @@ void played_machine::play_service(HMODULE module)
     // What is pending is done when it has been seen once.
     answer<"QueryServiceStatusEx", decltype(QueryServiceStatusEx)>(
         module, [this](SC_HANDLE, SC_STATUS_TYPE, LPBYTE status, DWORD, LPDWORD) {
-            reinterpret_cast<SERVICE_STATUS_PROCESS*>(status)->dwCurrentState = search_state_;
+            SERVICE_STATUS_PROCESS told{};
+            told.dwCurrentState = search_state_;
+            std::memcpy(status, &told, sizeof told);
             if (search_state_ == SERVICE_STOP_PENDING) {
                 search_state_ = SERVICE_STOPPED;
             } else if (search_state_ == SERVICE_START_PENDING) {
@@ -225,7 +227,8 @@ void played_machine::play_service(HMODULE module)
         });
     answer<"QueryServiceConfig2W", decltype(QueryServiceConfig2W)>(
         module, [](SC_HANDLE, DWORD, LPBYTE delayed, DWORD, LPDWORD) {
-            reinterpret_cast<SERVICE_DELAYED_AUTO_START_INFO*>(delayed)->fDelayedAutostart = TRUE;
+            constexpr SERVICE_DELAYED_AUTO_START_INFO told{.fDelayedAutostart = TRUE};
+            std::memcpy(delayed, &told, sizeof told);
             return TRUE;
         });
     answer<"ChangeServiceConfigW", decltype(ChangeServiceConfigW)>(

@@ -24,8 +24,8 @@ public:
 
     struct program {
         std::wstring_view name;
-        std::wstring_view library = L""; // which it has loaded
-        bool polite = false;             // ends when a window of its is asked to, not only when terminated
+        std::wstring_view library; // which it has loaded
+        bool polite = false;       // ends when a window of its is asked to, not only when terminated
         bool running = true;
     };
 
