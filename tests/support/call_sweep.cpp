@@ -1,7 +1,7 @@
 #include "tests/support/call_sweep.h"
 
-#include "tests/support/import_patch.h"
-#include "tests/support/pe_image.h"
+#include "support/import_patch.h"
+#include "support/pe_image.h"
 #include "tests/support/test_limit.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
+#include "support/loaded_library.h"
+#include "support/registry_sandbox.h"
 #include "tests/support/call_sweep.h"
-#include "tests/support/loaded_library.h"
-#include "tests/support/registry_sandbox.h"
 #include "tests/support/scripted_session.h"
 
 #include <gmock/gmock.h>

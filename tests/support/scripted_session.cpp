@@ -159,11 +159,12 @@ void scripted_session::play_records(HMODULE module)
     });
     play<"MsiRecordSetStringW", decltype(MsiRecordSetStringW)>(
         module, [this](MSIHANDLE record, UINT field, LPCWSTR text) {
-            if (!records_.contains(record) || field != 0) {
-                ADD_FAILURE() << "not field 0 of an open record: " << field << " of " << record;
+            EXPECT_EQ(field, 0U) << "only field 0 is played";
+            const auto found = records_.find(record);
+            if (found == records_.end()) {
                 return UINT{ERROR_INVALID_HANDLE};
             }
-            records_[record] = text;
+            found->second = text;
             return UINT{ERROR_SUCCESS};
         });
     play<"MsiProcessMessage", decltype(MsiProcessMessage)>(

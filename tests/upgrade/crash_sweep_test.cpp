@@ -9,10 +9,10 @@
 #include "custom_actions/upgrade/upgrade_packages.h"
 #include "custom_actions/upgrade/workspace.h"
 #include "package/toy_suite/powershell/state.h"
+#include "support/child_process.h"
+#include "support/disposable_machine.h"
+#include "support/loaded_library.h"
 #include "tests/support/call_sweep.h"
-#include "tests/support/child_process.h"
-#include "tests/support/installation.h"
-#include "tests/support/loaded_library.h"
 #include "tests/support/scripted_session.h"
 #include "tests/support/upgrade_scene.h"
 #include "tests/support/windows_search.h"
@@ -113,7 +113,7 @@ protected:
         if (!machine_is_disposable()) {
             GTEST_SKIP() << "ends programs, replaces PowerShell: set DISPOSABLE_MACHINE where that may be";
         }
-        search_.emplace(search_behaviour{.start_time = 50, .stop_time = 50}); // on demand
+        search_.emplace(); // on demand
         search_->start();
         scene_.emplace();
         const auto& upgrade = scene_->context();
