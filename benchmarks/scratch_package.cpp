@@ -69,7 +69,7 @@ constexpr std::pair<const wchar_t*, int> STANDARD_ACTIONS[]{
 constexpr int AFTER_INSTALL_VALIDATE = 1401;
 constexpr int AFTER_WRITE_REGISTRY_VALUES = 5001;
 
-void add_sequence(scratch_database& database)
+void add_sequence(const scratch_database& database)
 {
     for (const auto& [action, number] : STANDARD_ACTIONS) {
         database.run(
@@ -78,7 +78,7 @@ void add_sequence(scratch_database& database)
     }
 }
 
-void add_rows(scratch_database& database, const std::vector<registry_row>& rows)
+void add_rows(const scratch_database& database, const std::vector<registry_row>& rows)
 {
     const record_handle record{MsiCreateRecord(4)};
     for (std::size_t i = 0; i < rows.size(); ++i) {
@@ -93,7 +93,7 @@ void add_rows(scratch_database& database, const std::vector<registry_row>& rows)
     }
 }
 
-void add_library(scratch_database& database, const std::wstring& name)
+void add_library(const scratch_database& database, const std::wstring& name)
 {
     const std::filesystem::path program{test_support::this_program()};
     const std::wstring library = program.parent_path() / name;
@@ -103,7 +103,7 @@ void add_library(scratch_database& database, const std::wstring& name)
     database.run(L"INSERT INTO `Binary` (`Name`, `Data`) VALUES (?, ?)", record.get());
 }
 
-void add_action(scratch_database& database, const package_action& action, int number)
+void add_action(const scratch_database& database, const package_action& action, int number)
 {
     database.run(
         L"INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('" + action.name +
@@ -113,7 +113,7 @@ void add_action(scratch_database& database, const package_action& action, int nu
         L"', 'NOT REMOVE', " + std::to_wstring(number) + L")");
 }
 
-void add_actions(scratch_database& database, const std::vector<package_action>& actions)
+void add_actions(const scratch_database& database, const std::vector<package_action>& actions)
 {
     int immediate = AFTER_INSTALL_VALIDATE;
     int deferred = AFTER_WRITE_REGISTRY_VALUES;

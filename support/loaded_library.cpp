@@ -4,6 +4,7 @@
 
 #include <msi.h>
 
+#include <bit>
 #include <stdexcept>
 #include <system_error>
 
@@ -35,7 +36,7 @@ loaded_library::~loaded_library()
 UINT loaded_library::call(const char* name, MSIHANDLE session) const
 {
     using action = UINT(__stdcall*)(MSIHANDLE);
-    const auto entry = reinterpret_cast<action>(reinterpret_cast<void*>(GetProcAddress(module_, name)));
+    const auto entry = std::bit_cast<action>(GetProcAddress(module_, name));
     if (entry == nullptr) {
         throw std::runtime_error{std::string{"no export "} + name};
     }

@@ -58,14 +58,14 @@ scratch_database::~scratch_database()
     DeleteFileW(path_.c_str());
 }
 
-void scratch_database::run(const std::wstring& sql, MSIHANDLE record)
+void scratch_database::run(const std::wstring& sql, MSIHANDLE record) const
 {
     record_handle view;
     require(MsiDatabaseOpenViewW(handle(), sql.c_str(), view.put()), "MsiDatabaseOpenViewW");
     require(MsiViewExecute(view.get(), record), "MsiViewExecute");
 }
 
-void scratch_database::add_property(const std::wstring& name, const std::wstring& value)
+void scratch_database::add_property(const std::wstring& name, const std::wstring& value) const
 {
     const record_handle row{MsiCreateRecord(2)};
     MsiRecordSetStringW(row.get(), 1, name.c_str());

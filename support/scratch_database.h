@@ -20,9 +20,9 @@ public:
     scratch_database& operator=(const scratch_database&) = delete;
 
     // Each question mark of the statement takes the field of `record` with its number.
-    void run(const std::wstring& sql, MSIHANDLE record = 0);
+    void run(const std::wstring& sql, MSIHANDLE record = 0) const;
 
-    void add_property(const std::wstring& name, const std::wstring& value);
+    void add_property(const std::wstring& name, const std::wstring& value) const;
 
     // Writes the file, so that the installer can read it, and closes it: nothing can be added any more.
     void finish();

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <exception>
 #include <span>
@@ -37,8 +38,8 @@ DWORD listed_handles()
 {
     constexpr int extended_handle_information = 64;
     using query = LONG NTAPI(int, void*, ULONG, ULONG*); // NtQuerySystemInformation
-    static const auto ask = reinterpret_cast<query*>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
+    static const auto ask =
+        std::bit_cast<query*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation"));
     static std::vector<std::byte> list(std::size_t{1024} * 1024);
     if (ask(extended_handle_information, list.data(), static_cast<ULONG>(list.size()), nullptr) < 0) {
         throw std::runtime_error{"the handles cannot be counted"};

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
@@ -24,8 +25,7 @@ void tell(const wchar_t* name, DWORD number)
 
 HRESULT call_export(HMODULE library, const char* name)
 {
-    const auto function =
-        reinterpret_cast<HRESULT(STDAPICALLTYPE*)()>(reinterpret_cast<void*>(GetProcAddress(library, name)));
+    const auto function = std::bit_cast<HRESULT(STDAPICALLTYPE*)()>(GetProcAddress(library, name));
     return function == nullptr ? E_NOINTERFACE : function();
 }
 

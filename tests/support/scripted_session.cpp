@@ -66,7 +66,7 @@ void scripted_session::play(HMODULE module, Answer answer)
         return; // a test program is linked with what it calls alone
     }
     interceptions_.push_back(std::make_shared<intercepted_import<Name, Function>>(
-        module, [this, answer](auto... arguments) { return std::optional{answer(arguments...)}; }));
+        module, [answer](auto... arguments) { return std::optional{answer(arguments...)}; }));
 }
 
 MSIHANDLE scripted_session::handle() const noexcept
@@ -173,7 +173,7 @@ void scripted_session::play_records(HMODULE module)
                 return -1;
             }
             messages_.push_back({static_cast<UINT>(type), records_[record]});
-            return int{IDOK};
+            return IDOK;
         });
     play<"MsiCloseHandle", decltype(MsiCloseHandle)>(module, [this](MSIHANDLE handle) {
         EXPECT_EQ(records_.erase(handle), 1U) << "closed, but not an open record: " << handle;

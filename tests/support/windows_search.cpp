@@ -89,7 +89,7 @@ windows_search::~windows_search()
     }
 }
 
-void windows_search::start()
+void windows_search::start() const
 {
     const service_handle service = open_search_service(SERVICE_START);
     if (!StartServiceW(service.get(), 0, nullptr) &&

@@ -20,7 +20,7 @@ public:
 
     // Starts it, waits until it runs, and forgets that it was asked. Throws windows_error with the service
     // manager's code, and std::runtime_error where it does not run within 10 seconds.
-    void start();
+    void start() const;
 
     [[nodiscard]] DWORD state() const;
 
