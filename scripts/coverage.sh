@@ -13,11 +13,14 @@ mkdir -p "$folder"
 find build/mingw-debug -name '*.gcda' -delete
 trap 'scripts/wine.sh --end' EXIT
 
-# Not the image of the library, which is another one here, nor the sweeps, which know every call of the shipped one.
+# Not the image of the library, which is another one here, nor the crash sweep: a process that is killed tells nothing.
 failed=0
-scripts/wine.sh --limit 900 build/mingw-debug/custom_actions_tests.exe --gtest_brief=1 \
-  --gtest_filter='-Fault.*:LibraryImage.*' >"$folder/tests.txt" || failed=1
-tr -d '\r' <"$folder/tests.txt" | grep -E '^\[  (PASSED|FAILED)' || true
+run() {
+  scripts/wine.sh --limit 900 "build/mingw-debug/$1.exe" --gtest_brief=1 --gtest_filter="$2" >"$folder/$1.txt" || failed=1
+  tr -d '\r' <"$folder/$1.txt" | grep -E '^\[  (PASSED|FAILED)' || true
+}
+run custom_actions_tests '-Fault.*:LibraryImage.*'
+SWEEP=${SWEEP:-40} run sweep_tests 'Exports/*'
 
 gcovr --gcov-executable x86_64-w64-mingw32-gcov-posix --root . --filter 'custom_actions/' \
   --txt "$folder/files.txt" --csv "$folder/files.csv" --json "$folder/lines.json" build/mingw-debug >/dev/null
