@@ -11,9 +11,11 @@
 
 #include <array>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <map>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -176,6 +178,30 @@ private:
     std::vector<std::pair<std::wstring, LONGLONG>> starts_;
 };
 
+// Throws where the actions leave no lines of theirs in the log: an installer may pass a library that does not
+// load.
+void require_lines_of_ours(const scratch_package& package)
+{
+    const std::filesystem::path path = std::filesystem::temp_directory_path() / "action_costs.log";
+    MsiEnableLogW(INSTALLLOGMODE_INFO, path.c_str(), 0);
+    package.install();
+    MsiEnableLogW(0, nullptr, 0);
+    package.remove();
+    std::ostringstream content;
+    {
+        const std::ifstream file{path, std::ios::binary};
+        content << file.rdbuf();
+    }
+    std::filesystem::remove(path);
+    std::string log = content.str();
+    std::erase(log, '\0'); // of a log in UTF-16
+    for (const char* action : {"check_upgrade_type", "iconhandler_remove_registry"}) {
+        if (log.find(std::string{"Custom action: "} + action) == std::string::npos) {
+            throw std::runtime_error{std::string{"no line in the installer's log: "} + action};
+        }
+    }
+}
+
 // The times of the first action of all and of the two empty ones, then of each scenario.
 std::vector<double> install(const scratch_package& package)
 {
@@ -205,10 +231,8 @@ void measure_action_costs(report& results)
     std::vector<double> times;
     {
         const redirected_output silence{lines.string()};
+        require_lines_of_ours(package);
         times = median_times({[&] { return install(package); }}).front();
-    }
-    if (std::filesystem::file_size(lines) == 0) { // an installer may pass a library that does not load
-        throw std::runtime_error{"the actions did not run: there is no line of theirs"};
     }
     std::filesystem::remove(lines);
 

@@ -24,6 +24,7 @@
 #include <chrono>
 #include <deque>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <optional>
 #include <sstream>
@@ -237,6 +238,11 @@ protected:
 
         const child_result rollback = run(ROLLBACK, 0, scene_->data());
         where_.append("; ").append(rollback.output.substr(rollback.output.find("\nmessage ") + 1));
+        std::ifstream log{
+            std::filesystem::path{scene_->context().workspace + L"\\output\\restore-runtime.log"}};
+        for (std::string line; std::getline(log, line);) {
+            where_ += line;
+        }
         holds("the rollback", succeeds(rollback), true);
         holds("the markers", scene_->markers(), markers);
         const LSTATUS key = RegDeleteKeyExW(HKEY_LOCAL_MACHINE, MAINTENANCE_KEY, KEY_WOW64_64KEY, 0);

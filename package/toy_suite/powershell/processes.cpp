@@ -8,9 +8,10 @@
 
 namespace toy_powershell {
 
-void start_process(const std::wstring& program, const std::wstring& arguments, const std::wstring& folder)
+namespace {
+
+bool try_to_start(const std::wstring& program, std::wstring command_line, const std::wstring& folder)
 {
-    std::wstring command_line = L'"' + program + L'"' + (arguments.empty() ? L"" : L' ' + arguments);
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION started{};
@@ -25,12 +26,26 @@ void start_process(const std::wstring& program, const std::wstring& arguments, c
             folder.empty() ? nullptr : folder.c_str(),
             &startup,
             &started) == FALSE) {
-        throw std::runtime_error{
-            "Start-Process : This command cannot be run: " + narrow(program) + ", error " +
-            std::to_string(GetLastError())};
+        return false;
     }
     CloseHandle(started.hThread);
     CloseHandle(started.hProcess);
+    return true;
+}
+
+} // namespace
+
+void start_process(const std::wstring& program, const std::wstring& arguments, const std::wstring& folder)
+{
+    const std::wstring command_line = L'"' + program + L'"' + (arguments.empty() ? L"" : L' ' + arguments);
+    // Wine loses a program at its start now and then.
+    for (int tries = 0; !try_to_start(program, command_line, folder); ++tries) {
+        if (tries == 2) {
+            throw std::runtime_error{
+                "Start-Process : This command cannot be run: " + narrow(program) + ", error " +
+                std::to_string(GetLastError())};
+        }
+    }
 }
 
 DWORD session_of(DWORD process)
