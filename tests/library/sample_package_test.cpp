@@ -9,7 +9,10 @@
 #include <filesystem>
 #include <iterator>
 #include <map>
+#include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace test_support {
 namespace {
@@ -35,6 +38,12 @@ std::map<std::string, int> package_column(const wchar_t* query)
     return rows;
 }
 
+std::vector<std::string> words(const char* text)
+{
+    std::istringstream stream{text};
+    return {std::istream_iterator<std::string>{stream}, {}};
+}
+
 // A wrong type, or a deferred action outside of the script, is played here without a word; on Windows the
 // action runs at the wrong time or as another user, or the installation fails.
 TEST(SamplePackage, calls_every_action_that_the_library_exports)
@@ -44,44 +53,31 @@ TEST(SamplePackage, calls_every_action_that_the_library_exports)
     constexpr int sets_property = 51;
     constexpr int deferred_as_user = 1 + 1024;
     constexpr int deferred = 1 + 1024 + 2048; // from the script, as LocalSystem
-    constexpr int rollback = deferred + 256;
-    const std::map<std::string, int> expected{
-        {"check_upgrade_type", immediate},
-        {"notify_restart_recommended", immediate},
-        {"propertyhandler_update_registry", deferred},
-        {"propertyhandler_remove_registry", deferred},
-        {"iconhandler_add_defaults_to_registry", deferred_as_user},
-        {"iconhandler_remove_registry", deferred_as_user},
-        {"restore_built_in_new_context_menu", deferred_as_user},
-        {"log_app_control_state", immediate},
-        {"close_and_kill_our_processes", immediate},
-        {"restore_explorer", deferred},
-        {"rollback_explorer", rollback},
-        {"capture_search_state", immediate},
-        {"rollback_search", rollback},
-        {"stop_search", deferred},
-        {"restore_search", deferred},
-        {"rollback_property_handler", rollback},
-        {"rollback_icon_handler", deferred_as_user + 256},
-        {"prepare_controlled_upgrade", immediate},
-        {"early_close_upgrade", immediate},
-        {"rollback_controlled_upgrade", rollback},
-        {"begin_controlled_upgrade", deferred},
-        {"install_upgrade_packages", deferred},
-        {"finish_controlled_upgrade", deferred},
-        {"recover_early_upgrade", immediate_at_any_result},
-        {"recover_after_failure", immediate_at_any_result},
-        {"set_msix_install_package", sets_property},
-        {"msix_install_package", deferred_as_user},
-        {"set_rollback_msix_package", sets_property},
-        {"rollback_msix_package", deferred_as_user + 256},
-        {"set_msix_uninstall_package", sets_property},
-        {"msix_uninstall_package", deferred_as_user},
-        {"prepare_file_rollback", immediate},
-        {"put_files_back", rollback},
-        {"save_files", deferred},
-        {"fail_on_purpose", deferred},
+    constexpr int rollback = 256;
+    const std::pair<int, const char*> kinds[]{
+        {immediate,
+         "check_upgrade_type notify_restart_recommended log_app_control_state close_and_kill_our_processes "
+         "capture_search_state prepare_controlled_upgrade early_close_upgrade prepare_file_rollback"},
+        {immediate_at_any_result, "recover_early_upgrade recover_after_failure"},
+        {sets_property, "set_msix_install_package set_rollback_msix_package set_msix_uninstall_package"},
+        {deferred_as_user,
+         "iconhandler_add_defaults_to_registry iconhandler_remove_registry msix_install_package "
+         "restore_built_in_new_context_menu msix_uninstall_package"},
+        {deferred_as_user + rollback, "rollback_icon_handler rollback_msix_package"},
+        {deferred,
+         "propertyhandler_update_registry propertyhandler_remove_registry restore_explorer stop_search "
+         "restore_search begin_controlled_upgrade install_upgrade_packages finish_controlled_upgrade "
+         "save_files fail_on_purpose"},
+        {deferred + rollback,
+         "rollback_explorer rollback_search rollback_property_handler rollback_controlled_upgrade "
+         "put_files_back"},
     };
+    std::map<std::string, int> expected;
+    for (const auto& [type, actions] : kinds) {
+        for (const std::string& action : words(actions)) {
+            expected[action] = type;
+        }
+    }
     EXPECT_EQ(package_column(L"SELECT `Action`, `Type` FROM `CustomAction`"), expected);
 
     const auto places = package_column(L"SELECT `Action`, `Sequence` FROM `InstallExecuteSequence`");
@@ -92,31 +88,22 @@ TEST(SamplePackage, calls_every_action_that_the_library_exports)
             EXPECT_LT(places.at(action), places.at("InstallFinalize")) << action;
         }
     }
-    const char* const upgrade[]{
-        "CostFinalize",
-        "prepare_controlled_upgrade",
-        "early_close_upgrade",
-        "InstallValidate",
-        "rollback_controlled_upgrade",
-        "put_files_back",
-        "begin_controlled_upgrade",
-        "InstallExecute",
-        "RemoveExistingProducts",
-        "InstallFiles",
-        "install_upgrade_packages",
-        "finish_controlled_upgrade",
-        "InstallFinalize",
-        "recover_early_upgrade",
-    };
-    for (std::size_t i = 1; i != std::size(upgrade); ++i) {
-        EXPECT_LT(places.at(upgrade[i - 1]), places.at(upgrade[i])) << upgrade[i];
+    const char* const upgrade =
+        "CostFinalize prepare_controlled_upgrade early_close_upgrade InstallValidate "
+        "rollback_controlled_upgrade put_files_back begin_controlled_upgrade InstallExecute "
+        "RemoveExistingProducts InstallFiles install_upgrade_packages finish_controlled_upgrade "
+        "InstallFinalize recover_early_upgrade";
+    for (const char* order :
+         {upgrade,
+          "capture_search_state close_and_kill_our_processes",
+          "rollback_search stop_search InstallExecute",
+          "InstallFiles restore_search",
+          "RemoveExistingProducts ProcessComponents"}) {
+        const auto actions = words(order);
+        for (std::size_t i = 1; i != actions.size(); ++i) {
+            EXPECT_LT(places.at(actions[i - 1]), places.at(actions[i])) << actions[i];
+        }
     }
-    EXPECT_LT(places.at("capture_search_state"), places.at("close_and_kill_our_processes"));
-    EXPECT_LT(places.at("rollback_search"), places.at("stop_search"));
-    EXPECT_LT(places.at("stop_search"), places.at("InstallExecute"));
-    EXPECT_LT(places.at("InstallExecute"), places.at("RemoveExistingProducts"));
-    EXPECT_LT(places.at("InstallFiles"), places.at("restore_search"));
-    EXPECT_LT(places.at("RemoveExistingProducts"), places.at("ProcessComponents"));
 
     const auto called = package_column(L"SELECT `Target`, `Type` FROM `CustomAction`");
     const loaded_library library;
