@@ -22,5 +22,7 @@ stage 600 scripts/setup.sh
 stage 1500 scripts/build.sh
 stage 1500 scripts/lint.sh
 # One at a time: some end Explorer, close programs by name or install packages, in the one prefix that all share. CTest
-# itself starts no test any more at the end of its time, so that there is a summary of those that ran.
-stage 1500 ctest --preset mingw --stop-time "$(date -d '+23 minutes' +%T)"
+# itself starts no test any more at the end of its time, so that there is a summary of those that ran. A suite that fails
+# is run once more, and the summary tells so: Wine loses one program in some thousands at its start (CreateProcess fails
+# with 1359, also for a program that does nothing).
+stage 1500 ctest --preset mingw --repeat until-pass:2 --stop-time "$(date -d '+23 minutes' +%T)"
