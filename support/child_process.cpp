@@ -1,9 +1,8 @@
 #include "support/child_process.h"
 
-#include "custom_actions/common/scoped_handle.h"
-
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 namespace test_support {
 
@@ -14,6 +13,36 @@ std::wstring this_program()
     std::wstring path(MAX_PATH, L'\0');
     path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
     return path;
+}
+
+started_child start_child(std::wstring command_line, DWORD flags, HANDLE output)
+{
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    startup.dwFlags = output == nullptr ? 0 : STARTF_USESTDHANDLES;
+    startup.hStdOutput = output;
+    startup.hStdError = output;
+    PROCESS_INFORMATION started{};
+    // Wine loses one program of some thousands while it starts.
+    for (int tries = 0; !CreateProcessW(
+             nullptr,
+             command_line.data(),
+             nullptr,
+             nullptr,
+             output != nullptr,
+             flags,
+             nullptr,
+             nullptr,
+             &startup,
+             &started);
+         ++tries) {
+        const DWORD code = GetLastError();
+        if (code != ERROR_INTERNAL_ERROR || tries == 2) {
+            throw std::system_error{static_cast<int>(code), std::system_category(), "starting a program"};
+        }
+    }
+    const kernel_handle thread{started.hThread};
+    return {.process = kernel_handle{started.hProcess}, .id = started.dwProcessId};
 }
 
 child_result run_child(std::wstring command_line, std::chrono::milliseconds limit)
@@ -32,28 +61,11 @@ child_result run_child(std::wstring command_line, std::chrono::milliseconds limi
         CREATE_ALWAYS,
         FILE_FLAG_DELETE_ON_CLOSE,
         nullptr)};
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = output.get();
-    startup.hStdError = output.get();
-    PROCESS_INFORMATION started{};
-    if (!output || !CreateProcessW(
-                       nullptr,
-                       command_line.data(),
-                       nullptr,
-                       nullptr,
-                       TRUE,
-                       CREATE_NO_WINDOW,
-                       nullptr,
-                       nullptr,
-                       &startup,
-                       &started)) {
-        throw std::system_error{
-            static_cast<int>(GetLastError()), std::system_category(), "starting a program"};
+    if (!output) {
+        throw std::system_error{static_cast<int>(GetLastError()), std::system_category(), "making a file"};
     }
-    const kernel_handle process{started.hProcess};
-    const kernel_handle thread{started.hThread};
+    const kernel_handle process =
+        start_child(std::move(command_line), CREATE_NO_WINDOW, output.get()).process;
     if (WaitForSingleObject(process.get(), static_cast<DWORD>(limit.count())) != WAIT_OBJECT_0) {
         TerminateProcess(process.get(), WAIT_TIMEOUT);
         WaitForSingleObject(process.get(), 5000);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "custom_actions/common/scoped_handle.h"
+
 #include <windows.h>
 
 #include <chrono>
@@ -14,6 +16,15 @@ struct child_result {
 
 // The file of this program.
 std::wstring this_program();
+
+struct started_child {
+    custom_actions::kernel_handle process;
+    DWORD id;
+};
+
+// Starts a program. With an inheritable `output` it writes there, and inherits whatever else is inheritable.
+// Throws std::system_error where it cannot be started.
+started_child start_child(std::wstring command_line, DWORD flags = 0, HANDLE output = nullptr);
 
 // Runs `command_line` without a window and waits for its end. A child that is still running after `limit` is
 // ended. Throws std::system_error where it cannot be started.

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace test_support {
 namespace {
@@ -49,34 +50,6 @@ std::wstring copy_of(const wchar_t* original, const std::wstring& name)
     return copy;
 }
 
-// One program of some thousands is lost while it starts, on a busy machine with Wine.
-PROCESS_INFORMATION start(std::wstring command_line)
-{
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION started{};
-    for (int tries = 0; tries != 3; ++tries) {
-        if (CreateProcessW(
-                nullptr,
-                command_line.data(),
-                nullptr,
-                nullptr,
-                FALSE,
-                0,
-                nullptr,
-                nullptr,
-                &startup,
-                &started)) {
-            return started;
-        }
-        if (GetLastError() != ERROR_INTERNAL_ERROR) {
-            break;
-        }
-    }
-    throw std::system_error{
-        static_cast<int>(GetLastError()), std::system_category(), "the toy program does not start"};
-}
-
 } // namespace
 
 std::size_t end_programs(const std::wstring& name)
@@ -117,10 +90,9 @@ toy_process::toy_process(const std::wstring& name, const std::wstring& behaviour
     const std::wstring command_line =
         L'"' + (name.find(L'\\') == std::wstring::npos ? copy_of(L"toy_program.exe", name) : name) +
         L"\" --ready=" + event + L' ' + behaviour;
-    const PROCESS_INFORMATION started = start(command_line);
-    process_ = kernel_handle{started.hProcess};
-    id_ = started.dwProcessId;
-    const kernel_handle thread{started.hThread};
+    started_child started = start_child(command_line);
+    process_ = std::move(started.process);
+    id_ = started.id;
     if (WaitForSingleObject(ready.get(), 20'000) != WAIT_OBJECT_0) {
         throw std::runtime_error{"the toy program does not get ready"};
     }

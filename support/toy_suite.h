@@ -26,7 +26,7 @@ std::wstring toy_library(const std::wstring& name);
 // scope ends.
 class toy_process {
 public:
-    // `behaviour` is the program's command line, as in "--window=ignores". Throws std::runtime_error where it
+    // `behaviour` is the program's command line, as in "--window=ignores". Throws std::exception where it
     // does not come up.
     explicit toy_process(const std::wstring& name, const std::wstring& behaviour = L"");
     ~toy_process();

@@ -122,7 +122,8 @@ protected:
             "restore_explorer", 0, custom_actions::explorer_record(upgrade.session_id, upgrade.user_sid))));
         if (!begins_) { // the first phase for real, once: the later ones add to what it leaves, and no more
             prepare();
-            ASSERT_TRUE(succeeds(run(BEGIN, 0, scene_->data())));
+            const child_result begun = run(BEGIN, 0, scene_->data());
+            ASSERT_TRUE(succeeds(begun)) << begun.output;
             markers_of_begin_ = scene_->markers();
             ASSERT_THAT(markers_of_begin_, testing::Contains("shutdown-started"));
         }
