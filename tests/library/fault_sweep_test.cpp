@@ -1,6 +1,7 @@
 // Every action of the built library with the n-th of its calls to Windows failing: once with the fault
-// passing and once with it staying. It has to return one of its codes and to leave nothing behind. SWEEP
-// tells how many seconds an action is swept (5), or "full" for every call.
+// passing and once with it staying. It has to return one of its codes with a message that says what failed
+// (fault_messages.txt), and to leave nothing behind. SWEEP tells how many seconds an action is swept (5), or
+// "full" for every call.
 
 #include "custom_actions/processes/explorer.h"
 #include "custom_actions/shell_registration/file_type_tables.h"
@@ -22,6 +23,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cwctype>
 #include <deque>
 #include <filesystem>
 #include <fstream>
@@ -230,6 +232,30 @@ void begin_upgrade(stage& stage)
     }
 }
 
+// What there is in the message beside the texts that an action may fail with where this function does:
+// fault_messages.txt has them by function, without their numbers, and "*" before what may stand in front.
+std::wstring unexpected(const std::wstring& failing, std::wstring message)
+{
+    static const auto expected = [] {
+        std::multimap<std::wstring, std::wstring> all;
+        std::wifstream list{SOURCE_DIR "/tests/library/fault_messages.txt"};
+        for (std::wstring function, text; list >> function >> std::ws && std::getline(list, text);) {
+            all.emplace(function, text);
+        }
+        return all;
+    }();
+    std::erase_if(message, [](wchar_t letter) { return std::iswdigit(letter) != 0; });
+    for (const auto& [function, text] : expected) {
+        for (auto at = message.find(text);
+             at != std::wstring::npos && (function == failing || function == L"*");
+             at = message.find(text)) {
+            message.erase(at, text.size());
+        }
+    }
+    std::erase_if(message, [](wchar_t letter) { return letter == L' ' || letter == L';'; });
+    return message;
+}
+
 void nothing(stage& /*stage*/) {}
 
 // What is done before each run of an action. Whose CustomActionData is not set here has the upgrade's.
@@ -295,6 +321,8 @@ protected:
         stage_->begin_anew();
         SCENARIOS.at(GetParam())(*stage_);
         const auto handles = static_cast<long>(open_handles());
+        const auto& messages = stage_->session.messages();
+        const std::size_t posted = messages.size();
         UINT code = 0;
         stage_->sweep.plan(nth, fault);
         EXPECT_NO_THROW(code = stage_->library.call(GetParam().c_str(), stage_->session.handle()));
@@ -305,6 +333,10 @@ protected:
 
         const bool of_package = code == ERROR_INVALID_PARAMETER && GetParam().starts_with("msix_");
         EXPECT_TRUE(code == ERROR_SUCCESS || code == ERROR_INSTALL_FAILURE || of_package) << code << fault_;
+        const std::wstring told = messages.size() == posted ? L"(is silent)" : messages.back().text;
+        const bool fails = code != ERROR_SUCCESS ||
+                           (messages.size() != posted && messages.back().type == INSTALLMESSAGE_ERROR);
+        EXPECT_EQ(unexpected({failing.begin(), failing.end()}, fails ? told : L"(succeeds)"), L"") << fault_;
         EXPECT_EQ(stage_->session.open_records(), 0U) << fault_;
         EXPECT_EQ(stage_->scheduler.objects(), 0U) << fault_;
         EXPECT_FALSE(thread_is_impersonating()) << fault_;
