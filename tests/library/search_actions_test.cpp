@@ -54,6 +54,7 @@ protected:
         library.module(), [this](SC_HANDLE, SC_STATUS_TYPE, LPBYTE status, DWORD, LPDWORD) {
             service.dwCurrentState = states.at(std::min(looks++, states.size() - 1));
             service.dwCheckPoint += progress;
+            EXPECT_TRUE(start.calls() == 0 || service.dwCurrentState != 3) << "asked too early";
             *reinterpret_cast<SERVICE_STATUS_PROCESS*>(status) = service;
             return std::optional{TRUE};
         }};
