@@ -9,9 +9,10 @@
 
 namespace test_support {
 
-// Gives this process a predefined key of its own: while it lives, everything under `root` (HKEY_LOCAL_MACHINE
-// or HKEY_CURRENT_USER) lands in an empty scratch key, which is deleted at the end. The 64-bit and the 32-bit
-// view both go there, and HKEY_CLASSES_ROOT does not.
+// Gives this process a predefined key of its own: while it lives, everything under `root`
+// (HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER or HKEY_CLASSES_ROOT) lands in an empty scratch key, which is
+// deleted at the end. The 64-bit and the 32-bit view both go there, and HKEY_CLASSES_ROOT goes with neither
+// of the others.
 class registry_sandbox {
 public:
     // Throws std::system_error where the scratch key cannot be made or put in place.
