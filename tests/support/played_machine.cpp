@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <tuple>
@@ -20,12 +19,6 @@ namespace {
 HANDLE new_handle()
 {
     return CreateEventW(nullptr, TRUE, TRUE, nullptr);
-}
-
-BOOL close(void* handle)
-{
-    EXPECT_TRUE(CloseHandle(handle)) << "closed, but not open";
-    return TRUE;
 }
 
 BOOL fail_with(DWORD code)
@@ -42,19 +35,25 @@ BOOL give_ended_process(PROCESS_INFORMATION& started)
 
 constexpr auto succeed = [](auto...) { return TRUE; };
 
+constexpr auto close = [](void* handle) {
+    EXPECT_TRUE(CloseHandle(handle)) << "closed, but not open";
+    return TRUE;
+};
+
 } // namespace
 
 template <function_name Name, class Function, class Answer>
-void played_machine::answer(HMODULE module, Answer result)
+void played_machine::answer(Function* /*played*/, Answer result)
 {
-    interceptions_.push_back(std::make_shared<intercepted_import<Name, Function>>(module, std::move(result)));
+    interceptions_.push_back(
+        std::make_shared<intercepted_import<Name, Function>>(module_, std::move(result)));
 }
 
-played_machine::played_machine(HMODULE module) : clock_{module}
+played_machine::played_machine(HMODULE module) : module_{module}, clock_{module}
 {
-    play_snapshots(module);
-    play_programs(module);
-    play_service(module);
+    play_snapshots();
+    play_programs();
+    play_service();
 }
 
 void played_machine::begin_anew(DWORD search_state, std::wstring_view ended)
@@ -63,7 +62,6 @@ void played_machine::begin_anew(DWORD search_state, std::wstring_view ended)
         listed.running = listed.name != ended;
     }
     search_state_ = search_state;
-    search_start_type_ = SERVICE_AUTO_START;
 }
 
 played_machine::program* played_machine::find(DWORD process)
@@ -72,9 +70,9 @@ played_machine::program* played_machine::find(DWORD process)
     return found == programs_.end() ? nullptr : &found->second;
 }
 
-// A snapshot has what is there when it is looked at: each program once, with one thread, itself as its first
-// module and the library that it has loaded.
-void played_machine::play_snapshots(HMODULE module)
+// A snapshot has what is there when it is looked at: each program once, with one thread, and as its modules
+// one of no name and the library that it has loaded.
+void played_machine::play_snapshots()
 {
     const auto next = [this](HANDLE, auto* entry) {
         auto found = programs_.lower_bound(next_);
@@ -97,30 +95,27 @@ void played_machine::play_snapshots(HMODULE module)
         next_ = 0;
         return next(snapshot, entry);
     };
-    answer<"CreateToolhelp32Snapshot", decltype(CreateToolhelp32Snapshot)>(
-        module, [this](DWORD, DWORD process) {
-            inspected_ = process;
-            return new_handle();
-        });
-    answer<"Process32FirstW", decltype(Process32FirstW)>(module, first);
-    answer<"Process32NextW", decltype(Process32NextW)>(module, next);
-    answer<"Thread32First", decltype(Thread32First)>(module, first);
-    answer<"Thread32Next", decltype(Thread32Next)>(module, next);
-    answer<"Module32FirstW", decltype(Module32FirstW)>(module, [this](HANDLE, MODULEENTRY32W* entry) {
-        const program& inspected = programs_.at(inspected_);
-        *std::ranges::copy(inspected.name, entry->szModule).out = L'\0';
-        at_library_ = !inspected.library.empty();
+    answer<"CreateToolhelp32Snapshot">(&CreateToolhelp32Snapshot, [this](DWORD, DWORD process) {
+        inspected_ = process;
+        return new_handle();
+    });
+    answer<"Process32FirstW">(&Process32FirstW, first);
+    answer<"Process32NextW">(&Process32NextW, next);
+    answer<"Thread32First">(&Thread32First, first);
+    answer<"Thread32Next">(&Thread32Next, next);
+    answer<"Module32FirstW">(&Module32FirstW, [this](auto...) {
+        at_library_ = true;
         return TRUE;
     });
-    answer<"Module32NextW", decltype(Module32NextW)>(module, [this](HANDLE, MODULEENTRY32W* entry) {
+    answer<"Module32NextW">(&Module32NextW, [this](HANDLE, MODULEENTRY32W* entry) {
         *std::ranges::copy(programs_.at(inspected_).library, entry->szModule).out = L'\0';
         return std::exchange(at_library_, false) ? TRUE : fail_with(ERROR_NO_MORE_FILES);
     });
 }
 
-void played_machine::play_programs(HMODULE module)
+void played_machine::play_programs()
 {
-    answer<"OpenProcess", decltype(OpenProcess)>(module, [this](DWORD access, BOOL inherit, DWORD process) {
+    answer<"OpenProcess">(&OpenProcess, [this](DWORD access, BOOL inherit, DWORD process) {
         const program* const found = find(process);
         if (found == nullptr || found->running) {
             return OpenProcess(access | PROCESS_QUERY_LIMITED_INFORMATION, inherit, process);
@@ -136,14 +131,14 @@ void played_machine::play_programs(HMODULE module)
             return found == nullptr ? std::nullopt : std::optional{result(*found)};
         };
     };
-    answer<"TerminateProcess", decltype(TerminateProcess)>(module, of_listed([](program& listed) {
-                                                               listed.running = false;
-                                                               return TRUE;
-                                                           }));
-    answer<"WaitForSingleObject", decltype(WaitForSingleObject)>(
-        module,
-        of_listed([](const program& listed) { return listed.running ? WAIT_TIMEOUT : WAIT_OBJECT_0; }));
-    answer<"PostMessageW", decltype(PostMessageW)>(module, [this](HWND window, UINT message, WPARAM, LPARAM) {
+    answer<"TerminateProcess">(&TerminateProcess, of_listed([](program& listed) {
+        listed.running = false;
+        return TRUE;
+    }));
+    answer<"WaitForSingleObject">(&WaitForSingleObject, of_listed([](const program& listed) {
+        return listed.running ? WAIT_TIMEOUT : WAIT_OBJECT_0;
+    }));
+    answer<"PostMessageW">(&PostMessageW, [this](HWND window, UINT message, WPARAM, LPARAM) {
         DWORD owner = 0;
         GetWindowThreadProcessId(window, &owner);
         if (program* const found = find(owner); found != nullptr && found->polite && message == WM_CLOSE) {
@@ -151,92 +146,78 @@ void played_machine::play_programs(HMODULE module)
         }
         return TRUE;
     });
-    answer<"PostThreadMessageW", decltype(PostThreadMessageW)>(module, succeed);
-    answer<"CreateEnvironmentBlock", decltype(CreateEnvironmentBlock)>(
-        module, [](LPVOID* environment, HANDLE, BOOL) {
-            *environment = new_handle();
-            return TRUE;
-        });
-    answer<"DestroyEnvironmentBlock", decltype(DestroyEnvironmentBlock)>(module, close);
-    answer<"CreateProcessAsUserW", decltype(CreateProcessAsUserW)>(
-        module, [this](HANDLE, LPCWSTR path, LPWSTR, auto... others) {
+    answer<"PostThreadMessageW">(&PostThreadMessageW, succeed);
+    answer<"CreateEnvironmentBlock">(&CreateEnvironmentBlock, [](LPVOID* environment, HANDLE, BOOL) {
+        *environment = new_handle();
+        return TRUE;
+    });
+    answer<"DestroyEnvironmentBlock">(&DestroyEnvironmentBlock, close);
+    answer<"CreateProcessAsUserW">(
+        &CreateProcessAsUserW, [this](HANDLE, LPCWSTR path, LPWSTR, auto... others) {
             for (auto& [process, listed] : programs_) {
                 listed.running = listed.running || std::wstring_view{path}.ends_with(listed.name);
             }
             return give_ended_process(*std::get<7>(std::tuple{others...}));
         });
-    answer<"CreateProcessW", decltype(CreateProcessW)>(module, [](LPCWSTR, LPWSTR, auto... others) {
+    answer<"CreateProcessW">(&CreateProcessW, [](LPCWSTR, LPWSTR, auto... others) {
         const auto all = std::tuple{others...};
-        for (auto* const stream : {std::get<6>(all)->hStdOutput, std::get<6>(all)->hStdError}) {
+        for (HANDLE stream : {std::get<6>(all)->hStdOutput, std::get<6>(all)->hStdError}) {
             DWORD written = 0;
             WriteFile(stream, "text", 4, &written, nullptr);
         }
         return give_ended_process(*std::get<7>(all));
     });
-    answer<"GetExitCodeProcess", decltype(GetExitCodeProcess)>(module, [](HANDLE, DWORD* code) {
+    answer<"GetExitCodeProcess">(&GetExitCodeProcess, [](HANDLE, DWORD* code) {
         *code = 0;
         return TRUE;
     });
     // A log is there when it is looked for, with what the scripts that ask would have printed.
-    answer<"CreateFileW", decltype(CreateFileW)>(module, [](LPCWSTR path, auto...) -> std::optional<HANDLE> {
+    answer<"CreateFileW">(&CreateFileW, [](LPCWSTR path, auto...) -> std::optional<HANDLE> {
         if (std::wstring_view{path}.ends_with(L".log")) {
-            std::ofstream{std::filesystem::path{path}} << "QBL_REGISTERED";
+            std::ofstream{path} << "QBL_REGISTERED";
         }
         return std::nullopt;
     });
 }
 
-void played_machine::play_service(HMODULE module)
+void played_machine::play_service()
 {
     const auto open = [](auto...) { return reinterpret_cast<SC_HANDLE>(new_handle()); };
-    answer<"OpenSCManagerW", decltype(OpenSCManagerW)>(module, open);
-    answer<"OpenServiceW", decltype(OpenServiceW)>(module, open);
-    answer<"CloseServiceHandle", decltype(CloseServiceHandle)>(module, close);
-    // What is pending is done when it has been seen once.
-    answer<"QueryServiceStatusEx", decltype(QueryServiceStatusEx)>(
-        module, [this](SC_HANDLE, SC_STATUS_TYPE, LPBYTE status, DWORD, LPDWORD) {
-            SERVICE_STATUS_PROCESS told{};
-            told.dwCurrentState = search_state_;
-            std::memcpy(status, &told, sizeof told);
-            if (search_state_ == SERVICE_STOP_PENDING) {
-                search_state_ = SERVICE_STOPPED;
-            } else if (search_state_ == SERVICE_START_PENDING) {
-                search_state_ = SERVICE_RUNNING;
-            }
+    const auto bring_to = [this](DWORD state) {
+        return [this, state](auto...) {
+            search_state_ = state;
             return TRUE;
-        });
-    answer<"ControlService", decltype(ControlService)>(module, [this](auto...) {
-        search_state_ = SERVICE_STOP_PENDING;
+        };
+    };
+    answer<"OpenSCManagerW">(&OpenSCManagerW, open);
+    answer<"OpenServiceW">(&OpenServiceW, open);
+    answer<"CloseServiceHandle">(&CloseServiceHandle, close);
+    answer<"ControlService">(&ControlService, bring_to(SERVICE_STOP_PENDING));
+    answer<"StartServiceW">(&StartServiceW, bring_to(SERVICE_START_PENDING));
+    // What is pending is done when it has been seen once.
+    answer<"QueryServiceStatusEx">(&QueryServiceStatusEx, [this](auto, auto, BYTE* status, auto...) {
+        const DWORD next = search_state_ == SERVICE_STOP_PENDING ? SERVICE_STOPPED : SERVICE_RUNNING;
+        const bool pending = search_state_ != SERVICE_STOPPED;
+        SERVICE_STATUS_PROCESS told{};
+        told.dwCurrentState = std::exchange(search_state_, pending ? next : search_state_);
+        std::memcpy(status, &told, sizeof told);
         return TRUE;
     });
-    answer<"StartServiceW", decltype(StartServiceW)>(module, [this](auto...) {
-        if (search_start_type_ == SERVICE_DISABLED) {
-            return fail_with(ERROR_SERVICE_DISABLED);
-        }
-        search_state_ = SERVICE_START_PENDING;
-        return TRUE;
-    });
-    answer<"QueryServiceConfigW", decltype(QueryServiceConfigW)>(
-        module, [this](SC_HANDLE, LPQUERY_SERVICE_CONFIGW configuration, DWORD size, LPDWORD needed) {
+    answer<"QueryServiceConfigW">(
+        &QueryServiceConfigW, [](SC_HANDLE, QUERY_SERVICE_CONFIGW* configuration, DWORD size, DWORD* needed) {
             *needed = sizeof *configuration;
             if (size < sizeof *configuration) {
                 return fail_with(ERROR_INSUFFICIENT_BUFFER);
             }
-            configuration->dwStartType = search_start_type_;
+            configuration->dwStartType = SERVICE_AUTO_START;
             return TRUE;
         });
-    answer<"QueryServiceConfig2W", decltype(QueryServiceConfig2W)>(
-        module, [](SC_HANDLE, DWORD, LPBYTE delayed, DWORD, LPDWORD) {
-            constexpr SERVICE_DELAYED_AUTO_START_INFO told{.fDelayedAutostart = TRUE};
-            std::memcpy(delayed, &told, sizeof told);
-            return TRUE;
-        });
-    answer<"ChangeServiceConfigW", decltype(ChangeServiceConfigW)>(
-        module, [this](SC_HANDLE, DWORD, DWORD start_type, auto...) {
-            search_start_type_ = start_type;
-            return TRUE;
-        });
-    answer<"ChangeServiceConfig2W", decltype(ChangeServiceConfig2W)>(module, succeed);
+    answer<"QueryServiceConfig2W">(&QueryServiceConfig2W, [](auto, auto, BYTE* delayed, auto...) {
+        *delayed = TRUE; // its first byte is all that there is
+        return TRUE;
+    });
+    answer<"ChangeServiceConfigW">(&ChangeServiceConfigW, succeed);
+    answer<"ChangeServiceConfig2W">(&ChangeServiceConfig2W, succeed);
 }
 
 } // namespace test_support

@@ -38,19 +38,19 @@ public:
 
 private:
     program* find(DWORD process);
-    void play_snapshots(HMODULE module);
-    void play_programs(HMODULE module);
-    void play_service(HMODULE module);
+    void play_snapshots();
+    void play_programs();
+    void play_service();
 
     template <function_name Name, class Function, class Answer>
-    void answer(HMODULE module, Answer result);
+    void answer(Function* played, Answer result);
 
+    HMODULE module_;
     std::map<DWORD, program> programs_;
     DWORD next_ = 0;      // from which process on a snapshot is read
     DWORD inspected_ = 0; // whose modules the last one has
     bool at_library_ = false;
     DWORD search_state_ = SERVICE_RUNNING;
-    DWORD search_start_type_ = SERVICE_AUTO_START;
     played_clock clock_;
     std::vector<std::shared_ptr<void>> interceptions_;
 };
