@@ -5,11 +5,9 @@
 #include <userenv.h>
 
 #include <algorithm>
-#include <cstring>
 #include <fstream>
 #include <optional>
 #include <tuple>
-#include <type_traits>
 #include <utility>
 
 namespace test_support {
@@ -56,97 +54,63 @@ played_machine::played_machine(HMODULE module) : module_{module}, clock_{module}
     play_service();
 }
 
-void played_machine::begin_anew(DWORD search_state, std::wstring_view ended)
-{
-    for (auto& [process, listed] : programs_) {
-        listed.running = listed.name != ended;
-    }
-    search_state_ = search_state;
-}
-
-played_machine::program* played_machine::find(DWORD process)
-{
-    const auto found = programs_.find(process);
-    return found == programs_.end() ? nullptr : &found->second;
-}
-
-// A snapshot has what is there when it is looked at: each program once, with one thread, and as its modules
-// one of no name and the library that it has loaded.
+// A snapshot has what is there when it is looked at: each program once, and as its modules one of no name and
+// the library that it has loaded.
 void played_machine::play_snapshots()
 {
-    const auto next = [this](HANDLE, auto* entry) {
-        auto found = programs_.lower_bound(next_);
-        while (found != programs_.end() && !found->second.running) {
-            ++found;
-        }
-        if (found == programs_.end()) {
+    const auto next = [this](HANDLE, PROCESSENTRY32W* entry) {
+        const auto found = running.upper_bound(last_listed_);
+        if (found == running.end()) {
             return fail_with(ERROR_NO_MORE_FILES);
         }
-        next_ = found->first + 1;
-        if constexpr (std::is_same_v<decltype(entry), PROCESSENTRY32W*>) {
-            entry->th32ProcessID = found->first;
-            *std::ranges::copy(found->second.name, entry->szExeFile).out = L'\0';
-        } else {
-            entry->th32OwnerProcessID = found->first;
-        }
+        last_listed_ = entry->th32ProcessID = *found;
+        *std::ranges::copy(programs.at(*found).name, entry->szExeFile).out = L'\0';
         return TRUE;
-    };
-    const auto first = [this, next](HANDLE snapshot, auto* entry) {
-        next_ = 0;
-        return next(snapshot, entry);
     };
     answer<"CreateToolhelp32Snapshot">(&CreateToolhelp32Snapshot, [this](DWORD, DWORD process) {
-        inspected_ = process;
+        (process == 0 ? last_listed_ : inspected_) = process;
         return new_handle();
     });
-    answer<"Process32FirstW">(&Process32FirstW, first);
+    answer<"Process32FirstW">(&Process32FirstW, next);
     answer<"Process32NextW">(&Process32NextW, next);
-    answer<"Thread32First">(&Thread32First, first);
-    answer<"Thread32Next">(&Thread32Next, next);
-    answer<"Module32FirstW">(&Module32FirstW, [this](auto...) {
-        at_library_ = true;
-        return TRUE;
-    });
+    answer<"Thread32First">(&Thread32First, [](auto...) { return FALSE; });
+    answer<"Module32FirstW">(&Module32FirstW, succeed);
     answer<"Module32NextW">(&Module32NextW, [this](HANDLE, MODULEENTRY32W* entry) {
-        *std::ranges::copy(programs_.at(inspected_).library, entry->szModule).out = L'\0';
-        return std::exchange(at_library_, false) ? TRUE : fail_with(ERROR_NO_MORE_FILES);
+        const auto inspected = programs.find(std::exchange(inspected_, 0));
+        if (inspected == programs.end()) {
+            return fail_with(ERROR_NO_MORE_FILES);
+        }
+        *std::ranges::copy(inspected->second.library, entry->szModule).out = L'\0';
+        return TRUE;
     });
 }
 
 void played_machine::play_programs()
 {
     answer<"OpenProcess">(&OpenProcess, [this](DWORD access, BOOL inherit, DWORD process) {
-        const program* const found = find(process);
-        if (found == nullptr || found->running) {
+        if (running.contains(process) || !programs.contains(process)) {
             return OpenProcess(access | PROCESS_QUERY_LIMITED_INFORMATION, inherit, process);
         }
         SetLastError(ERROR_INVALID_PARAMETER);
         return HANDLE{};
     });
-    const auto of_listed = [this](auto result) {
-        return [this, result](HANDLE object, auto...) {
-            const DWORD last_error = GetLastError();
-            program* const found = find(GetProcessId(object));
-            SetLastError(last_error);
-            return found == nullptr ? std::nullopt : std::optional{result(*found)};
-        };
-    };
-    answer<"TerminateProcess">(&TerminateProcess, of_listed([](program& listed) {
-        listed.running = false;
+    answer<"WaitForSingleObject">(&WaitForSingleObject, [this](HANDLE object, DWORD) {
+        const DWORD process = GetProcessId(object);
+        const DWORD result = running.contains(process) ? WAIT_TIMEOUT : WAIT_OBJECT_0;
+        return programs.contains(process) ? std::optional{result} : std::nullopt;
+    });
+    answer<"TerminateProcess">(&TerminateProcess, [this](HANDLE process, UINT) {
+        running.erase(GetProcessId(process));
         return TRUE;
-    }));
-    answer<"WaitForSingleObject">(&WaitForSingleObject, of_listed([](const program& listed) {
-        return listed.running ? WAIT_TIMEOUT : WAIT_OBJECT_0;
-    }));
-    answer<"PostMessageW">(&PostMessageW, [this](HWND window, UINT message, WPARAM, LPARAM) {
+    });
+    answer<"PostMessageW">(&PostMessageW, [this](HWND window, UINT message, auto...) {
         DWORD owner = 0;
         GetWindowThreadProcessId(window, &owner);
-        if (program* const found = find(owner); found != nullptr && found->polite && message == WM_CLOSE) {
-            found->running = false;
+        if (message == WM_CLOSE) {
+            running.erase(owner);
         }
         return TRUE;
     });
-    answer<"PostThreadMessageW">(&PostThreadMessageW, succeed);
     answer<"CreateEnvironmentBlock">(&CreateEnvironmentBlock, [](LPVOID* environment, HANDLE, BOOL) {
         *environment = new_handle();
         return TRUE;
@@ -154,8 +118,10 @@ void played_machine::play_programs()
     answer<"DestroyEnvironmentBlock">(&DestroyEnvironmentBlock, close);
     answer<"CreateProcessAsUserW">(
         &CreateProcessAsUserW, [this](HANDLE, LPCWSTR path, LPWSTR, auto... others) {
-            for (auto& [process, listed] : programs_) {
-                listed.running = listed.running || std::wstring_view{path}.ends_with(listed.name);
+            for (const auto& [process, started] : programs) {
+                if (std::wstring_view{path}.ends_with(started.name)) {
+                    running.insert(process);
+                }
             }
             return give_ended_process(*std::get<7>(std::tuple{others...}));
         });
@@ -185,35 +151,32 @@ void played_machine::play_service()
     const auto open = [](auto...) { return reinterpret_cast<SC_HANDLE>(new_handle()); };
     const auto bring_to = [this](DWORD state) {
         return [this, state](auto...) {
-            search_state_ = state;
+            search_state = state;
             return TRUE;
         };
     };
     answer<"OpenSCManagerW">(&OpenSCManagerW, open);
     answer<"OpenServiceW">(&OpenServiceW, open);
     answer<"CloseServiceHandle">(&CloseServiceHandle, close);
-    answer<"ControlService">(&ControlService, bring_to(SERVICE_STOP_PENDING));
-    answer<"StartServiceW">(&StartServiceW, bring_to(SERVICE_START_PENDING));
-    // What is pending is done when it has been seen once.
+    answer<"ControlService">(&ControlService, bring_to(SERVICE_STOPPED));
+    answer<"StartServiceW">(&StartServiceW, bring_to(SERVICE_RUNNING));
     answer<"QueryServiceStatusEx">(&QueryServiceStatusEx, [this](auto, auto, BYTE* status, auto...) {
-        const DWORD next = search_state_ == SERVICE_STOP_PENDING ? SERVICE_STOPPED : SERVICE_RUNNING;
-        const bool pending = search_state_ != SERVICE_STOPPED;
-        SERVICE_STATUS_PROCESS told{};
-        told.dwCurrentState = std::exchange(search_state_, pending ? next : search_state_);
-        std::memcpy(status, &told, sizeof told);
+        reinterpret_cast<SERVICE_STATUS_PROCESS*>(status)->dwCurrentState = search_state;
+        if (search_state == SERVICE_STOP_PENDING) { // once it has been seen
+            search_state = SERVICE_STOPPED;
+        }
         return TRUE;
     });
-    answer<"QueryServiceConfigW">(
-        &QueryServiceConfigW, [](SC_HANDLE, QUERY_SERVICE_CONFIGW* configuration, DWORD size, DWORD* needed) {
-            *needed = sizeof *configuration;
-            if (size < sizeof *configuration) {
-                return fail_with(ERROR_INSUFFICIENT_BUFFER);
-            }
-            configuration->dwStartType = SERVICE_AUTO_START;
-            return TRUE;
-        });
+    answer<"QueryServiceConfigW">(&QueryServiceConfigW, [](auto, auto* told, DWORD size, DWORD* needed) {
+        *needed = sizeof *told;
+        if (size < sizeof *told) {
+            return fail_with(ERROR_INSUFFICIENT_BUFFER);
+        }
+        told->dwStartType = SERVICE_AUTO_START;
+        return TRUE;
+    });
     answer<"QueryServiceConfig2W">(&QueryServiceConfig2W, [](auto, auto, BYTE* delayed, auto...) {
-        *delayed = TRUE; // its first byte is all that there is
+        *delayed = TRUE;
         return TRUE;
     });
     answer<"ChangeServiceConfigW">(&ChangeServiceConfigW, succeed);
