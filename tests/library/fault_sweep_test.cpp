@@ -8,7 +8,6 @@
 #include "custom_actions/shell_registration/file_type_tables.h"
 #include "custom_actions/shell_registration/icon_handler.h"
 #include "custom_actions/upgrade/upgrade_packages.h"
-#include "custom_actions/upgrade/workspace.h"
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
 #include "support/pe_image.h"
@@ -24,7 +23,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cwctype>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -36,7 +34,6 @@
 namespace test_support {
 namespace {
 
-namespace marker = custom_actions::controlled_upgrade::marker;
 using custom_actions::widen;
 
 constexpr const wchar_t* FOREIGN = L"{11111111-2222-3333-4444-555555555555}";
@@ -45,14 +42,16 @@ constexpr const wchar_t* SUITE_COMPONENT = L"{B8D5F2A1-C9E4-4F3D-8A7B-6C5E4D3F2A
 constexpr const wchar_t* TASK = L"QBL-EarlyRecovery-{01234567-89AB-CDEF-0123-456789ABCDEF}";
 constexpr const wchar_t* PROPERTY_HANDLER_BACKUP = L"OriginalPropertyHandler";
 constexpr const wchar_t* DRIVE_ICON_BACKUP = L"sorvane_drive_icon_original";
+constexpr const wchar_t* PLACES[]{
+    L"", PROPERTY_HANDLER_BACKUP, custom_actions::ICON_HANDLER_BACKUP_VALUE, DRIVE_ICON_BACKUP};
 const std::wstring HANDLERS = widen(custom_actions::PROPERTY_HANDLER_PREFIX);
 const std::wstring ASSOCIATIONS = LR"(Software\Classes\SystemFileAssociations\)";
 const std::wstring CLASSES = LR"(Software\Classes\)";
-const std::wstring NEW_MENU = LR"(Software\Classes\Directory\Background\ShellEx\ContextMenuHandlers\New)";
 const std::wstring ICON_SLOT = LR"(\ShellEx\IconHandler)";
 const std::wstring DRIVES = LR"(Software\Classes\Applications\Explorer.exe\Drives\)";
 
-void plant(HKEY root, const std::wstring& path, const wchar_t* name, std::wstring_view text)
+void plant(
+    const std::wstring& path, const wchar_t* name, std::wstring_view text, HKEY root = HKEY_CURRENT_USER)
 {
     plant_value(root, path, name, registry_text(text));
 }
@@ -72,29 +71,34 @@ struct stage {
         session.install_component(PRODUCT, SUITE_COMPONENT, (folder / L"Quorbel.exe").wstring());
     }
 
-    // As it is before each run: both hives empty, every program and Search running.
-    void begin_anew()
+    // As it is before each run: both hives empty, every program and Search running. The data of a deferred
+    // action is the property of its name, or else the upgrade's.
+    void begin_anew(const std::wstring& action)
     {
-        for (HKEY root : {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER}) {
-            RegDeleteTreeW(root, L"Software");
-        }
+        RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software");
+        RegDeleteTreeW(HKEY_CURRENT_USER, L"Software");
         machine.running = {main.id(), helper.id(), explorer.id()};
         machine.search_state = SERVICE_RUNNING;
+        scheduler.end_with(S_OK);
         foreign.clear();
-        set_data(upgrade_data);
         session.set_property(L"INSTALLED_APP_VERSION", L"1.5.0");
         session.set_property(L"ProductVersion", L"2.0.0");
         session.set_property(L"QblEarlyRecoveryTask", TASK);
         session.set_property(L"WIX_UPGRADE_DETECTED", PRODUCT);
         session.set_property(L"begin_controlled_upgrade", upgrade_data);
+        session.set_property(L"stop_search", L"running");
+        session.set_property(L"restore_search", L"running");
+        session.set_property(
+            L"restore_explorer", custom_actions::explorer_record(upgrade.session_id, upgrade.user_sid));
+        session.set_property(L"msix_install_package", L"C:\\Suite\\Sorvane.Icon.Package.msix");
+        session.set_property(L"msix_uninstall_package", L"Sorvane.Icon");
+        session.set_property(L"CustomActionData", session.property(action).value_or(upgrade_data));
     }
 
-    void set_data(const std::wstring& data) { session.set_property(L"CustomActionData", data); }
-
     // Plants a handler or an icon of somebody else's, which a run may lose where fault_messages.txt says so.
-    void plant_foreign(HKEY root, const std::wstring& path, const wchar_t* name)
+    void plant_foreign(const std::wstring& path, const wchar_t* name, HKEY root = HKEY_CURRENT_USER)
     {
-        plant(root, path, name, FOREIGN);
+        plant(path, name, FOREIGN, root);
         foreign.emplace_back(root, path);
     }
 
@@ -102,13 +106,11 @@ struct stage {
     [[nodiscard]] std::wstring lost() const
     {
         std::wstring paths;
-        for (const auto& [key, path] : foreign) {
-            const auto has_it = [root = key, &path](const wchar_t* name) {
+        for (const auto& [root, path] : foreign) {
+            const auto has_it = [&](const wchar_t* name) {
                 return planted_value(root, path, name) == registry_text(FOREIGN);
             };
-            const auto places = {
-                L"", PROPERTY_HANDLER_BACKUP, custom_actions::ICON_HANDLER_BACKUP_VALUE, DRIVE_ICON_BACKUP};
-            if (std::ranges::none_of(places, has_it)) {
+            if (std::ranges::none_of(PLACES, has_it)) {
                 paths.append(L"(loses ").append(path).append(L")");
             }
         }
@@ -117,7 +119,7 @@ struct stage {
 
     toy_process main{L"Quorbel.exe"};
     toy_process helper{L"Quorbel.Kindra.HelperService.exe", L"--window=none"};
-    toy_process explorer{L"explorer.exe", L"--window=none"};
+    toy_process explorer{L"explorer.exe"};
     scheduler_stand_in scheduler; // before the sandboxes, since it is the machine's
     registry_sandbox machine_hive{HKEY_LOCAL_MACHINE};
     registry_sandbox user_hive{HKEY_CURRENT_USER};
@@ -138,44 +140,42 @@ void plant_property_handlers(stage& stage, bool registered)
     const std::wstring ours = widen(custom_actions::PROPERTY_HANDLER_CLSID);
     for (const std::string_view type : custom_actions::PROPERTY_HANDLER_EXTENSIONS) {
         if ((type == ".jpeg") == registered) {
-            plant(HKEY_LOCAL_MACHINE, HANDLERS + widen(type), L"", ours);
+            plant(HANDLERS + widen(type), L"", ours, HKEY_LOCAL_MACHINE);
         }
     }
     const std::wstring lists = ASSOCIATIONS + L".jpeg";
-    plant(HKEY_LOCAL_MACHINE, lists, L"FullDetails", widen(custom_actions::FULL_DETAILS_LIST));
-    plant(HKEY_LOCAL_MACHINE, lists, L"InfoTip", widen(custom_actions::INFOTIP_LIST));
-    stage.plant_foreign(HKEY_LOCAL_MACHINE, HANDLERS + L".png", L"");
-    stage.plant_foreign(HKEY_LOCAL_MACHINE, HANDLERS + L".tif", L"");
-    stage.plant_foreign(HKEY_LOCAL_MACHINE, HANDLERS + L".jpg", PROPERTY_HANDLER_BACKUP);
-    plant(HKEY_LOCAL_MACHINE, HANDLERS + L".jpg", L"", registered ? ours : L"{another}");
+    plant(lists, L"FullDetails", widen(custom_actions::FULL_DETAILS_LIST), HKEY_LOCAL_MACHINE);
+    plant(lists, L"InfoTip", widen(custom_actions::INFOTIP_LIST), HKEY_LOCAL_MACHINE);
+    stage.plant_foreign(HANDLERS + L".png", L"", HKEY_LOCAL_MACHINE);
+    stage.plant_foreign(HANDLERS + L".tif", L"", HKEY_LOCAL_MACHINE);
+    stage.plant_foreign(HANDLERS + L".jpg", PROPERTY_HANDLER_BACKUP, HKEY_LOCAL_MACHINE);
+    plant(HANDLERS + L".jpg", L"", registered ? ours : L"{another}", HKEY_LOCAL_MACHINE);
 }
 
 // With what else the removal looks at.
 void plant_icon_handlers(stage& stage, const wchar_t* handler)
 {
-    const auto plant_text = [](const std::wstring& path, const wchar_t* name, const wchar_t* text) {
-        plant(HKEY_CURRENT_USER, path, name, text);
-    };
     constexpr std::string_view one{"\1\0\0\0", 4};
-    for (const std::wstring& path : {ASSOCIATIONS + L".ini" + ICON_SLOT, CLASSES + L"toyfile" + ICON_SLOT}) {
-        plant_text(path, L"", handler);
-        stage.plant_foreign(HKEY_CURRENT_USER, path, custom_actions::ICON_HANDLER_BACKUP_VALUE);
-    }
-    plant_text(CLASSES + L".ini", L"", L"toyfile");
-    plant_text(CLASSES + L".ico\\OpenWithProgids", L"otherfile", L"");
-    stage.plant_foreign(HKEY_CURRENT_USER, CLASSES + L"otherfile" + ICON_SLOT, L"");
+    const std::wstring ini = ASSOCIATIONS + L".ini" + ICON_SLOT;
+    plant(ini, L"", handler);
+    stage.plant_foreign(ini, custom_actions::ICON_HANDLER_BACKUP_VALUE);
+    plant(CLASSES + L".ini", L"", L"toyfile");
+    plant(CLASSES + L".ico\\OpenWithProgids", L"otherfile", L"");
+    stage.plant_foreign(CLASSES + L"otherfile" + ICON_SLOT, L"");
     const std::wstring type = ASSOCIATIONS + L".ico";
-    const std::wstring thumbnails = custom_actions::THUMBNAIL_HANDLER_SLOT;
-    plant_text(type + ICON_SLOT, L"", custom_actions::ICON_HANDLER_CLSID);
-    plant_text(type + L"\\ShellEx\\" + thumbnails, L"", custom_actions::ICON_HANDLER_CLSID);
+    plant(type + ICON_SLOT, L"", custom_actions::ICON_HANDLER_CLSID);
+    plant(
+        type + L"\\ShellEx\\" + custom_actions::THUMBNAIL_HANDLER_SLOT,
+        L"",
+        custom_actions::ICON_HANDLER_CLSID);
     plant_value(HKEY_CURRENT_USER, type, custom_actions::TREATMENT_MARKER_VALUE, one, REG_DWORD);
     const std::wstring drive_c = DRIVES + L"C\\DefaultIcon";
     for (const std::wstring& drive : {drive_c, DRIVES + L"D\\DefaultIcon"}) {
-        plant_text(drive, L"", L"ours.ico");
-        plant_text(drive, L"sorvane_drive_icon_applied", L"ours.ico");
+        plant(drive, L"", L"ours.ico");
+        plant(drive, L"sorvane_drive_icon_applied", L"ours.ico");
     }
     plant_value(HKEY_CURRENT_USER, drive_c, L"sorvane_drive_icon_had_original", one, REG_DWORD);
-    stage.plant_foreign(HKEY_CURRENT_USER, drive_c, DRIVE_ICON_BACKUP);
+    stage.plant_foreign(drive_c, DRIVE_ICON_BACKUP);
 }
 
 // The upgrade's folder as its earlier phases left it.
@@ -184,16 +184,15 @@ void begin_upgrade(stage& stage)
     const std::filesystem::path workspace = stage.upgrade.workspace;
     std::filesystem::create_directories(workspace / L"output");
     static constexpr const wchar_t* markers[]{
-        marker::BACKUP_COMPLETE,
-        marker::SHUTDOWN_STARTED,
-        marker::PACKAGES_TOUCHED,
-        marker::PACKAGES_VERIFIED,
-        marker::SEARCH_DELAYED_START,
-        marker::SEARCH_RUNNING,
-        marker::HELPER_RUNNING,
+        L"backup-complete",
+        L"shutdown-started",
+        L"packages-touched",
+        L"packages-verified",
+        L"search-delayed-start",
+        L"search-running",
+        L"helper-running",
         L"search-start-type-2",
-        L"registered-0",
-    };
+        L"registered-0"};
     for (const wchar_t* name : markers) {
         std::ofstream{workspace / name} << '1';
     }
@@ -203,16 +202,16 @@ void begin_upgrade(stage& stage)
 // that by function, without its numbers, and "*" before what may stand in front.
 std::wstring unexpected(const std::wstring& failing, std::wstring text)
 {
-    std::erase_if(text, [](wchar_t letter) { return std::iswdigit(letter) != 0; });
     std::wifstream list{SOURCE_DIR "/tests/library/fault_messages.txt"};
     for (std::wstring function, known; list >> function >> std::ws && std::getline(list, known);) {
-        for (auto at = text.find(known);
-             at != std::wstring::npos && (function == failing || function == L"*");
-             at = text.find(known)) {
+        std::size_t at = 0;
+        while ((function == failing || function == L"*") && (at = text.find(known)) != std::wstring::npos) {
             text.erase(at, known.size());
         }
     }
-    std::erase_if(text, [](wchar_t letter) { return letter == L' ' || letter == L';'; });
+    std::erase_if(text, [](wchar_t letter) {
+        return std::wstring_view{L"0123456789; "}.find(letter) != std::wstring_view::npos;
+    });
     return text;
 }
 
@@ -224,28 +223,15 @@ const std::map<std::string_view, void (*)(stage&)> SCENARIOS{
     {"iconhandler_remove_registry",
      [](stage& stage) { plant_icon_handlers(stage, custom_actions::ICON_HANDLER_CLSID); }},
     {"restore_built_in_new_context_menu",
-     [](stage& /*stage*/) { plant(HKEY_CURRENT_USER, NEW_MENU, L"", FOREIGN); }},
-    {"restore_explorer",
-     [](stage& stage) {
-         stage.machine.running.erase(stage.explorer.id());
-         stage.set_data(custom_actions::explorer_record(stage.upgrade.session_id, stage.upgrade.user_sid));
+     [](stage& /*stage*/) {
+         plant(CLASSES + LR"(Directory\Background\ShellEx\ContextMenuHandlers\New)", L"", FOREIGN);
      }},
-    {"stop_search", [](stage& stage) { stage.set_data(L"running"); }},
-    {"restore_search",
-     [](stage& stage) {
-         stage.machine.search_state = SERVICE_STOP_PENDING;
-         stage.set_data(L"running");
-     }},
-    {"msix_install_package", [](stage& stage) { stage.set_data(L"C:\\Suite\\Sorvane.Icon.Package.msix"); }},
-    {"msix_uninstall_package", [](stage& stage) { stage.set_data(L"Sorvane.Icon"); }},
+    {"restore_explorer", [](stage& stage) { stage.machine.running.erase(stage.explorer.id()); }},
+    {"restore_search", [](stage& stage) { stage.machine.search_state = SERVICE_STOP_PENDING; }},
     {"install_upgrade_packages", begin_upgrade},
     {"finish_controlled_upgrade", begin_upgrade},
     {"rollback_controlled_upgrade", begin_upgrade},
-    {"recover_early_upgrade",
-     [](stage& stage) {
-         stage.scheduler.register_task(TASK);
-         stage.scheduler.end_with(S_OK);
-     }},
+    {"recover_early_upgrade", [](stage& stage) { stage.scheduler.register_task(TASK); }},
 };
 
 class FaultSweep : public testing::TestWithParam<std::string> {
@@ -255,8 +241,7 @@ protected:
     void SetUp() override
     {
         if (!machine_is_disposable()) {
-            GTEST_SKIP()
-                << "starts programs with the suite's names: set DISPOSABLE_MACHINE where that may be";
+            GTEST_SKIP() << "starts the suite's programs: set DISPOSABLE_MACHINE where that may be";
         }
         if (!stage_) {
             stage_.emplace();
@@ -266,7 +251,7 @@ protected:
     // Calls the action and looks at what it leaves. Returns how many handles more are open than before.
     long run(std::size_t nth = 0, call_sweep::fault fault = call_sweep::fault::passing)
     {
-        stage_->begin_anew();
+        stage_->begin_anew(widen(GetParam()));
         if (const auto scenario = SCENARIOS.find(GetParam()); scenario != SCENARIOS.end()) {
             scenario->second(*stage_);
         }

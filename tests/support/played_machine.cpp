@@ -106,7 +106,7 @@ void played_machine::play_programs()
     answer<"PostMessageW">(&PostMessageW, [this](HWND window, UINT message, auto...) {
         DWORD owner = 0;
         GetWindowThreadProcessId(window, &owner);
-        if (message == WM_CLOSE) {
+        if (message == WM_CLOSE && programs[owner].library.empty()) {
             running.erase(owner);
         }
         return TRUE;

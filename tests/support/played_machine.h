@@ -14,11 +14,11 @@
 namespace test_support {
 
 // The machine around one module, played, so that an action can be run a thousand times: real programs are
-// listed, asked, opened and inspected, but end only in the play, terminated or by their windows; a service
-// "WSearch" is started and stopped; scripts succeed at once and leave their log; no time passes but for a
-// clock that is turned by sleeping. What else the module does is real. Everything that it is given to close
-// (service handles and environments too) is a real handle, and one left open is counted with the others. One
-// can live at a time.
+// listed, asked, opened and inspected, but end only in the play, terminated or, without a library, asked at a
+// window of theirs; a service "WSearch" is started and stopped; scripts succeed at once and leave their log;
+// no time passes but for a clock that is turned by sleeping. What else the module does is real. Everything
+// that it is given to close (service handles and environments too) is a real handle, and one left open is
+// counted with the others. One can live at a time.
 class played_machine {
 public:
     // Throws std::runtime_error where `module` does not import what is played here.

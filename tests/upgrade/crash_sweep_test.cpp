@@ -25,7 +25,6 @@
 #include <deque>
 #include <filesystem>
 #include <iostream>
-#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -35,6 +34,7 @@ namespace {
 
 namespace fs = std::filesystem;
 namespace marker = custom_actions::controlled_upgrade::marker;
+using custom_actions::controlled_upgrade::guard_is_live;
 using custom_actions::controlled_upgrade::has_marker;
 using custom_actions::controlled_upgrade::write_marker;
 
@@ -87,19 +87,6 @@ TEST(Fault, DISABLED_is_killed_in_an_action)
     }
 }
 
-std::vector<call_sweep::counted_call> told_calls(const std::string& output)
-{
-    std::vector<call_sweep::counted_call> calls;
-    std::istringstream words{output};
-    call_sweep::counted_call call;
-    for (std::string word; words >> word;) {
-        if (word == "call" && words >> call.function >> call.place) {
-            calls.push_back(call);
-        }
-    }
-    return calls;
-}
-
 child_result run(const std::string& action, const std::wstring& data, std::size_t nth = 0)
 {
     const std::wstring name = custom_actions::widen(action);
@@ -121,59 +108,72 @@ std::vector<DWORD> running(const std::vector<std::wstring>& images)
     return custom_actions::find_processes_by_image(images, custom_actions::listing::strict);
 }
 
-class CrashSweep : public testing::TestWithParam<const char*> {
-protected:
-    void SetUp() override
+// One of the phases and the machine on which it is killed.
+class crash_scene {
+public:
+    explicit crash_scene(const std::string& phase) : phase_{phase}
     {
-        if (!machine_is_disposable()) {
-            GTEST_SKIP() << "ends programs, replaces PowerShell: set DISPOSABLE_MACHINE where that may be";
-        }
-        search_.emplace(); // on demand
-        search_->start();
-        scene_.emplace();
-        const auto& upgrade = scene_->context();
+        search_.start();
+        const auto& upgrade = scene_.context();
         succeeds("restore_explorer", custom_actions::explorer_record(upgrade.session_id, upgrade.user_sid));
-        if (!begins_) { // the first phase for real, once: the later ones add to what it leaves, and no more
+        if (phase != BEGIN) { // which is done once: the later ones add to what it leaves, and no more
             prepare();
-            succeeds(BEGIN, scene_->data());
-            begun_ = scene_->program(L"begun");
+            succeeds(BEGIN, scene_.data());
+            begun_ = scene_.program(L"begun");
             fs::copy(upgrade.workspace, begun_, fs::copy_options::recursive);
         }
     }
 
-    void TearDown() override
+    ~crash_scene() { end_explorer(); }
+
+    crash_scene(const crash_scene&) = delete;
+    crash_scene& operator=(const crash_scene&) = delete;
+
+    void sweep()
     {
-        if (scene_) {
-            end_explorer();
+        std::istringstream words{kill_at(0)}; // where it is killed nowhere
+        call_sweep::counted_call call;
+        for (std::string word; words >> word;) {
+            if (word == "call" && words >> call.function >> call.place) {
+                calls_.push_back(call);
+            }
         }
+        ASSERT_GT(calls_.size(), 10U);
+        const std::string swept = sweep_calls(calls_, 15, [this](std::size_t nth) { kill_at(nth); });
+        EXPECT_EQ(scene_.powershell.refused(), L"");
+        fs::remove_all(scene_.context().workspace); // the next one has another
+        succeeds(BEGIN, scene_.data());
+        std::cout << phase_ << ": " << swept << "; " << killed_ << " killed, " << checked_
+                  << " invariants checked\n";
     }
 
+private:
     // The machine as it is before the phase. Windows Search and the suite run, since the rollback before has
     // brought them back; a later phase finds Search blocked, and the suite as though somebody had started it
     // again.
     void prepare()
     {
-        scene_->powershell.open_folders({FOLDER, L"https://example.org/"});
+        scene_.powershell.open_folders({FOLDER, L"https://example.org/"});
         for (const wchar_t* program : {HELPER, TRAY, HOTKEYS}) {
             if (running({program}).empty()) {
-                programs_.emplace_back(scene_->program(program));
+                programs_.emplace_back(scene_.program(program));
             }
         }
-        fs::remove_all(scene_->context().workspace);
+        fs::remove_all(scene_.context().workspace);
         if (begun_.empty()) {
             return;
         }
-        fs::copy(begun_, scene_->context().workspace, fs::copy_options::recursive);
+        fs::copy(begun_, scene_.context().workspace, fs::copy_options::recursive);
         custom_actions::set_search_start_type(SERVICE_DISABLED);
         custom_actions::stop_search_service();
-        scene_->copy_packages(L"2.0.0");
-        if (GetParam() == std::string_view{FINISH}) { // as the second phase leaves it
+        scene_.copy_packages(L"2.0.0");
+        if (phase_ == FINISH) { // as the second phase leaves it
             end_explorer();
             for (const std::wstring file : custom_actions::controlled_upgrade::UPGRADE_PACKAGES) {
-                scene_->powershell.register_package(file.substr(0, file.find(L".Package")), L"2.0.0.0");
+                scene_.powershell.register_package(file.substr(0, file.find(L".Package")), L"2.0.0.0");
             }
-            write_marker(scene_->context(), marker::PACKAGES_TOUCHED);
-            write_marker(scene_->context(), marker::PACKAGES_VERIFIED);
+            write_marker(scene_.context(), marker::PACKAGES_TOUCHED);
+            write_marker(scene_.context(), marker::PACKAGES_VERIFIED);
         }
     }
 
@@ -184,88 +184,83 @@ protected:
         EXPECT_EQ(found, expected) << what;
     }
 
-    // Kills the phase before its n-th call, rolls it back and looks at what became of the machine.
-    void kill_at(std::size_t nth)
+    // Kills the phase before its n-th call, rolls it back and looks at what became of the machine. Returns
+    // what the phase has told.
+    std::string kill_at(std::size_t nth)
     {
         prepare();
         const auto programs = running({HELPER, TRAY, HOTKEYS});
-        std::vector<std::wstring> packages = registered_packages(scene_->powershell);
-        const child_result phase = run(GetParam(), scene_->data(), nth);
+        std::vector<std::wstring> packages = registered_packages(scene_.powershell);
+        const child_result phase = run(phase_, scene_.data(), nth);
         SCOPED_TRACE("call " + std::to_string(nth) + "; " + phase.output);
-        if (nth == 0) {
-            calls_ = told_calls(phase.output);
-        }
-        if (phase.exit_code == call_sweep::KILLED) {
-            ++killed_;
-        } else { // no run makes quite as many calls as the others, and the phase may come to its end
-            holds("the phase", phase.exit_code, 0U);
-            EXPECT_TRUE(nth == 0 || nth * 2 > calls_.size()) << "the calls are not those that were counted";
-        }
+        killed_ += phase.exit_code == call_sweep::KILLED ? 1 : 0;
+        // No run makes quite as many calls as the others: behind their first half the phase may come to its
+        // end.
+        const bool may_end = phase.exit_code == 0 && (nth == 0 || nth * 2 > calls_.size());
+        holds("the phase", phase.exit_code, may_end ? 0U : call_sweep::KILLED);
         // A script outlives the action that was killed: the rollback may only come behind it.
         for (int tries = 0; tries != 1000 && !running({L"powershell.exe"}).empty(); ++tries) {
             SleepEx(10, FALSE);
         }
-        const bool live = custom_actions::controlled_upgrade::guard_is_live();
-        holds("a key of a process that has gone is live", live, false);
-        const bool stopped = has_marker(scene_->context(), marker::SHUTDOWN_STARTED);
-        auto markers = scene_->markers();
+        holds("a key of a process that has gone is live", guard_is_live(), false);
+        const bool stopped = has_marker(scene_.context(), marker::SHUTDOWN_STARTED);
+        auto markers = scene_.markers();
         if (stopped) {
-            scene_->powershell.open_folders({}); // Explorer may have been ended
+            scene_.powershell.open_folders({}); // Explorer may have been ended
             markers.emplace_back("rollback-complete");
             std::ranges::sort(markers);
         }
-        if (has_marker(scene_->context(), marker::PACKAGES_TOUCHED)) {
+        if (has_marker(scene_.context(), marker::PACKAGES_TOUCHED)) {
             // A registration that was another is now the installed package's.
             packages = {L"Quorbel.Paste 1.5.0.0 Ok", L"Sorvane.Icon 1.5.0.0 Ok"};
         }
         // What the installer does before the rollback. Nothing of the new version holds these files, which is
         // what nobody but a failing finish itself makes sure of.
-        scene_->copy_packages(L"1.5.0");
+        scene_.copy_packages(L"1.5.0");
 
-        const child_result rollback = run("rollback_controlled_upgrade", scene_->data());
+        const child_result rollback = run("rollback_controlled_upgrade", scene_.data());
         SCOPED_TRACE("rolled back: " + rollback.output);
         holds("the rollback", rollback.exit_code, 0U);
-        holds("the markers", scene_->markers(), markers);
+        holds("the markers", scene_.markers(), markers);
         const LSTATUS key = RegDeleteKeyExW(HKEY_LOCAL_MACHINE, MAINTENANCE_KEY, KEY_WOW64_64KEY, 0);
         holds("the maintenance key", key, LSTATUS{ERROR_FILE_NOT_FOUND});
-        holds("the packages", registered_packages(scene_->powershell), packages);
-        holds("Search", search_->state(), DWORD{SERVICE_RUNNING});
+        holds("the packages", registered_packages(scene_.powershell), packages);
+        holds("Search", search_.state(), DWORD{SERVICE_RUNNING});
         const auto start_type = custom_actions::read_search_start_type();
         holds("its start", start_type, std::optional<DWORD>{SERVICE_DEMAND_START});
         if (!stopped) {
             holds("what the rollback had to do", rollback.output.find("message "), std::string::npos);
             holds("the programs", running({HELPER, TRAY, HOTKEYS}), programs);
-            return;
+            return phase.output;
         }
         holds("the helper", running({HELPER}).size(), 1U);
         holds("the tray", running({TRAY}).size(), 1U);
         holds("Explorer", running({L"explorer.exe"}).empty(), false);
         // Windows of other places than folders do not come back, and the suite's other programs do not.
-        holds("the folder windows", scene_->powershell.folders(), std::vector<std::wstring>{FOLDER});
+        holds("the folder windows", scene_.powershell.folders(), std::vector<std::wstring>{FOLDER});
         holds("the other programs", running({HOTKEYS, L"Quorbel.exe"}).size(), 0U);
+        return phase.output;
     }
 
-    std::optional<windows_search> search_;
-    std::optional<upgrade_scene> scene_;
+    std::string phase_;
+    windows_search search_; // on demand
+    upgrade_scene scene_;
     std::deque<toy_process> programs_;
     fs::path begun_; // a copy of the workspace that the first phase left
     import_patch<decltype(Sleep)> impatience_{GetModuleHandleW(nullptr), "Sleep", &nap};
-    const bool begins_ = GetParam() == std::string_view{BEGIN};
     std::vector<call_sweep::counted_call> calls_;
     std::size_t killed_ = 0;
     std::size_t checked_ = 0;
 };
 
+class CrashSweep : public testing::TestWithParam<const char*> {};
+
 TEST_P(CrashSweep, is_undone_whole_wherever_it_is_killed)
 {
-    kill_at(0); // where it is killed nowhere
-    ASSERT_GT(calls_.size(), 10U);
-    const std::string swept = sweep_calls(calls_, 15, [this](std::size_t nth) { kill_at(nth); });
-    EXPECT_EQ(scene_->powershell.refused(), L"");
-    fs::remove_all(scene_->context().workspace); // the next one has another
-    succeeds(BEGIN, scene_->data());
-    std::cout << GetParam() << ": " << swept << "; " << killed_ << " killed, " << checked_
-              << " invariants checked\n";
+    if (!machine_is_disposable()) {
+        GTEST_SKIP() << "ends programs, replaces PowerShell: set DISPOSABLE_MACHINE where that may be";
+    }
+    crash_scene{GetParam()}.sweep();
 }
 
 INSTANTIATE_TEST_SUITE_P(
