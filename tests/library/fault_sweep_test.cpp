@@ -28,6 +28,7 @@
 #include <iostream>
 #include <map>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -71,9 +72,8 @@ struct stage {
         session.install_component(PRODUCT, SUITE_COMPONENT, (folder / L"Quorbel.exe").wstring());
     }
 
-    // As it is before each run: both hives empty, every program and Search running. The data of a deferred
-    // action is the property of its name, or else the upgrade's.
-    void begin_anew(const std::wstring& action)
+    // As it is before each run: both hives empty, every program and Search running.
+    void begin_anew(const std::string& action)
     {
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software");
         RegDeleteTreeW(HKEY_CURRENT_USER, L"Software");
@@ -86,13 +86,8 @@ struct stage {
         session.set_property(L"QblEarlyRecoveryTask", TASK);
         session.set_property(L"WIX_UPGRADE_DETECTED", PRODUCT);
         session.set_property(L"begin_controlled_upgrade", upgrade_data);
-        session.set_property(L"stop_search", L"running");
-        session.set_property(L"restore_search", L"running");
-        session.set_property(
-            L"restore_explorer", custom_actions::explorer_record(upgrade.session_id, upgrade.user_sid));
-        session.set_property(L"msix_install_package", L"C:\\Suite\\Sorvane.Icon.Package.msix");
-        session.set_property(L"msix_uninstall_package", L"Sorvane.Icon");
-        session.set_property(L"CustomActionData", session.property(action).value_or(upgrade_data));
+        const auto own = data.find(action);
+        session.set_property(L"CustomActionData", own == data.end() ? upgrade_data : own->second);
     }
 
     // Plants a handler or an icon of somebody else's, which a run may lose where fault_messages.txt says so.
@@ -131,6 +126,13 @@ struct stage {
     std::wstring upgrade_data = new_upgrade_data(folder.wstring());
     custom_actions::controlled_upgrade::context upgrade =
         custom_actions::controlled_upgrade::load_context(upgrade_data);
+    const std::map<std::string, std::wstring> data{
+        // of the actions that do not take the upgrade's
+        {"restore_explorer", custom_actions::explorer_record(upgrade.session_id, upgrade.user_sid)},
+        {"stop_search", L"running"},
+        {"restore_search", L"running"},
+        {"msix_install_package", L"C:\\Suite\\Sorvane.Icon.Package.msix"},
+        {"msix_uninstall_package", L"Sorvane.Icon"}};
     std::vector<std::pair<HKEY, std::wstring>> foreign;
 };
 
@@ -183,17 +185,10 @@ void begin_upgrade(stage& stage)
 {
     const std::filesystem::path workspace = stage.upgrade.workspace;
     std::filesystem::create_directories(workspace / L"output");
-    static constexpr const wchar_t* markers[]{
-        L"backup-complete",
-        L"shutdown-started",
-        L"packages-touched",
-        L"packages-verified",
-        L"search-delayed-start",
-        L"search-running",
-        L"helper-running",
-        L"search-start-type-2",
-        L"registered-0"};
-    for (const wchar_t* name : markers) {
+    std::istringstream markers{
+        "backup-complete shutdown-started packages-touched packages-verified search-delayed-start "
+        "search-running helper-running search-start-type-2 registered-0"};
+    for (std::string name; markers >> name;) {
         std::ofstream{workspace / name} << '1';
     }
 }
@@ -251,7 +246,7 @@ protected:
     // Calls the action and looks at what it leaves. Returns how many handles more are open than before.
     long run(std::size_t nth = 0, call_sweep::fault fault = call_sweep::fault::passing)
     {
-        stage_->begin_anew(widen(GetParam()));
+        stage_->begin_anew(GetParam());
         if (const auto scenario = SCENARIOS.find(GetParam()); scenario != SCENARIOS.end()) {
             scenario->second(*stage_);
         }

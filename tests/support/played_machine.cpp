@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <optional>
 #include <tuple>
 #include <utility>
 

@@ -3,7 +3,6 @@
 // SWEEP tells how many seconds a phase is swept (15), or "full" for every such call.
 
 #include "custom_actions/common/text.h"
-#include "custom_actions/processes/explorer.h"
 #include "custom_actions/processes/process_inventory.h"
 #include "custom_actions/search/search_service.h"
 #include "custom_actions/upgrade/maintenance_key.h"
@@ -114,13 +113,11 @@ public:
     explicit crash_scene(const std::string& phase) : phase_{phase}
     {
         search_.start();
-        const auto& upgrade = scene_.context();
-        succeeds("restore_explorer", custom_actions::explorer_record(upgrade.session_id, upgrade.user_sid));
         if (phase != BEGIN) { // which is done once: the later ones add to what it leaves, and no more
             prepare();
             succeeds(BEGIN, scene_.data());
             begun_ = scene_.program(L"begun");
-            fs::copy(upgrade.workspace, begun_, fs::copy_options::recursive);
+            fs::copy(scene_.context().workspace, begun_, fs::copy_options::recursive);
         }
     }
 
@@ -192,7 +189,8 @@ private:
         const auto programs = running({HELPER, TRAY, HOTKEYS});
         std::vector<std::wstring> packages = registered_packages(scene_.powershell);
         const child_result phase = run(phase_, scene_.data(), nth);
-        SCOPED_TRACE("call " + std::to_string(nth) + "; " + phase.output);
+        const std::string call = nth == 0 ? "no call" : calls_[nth - 1].function;
+        SCOPED_TRACE("killed before " + call + ", " + std::to_string(nth) + "; " + phase.output);
         killed_ += phase.exit_code == call_sweep::KILLED ? 1 : 0;
         // No run makes quite as many calls as the others: behind their first half the phase may come to its
         // end.
