@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <fstream>
 #include <tuple>
-#include <utility>
 
 namespace test_support {
 namespace {
@@ -159,7 +158,7 @@ void played_machine::play_service()
     answer<"CloseServiceHandle">(&CloseServiceHandle, close);
     answer<"ControlService">(&ControlService, bring_to(SERVICE_STOPPED));
     answer<"StartServiceW">(&StartServiceW, bring_to(SERVICE_RUNNING));
-    answer<"QueryServiceStatusEx">(&QueryServiceStatusEx, [this](auto, auto, BYTE* status, auto...) {
+    answer<"QueryServiceStatusEx">(&QueryServiceStatusEx, [this](auto, auto, auto* status, auto...) {
         reinterpret_cast<SERVICE_STATUS_PROCESS*>(status)->dwCurrentState = search_state;
         if (search_state == SERVICE_STOP_PENDING) { // once it has been seen
             search_state = SERVICE_STOPPED;

@@ -32,9 +32,7 @@ namespace test_support {
 namespace {
 
 namespace fs = std::filesystem;
-namespace marker = custom_actions::controlled_upgrade::marker;
 using custom_actions::controlled_upgrade::guard_is_live;
-using custom_actions::controlled_upgrade::has_marker;
 using custom_actions::controlled_upgrade::write_marker;
 
 constexpr const wchar_t* ORDER = L"CRASH_SWEEP_ORDER"; // "NTH ACTION DATA", killed before its n-th call
@@ -169,8 +167,8 @@ private:
             for (const std::wstring file : custom_actions::controlled_upgrade::UPGRADE_PACKAGES) {
                 scene_.powershell.register_package(file.substr(0, file.find(L".Package")), L"2.0.0.0");
             }
-            write_marker(scene_.context(), marker::PACKAGES_TOUCHED);
-            write_marker(scene_.context(), marker::PACKAGES_VERIFIED);
+            write_marker(scene_.context(), L"packages-touched");
+            write_marker(scene_.context(), L"packages-verified");
         }
     }
 
@@ -201,14 +199,14 @@ private:
             SleepEx(10, FALSE);
         }
         holds("a key of a process that has gone is live", guard_is_live(), false);
-        const bool stopped = has_marker(scene_.context(), marker::SHUTDOWN_STARTED);
         auto markers = scene_.markers();
+        const bool stopped = std::ranges::count(markers, "shutdown-started") != 0;
         if (stopped) {
             scene_.powershell.open_folders({}); // Explorer may have been ended
             markers.emplace_back("rollback-complete");
             std::ranges::sort(markers);
         }
-        if (has_marker(scene_.context(), marker::PACKAGES_TOUCHED)) {
+        if (std::ranges::count(markers, "packages-touched") != 0) {
             // A registration that was another is now the installed package's.
             packages = {L"Quorbel.Paste 1.5.0.0 Ok", L"Sorvane.Icon 1.5.0.0 Ok"};
         }
