@@ -12,9 +12,9 @@
 namespace test_support {
 
 // Counts the calls that a module makes to Windows through its import table, on all threads, and lets the n-th
-// of them fail or end the process. How each function fails is one list of rules in call_sweep.cpp, which also
-// names what is left alone. A function of the module that is running may have read its imports already, so a
-// sweep comes and goes while none is. One can live at a time.
+// of them fail or end the process. How each function fails, and what is left alone, is told in
+// call_sweep.cpp. A function of the module that is running may have read its imports already, so a sweep
+// comes and goes while none is. One can live at a time.
 class call_sweep {
 public:
     enum class fault {
@@ -27,13 +27,11 @@ public:
 
     struct counted_call {
         std::string function;
-        std::size_t
-            place; // the same for calls from the same place by the same way; 0 where a fault is planned
+        std::size_t place; // the same for calls from there by the same way; 0 where a fault is planned
     };
 
-    // Counts the functions whose names begin with one of `only`, or all where there is none. Throws
-    // std::runtime_error with the names of the imports that no rule knows. Imports that others have patched
-    // before keep their patches, and what fails does not get there.
+    // Counts the functions whose names begin with one of `only`, or all where there is none. Imports that
+    // others have patched before keep their patches, and what fails does not get there.
     explicit call_sweep(HMODULE module, const std::vector<std::string_view>& only = {});
     ~call_sweep();
 
@@ -51,30 +49,28 @@ public:
 
 private:
     struct function;
-    template <std::size_t Index, class Function>
-    struct stub;
 
-    bool fails(const function& called, ULONG_PTR first_argument);
+    template <std::size_t Index, class... Words>
+    static ULONG_PTR WINAPI stub(Words... words);
+
+    bool fails(const std::string& called, ULONG_PTR first_argument);
     [[nodiscard]] std::size_t place_of_call() const;
 
     inline static call_sweep* active_ = nullptr;
 
-    ULONG_PTR module_start_;
-    ULONG_PTR module_size_;
+    HMODULE module_;
     std::vector<function> functions_;
-
     std::mutex counting_;
     std::vector<counted_call> calls_;
     std::size_t failed_ = 0;
     std::size_t nth_ = 0;
     fault planned_ = fault::passing;
-    const function* failing_ = nullptr;
 };
 
 // Takes the calls by their numbers, from 1 on, for as many seconds as SWEEP of the environment says ("full"
-// is all of them), or else for the default: nine tenths of that time the first calls of each place in the
-// code, then the others. What was taken is spread evenly over both, wherever the time was over. Ends at the
-// first failure. Allows the test that time, and returns what to print of it.
+// is all of them), or else for the default: first the first calls of each place in the code, then the others,
+// both spread evenly, wherever the time is over. Ends at the first failure. Allows the test that time, and
+// returns what to print of it.
 std::string sweep_calls(
     const std::vector<call_sweep::counted_call>& calls,
     double default_seconds,

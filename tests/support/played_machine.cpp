@@ -5,13 +5,8 @@
 #include <userenv.h>
 
 #include <algorithm>
-#include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <optional>
 #include <tuple>
-#include <type_traits>
-#include <utility>
 
 namespace test_support {
 namespace {
@@ -20,12 +15,6 @@ namespace {
 HANDLE new_handle()
 {
     return CreateEventW(nullptr, TRUE, TRUE, nullptr);
-}
-
-BOOL close(void* handle)
-{
-    EXPECT_TRUE(CloseHandle(handle)) << "closed, but not open";
-    return TRUE;
 }
 
 BOOL fail_with(DWORD code)
@@ -42,201 +31,154 @@ BOOL give_ended_process(PROCESS_INFORMATION& started)
 
 constexpr auto succeed = [](auto...) { return TRUE; };
 
+constexpr auto close = [](void* handle) {
+    EXPECT_TRUE(CloseHandle(handle)) << "closed, but not open";
+    return TRUE;
+};
+
 } // namespace
 
 template <function_name Name, class Function, class Answer>
-void played_machine::answer(HMODULE module, Answer result)
+void played_machine::answer(Function* /*played*/, Answer result)
 {
-    interceptions_.push_back(std::make_shared<intercepted_import<Name, Function>>(module, std::move(result)));
+    interceptions_.push_back(
+        std::make_shared<intercepted_import<Name, Function>>(module_, std::move(result)));
 }
 
-played_machine::played_machine(HMODULE module) : clock_{module}
+played_machine::played_machine(HMODULE module) : module_{module}, clock_{module}
 {
-    play_snapshots(module);
-    play_programs(module);
-    play_service(module);
+    play_snapshots();
+    play_programs();
+    play_service();
 }
 
-void played_machine::begin_anew(DWORD search_state, std::wstring_view ended)
+// A snapshot has what is there when it is looked at: each program once, and as its modules one of no name and
+// the library that it has loaded.
+void played_machine::play_snapshots()
 {
-    for (auto& [process, listed] : programs_) {
-        listed.running = listed.name != ended;
-    }
-    search_state_ = search_state;
-    search_start_type_ = SERVICE_AUTO_START;
-}
-
-played_machine::program* played_machine::find(DWORD process)
-{
-    const auto found = programs_.find(process);
-    return found == programs_.end() ? nullptr : &found->second;
-}
-
-// A snapshot has what is there when it is looked at: each program once, with one thread, itself as its first
-// module and the library that it has loaded.
-void played_machine::play_snapshots(HMODULE module)
-{
-    const auto next = [this](HANDLE, auto* entry) {
-        auto found = programs_.lower_bound(next_);
-        while (found != programs_.end() && !found->second.running) {
-            ++found;
-        }
-        if (found == programs_.end()) {
+    const auto next = [this](HANDLE, PROCESSENTRY32W* entry) {
+        const auto found = running.upper_bound(last_listed_);
+        if (found == running.end()) {
             return fail_with(ERROR_NO_MORE_FILES);
         }
-        next_ = found->first + 1;
-        if constexpr (std::is_same_v<decltype(entry), PROCESSENTRY32W*>) {
-            entry->th32ProcessID = found->first;
-            *std::ranges::copy(found->second.name, entry->szExeFile).out = L'\0';
-        } else {
-            entry->th32OwnerProcessID = found->first;
-        }
+        last_listed_ = entry->th32ProcessID = *found;
+        *std::ranges::copy(programs.at(*found).name, entry->szExeFile).out = L'\0';
         return TRUE;
     };
-    const auto first = [this, next](HANDLE snapshot, auto* entry) {
-        next_ = 0;
-        return next(snapshot, entry);
-    };
-    answer<"CreateToolhelp32Snapshot", decltype(CreateToolhelp32Snapshot)>(
-        module, [this](DWORD, DWORD process) {
-            inspected_ = process;
-            return new_handle();
-        });
-    answer<"Process32FirstW", decltype(Process32FirstW)>(module, first);
-    answer<"Process32NextW", decltype(Process32NextW)>(module, next);
-    answer<"Thread32First", decltype(Thread32First)>(module, first);
-    answer<"Thread32Next", decltype(Thread32Next)>(module, next);
-    answer<"Module32FirstW", decltype(Module32FirstW)>(module, [this](HANDLE, MODULEENTRY32W* entry) {
-        const program& inspected = programs_.at(inspected_);
-        *std::ranges::copy(inspected.name, entry->szModule).out = L'\0';
-        at_library_ = !inspected.library.empty();
-        return TRUE;
+    answer<"CreateToolhelp32Snapshot">(&CreateToolhelp32Snapshot, [this](DWORD, DWORD process) {
+        (process == 0 ? last_listed_ : inspected_) = process;
+        return new_handle();
     });
-    answer<"Module32NextW", decltype(Module32NextW)>(module, [this](HANDLE, MODULEENTRY32W* entry) {
-        *std::ranges::copy(programs_.at(inspected_).library, entry->szModule).out = L'\0';
-        return std::exchange(at_library_, false) ? TRUE : fail_with(ERROR_NO_MORE_FILES);
+    answer<"Process32FirstW">(&Process32FirstW, next);
+    answer<"Process32NextW">(&Process32NextW, next);
+    answer<"Thread32First">(&Thread32First, [](auto...) { return FALSE; });
+    answer<"Module32FirstW">(&Module32FirstW, succeed);
+    answer<"Module32NextW">(&Module32NextW, [this](HANDLE, MODULEENTRY32W* entry) {
+        const auto inspected = programs.find(std::exchange(inspected_, 0));
+        if (inspected == programs.end()) {
+            return fail_with(ERROR_NO_MORE_FILES);
+        }
+        *std::ranges::copy(inspected->second.library, entry->szModule).out = L'\0';
+        return TRUE;
     });
 }
 
-void played_machine::play_programs(HMODULE module)
+void played_machine::play_programs()
 {
-    answer<"OpenProcess", decltype(OpenProcess)>(module, [this](DWORD access, BOOL inherit, DWORD process) {
-        const program* const found = find(process);
-        if (found == nullptr || found->running) {
+    answer<"OpenProcess">(&OpenProcess, [this](DWORD access, BOOL inherit, DWORD process) {
+        if (running.contains(process) || !programs.contains(process)) {
             return OpenProcess(access | PROCESS_QUERY_LIMITED_INFORMATION, inherit, process);
         }
         SetLastError(ERROR_INVALID_PARAMETER);
         return HANDLE{};
     });
-    const auto of_listed = [this](auto result) {
-        return [this, result](HANDLE object, auto...) {
-            const DWORD last_error = GetLastError();
-            program* const found = find(GetProcessId(object));
-            SetLastError(last_error);
-            return found == nullptr ? std::nullopt : std::optional{result(*found)};
-        };
-    };
-    answer<"TerminateProcess", decltype(TerminateProcess)>(module, of_listed([](program& listed) {
-                                                               listed.running = false;
-                                                               return TRUE;
-                                                           }));
-    answer<"WaitForSingleObject", decltype(WaitForSingleObject)>(
-        module,
-        of_listed([](const program& listed) { return listed.running ? WAIT_TIMEOUT : WAIT_OBJECT_0; }));
-    answer<"PostMessageW", decltype(PostMessageW)>(module, [this](HWND window, UINT message, WPARAM, LPARAM) {
+    answer<"WaitForSingleObject">(&WaitForSingleObject, [this](HANDLE object, DWORD) {
+        const DWORD process = GetProcessId(object);
+        const DWORD result = running.contains(process) ? WAIT_TIMEOUT : WAIT_OBJECT_0;
+        return programs.contains(process) ? std::optional{result} : std::nullopt;
+    });
+    answer<"TerminateProcess">(&TerminateProcess, [this](HANDLE process, UINT) {
+        running.erase(GetProcessId(process));
+        return TRUE;
+    });
+    answer<"PostMessageW">(&PostMessageW, [this](HWND window, UINT message, auto...) {
         DWORD owner = 0;
         GetWindowThreadProcessId(window, &owner);
-        if (program* const found = find(owner); found != nullptr && found->polite && message == WM_CLOSE) {
-            found->running = false;
+        if (message == WM_CLOSE && programs[owner].library.empty()) {
+            running.erase(owner);
         }
         return TRUE;
     });
-    answer<"PostThreadMessageW", decltype(PostThreadMessageW)>(module, succeed);
-    answer<"CreateEnvironmentBlock", decltype(CreateEnvironmentBlock)>(
-        module, [](LPVOID* environment, HANDLE, BOOL) {
-            *environment = new_handle();
-            return TRUE;
-        });
-    answer<"DestroyEnvironmentBlock", decltype(DestroyEnvironmentBlock)>(module, close);
-    answer<"CreateProcessAsUserW", decltype(CreateProcessAsUserW)>(
-        module, [this](HANDLE, LPCWSTR path, LPWSTR, auto... others) {
-            for (auto& [process, listed] : programs_) {
-                listed.running = listed.running || std::wstring_view{path}.ends_with(listed.name);
+    answer<"CreateEnvironmentBlock">(&CreateEnvironmentBlock, [](LPVOID* environment, HANDLE, BOOL) {
+        *environment = new_handle();
+        return TRUE;
+    });
+    answer<"DestroyEnvironmentBlock">(&DestroyEnvironmentBlock, close);
+    answer<"CreateProcessAsUserW">(
+        &CreateProcessAsUserW, [this](HANDLE, LPCWSTR path, LPWSTR, auto... others) {
+            for (const auto& [process, started] : programs) {
+                if (std::wstring_view{path}.ends_with(started.name)) {
+                    running.insert(process);
+                }
             }
             return give_ended_process(*std::get<7>(std::tuple{others...}));
         });
-    answer<"CreateProcessW", decltype(CreateProcessW)>(module, [](LPCWSTR, LPWSTR, auto... others) {
+    answer<"CreateProcessW">(&CreateProcessW, [](LPCWSTR, LPWSTR, auto... others) {
         const auto all = std::tuple{others...};
-        for (auto* const stream : {std::get<6>(all)->hStdOutput, std::get<6>(all)->hStdError}) {
+        for (HANDLE stream : {std::get<6>(all)->hStdOutput, std::get<6>(all)->hStdError}) {
             DWORD written = 0;
             WriteFile(stream, "text", 4, &written, nullptr);
         }
         return give_ended_process(*std::get<7>(all));
     });
-    answer<"GetExitCodeProcess", decltype(GetExitCodeProcess)>(module, [](HANDLE, DWORD* code) {
+    answer<"GetExitCodeProcess">(&GetExitCodeProcess, [](HANDLE, DWORD* code) {
         *code = 0;
         return TRUE;
     });
     // A log is there when it is looked for, with what the scripts that ask would have printed.
-    answer<"CreateFileW", decltype(CreateFileW)>(module, [](LPCWSTR path, auto...) -> std::optional<HANDLE> {
+    answer<"CreateFileW">(&CreateFileW, [](LPCWSTR path, auto...) -> std::optional<HANDLE> {
         if (std::wstring_view{path}.ends_with(L".log")) {
-            std::ofstream{std::filesystem::path{path}} << "QBL_REGISTERED";
+            std::ofstream{path} << "QBL_REGISTERED";
         }
         return std::nullopt;
     });
 }
 
-void played_machine::play_service(HMODULE module)
+void played_machine::play_service()
 {
     const auto open = [](auto...) { return reinterpret_cast<SC_HANDLE>(new_handle()); };
-    answer<"OpenSCManagerW", decltype(OpenSCManagerW)>(module, open);
-    answer<"OpenServiceW", decltype(OpenServiceW)>(module, open);
-    answer<"CloseServiceHandle", decltype(CloseServiceHandle)>(module, close);
-    // What is pending is done when it has been seen once.
-    answer<"QueryServiceStatusEx", decltype(QueryServiceStatusEx)>(
-        module, [this](SC_HANDLE, SC_STATUS_TYPE, LPBYTE status, DWORD, LPDWORD) {
-            SERVICE_STATUS_PROCESS told{};
-            told.dwCurrentState = search_state_;
-            std::memcpy(status, &told, sizeof told);
-            if (search_state_ == SERVICE_STOP_PENDING) {
-                search_state_ = SERVICE_STOPPED;
-            } else if (search_state_ == SERVICE_START_PENDING) {
-                search_state_ = SERVICE_RUNNING;
-            }
+    const auto bring_to = [this](DWORD state) {
+        return [this, state](auto...) {
+            search_state = state;
             return TRUE;
-        });
-    answer<"ControlService", decltype(ControlService)>(module, [this](auto...) {
-        search_state_ = SERVICE_STOP_PENDING;
-        return TRUE;
-    });
-    answer<"StartServiceW", decltype(StartServiceW)>(module, [this](auto...) {
-        if (search_start_type_ == SERVICE_DISABLED) {
-            return fail_with(ERROR_SERVICE_DISABLED);
+        };
+    };
+    answer<"OpenSCManagerW">(&OpenSCManagerW, open);
+    answer<"OpenServiceW">(&OpenServiceW, open);
+    answer<"CloseServiceHandle">(&CloseServiceHandle, close);
+    answer<"ControlService">(&ControlService, bring_to(SERVICE_STOPPED));
+    answer<"StartServiceW">(&StartServiceW, bring_to(SERVICE_RUNNING));
+    answer<"QueryServiceStatusEx">(&QueryServiceStatusEx, [this](auto, auto, auto* status, auto...) {
+        reinterpret_cast<SERVICE_STATUS_PROCESS*>(status)->dwCurrentState = search_state;
+        if (search_state == SERVICE_STOP_PENDING) { // once it has been seen
+            search_state = SERVICE_STOPPED;
         }
-        search_state_ = SERVICE_START_PENDING;
         return TRUE;
     });
-    answer<"QueryServiceConfigW", decltype(QueryServiceConfigW)>(
-        module, [this](SC_HANDLE, LPQUERY_SERVICE_CONFIGW configuration, DWORD size, LPDWORD needed) {
-            *needed = sizeof *configuration;
-            if (size < sizeof *configuration) {
-                return fail_with(ERROR_INSUFFICIENT_BUFFER);
-            }
-            configuration->dwStartType = search_start_type_;
-            return TRUE;
-        });
-    answer<"QueryServiceConfig2W", decltype(QueryServiceConfig2W)>(
-        module, [](SC_HANDLE, DWORD, LPBYTE delayed, DWORD, LPDWORD) {
-            constexpr SERVICE_DELAYED_AUTO_START_INFO told{.fDelayedAutostart = TRUE};
-            std::memcpy(delayed, &told, sizeof told);
-            return TRUE;
-        });
-    answer<"ChangeServiceConfigW", decltype(ChangeServiceConfigW)>(
-        module, [this](SC_HANDLE, DWORD, DWORD start_type, auto...) {
-            search_start_type_ = start_type;
-            return TRUE;
-        });
-    answer<"ChangeServiceConfig2W", decltype(ChangeServiceConfig2W)>(module, succeed);
+    answer<"QueryServiceConfigW">(&QueryServiceConfigW, [](auto, auto* told, DWORD size, DWORD* needed) {
+        *needed = sizeof *told;
+        if (size < sizeof *told) {
+            return fail_with(ERROR_INSUFFICIENT_BUFFER);
+        }
+        told->dwStartType = SERVICE_AUTO_START;
+        return TRUE;
+    });
+    answer<"QueryServiceConfig2W">(&QueryServiceConfig2W, [](auto, auto, BYTE* delayed, auto...) {
+        *delayed = TRUE;
+        return TRUE;
+    });
+    answer<"ChangeServiceConfigW">(&ChangeServiceConfigW, succeed);
+    answer<"ChangeServiceConfig2W">(&ChangeServiceConfig2W, succeed);
 }
 
 } // namespace test_support
