@@ -5,20 +5,20 @@
 #include <msiquery.h>
 #include <wtypes.h>
 
-#include <array>
+#include <filesystem>
 
 namespace test_support {
 namespace {
 
 using custom_actions::record_handle;
 
+// By the process's number, so that those that killed processes leave do not become more and more.
 std::wstring scratch_file()
 {
-    std::array<wchar_t, MAX_PATH> folder{};
-    std::array<wchar_t, MAX_PATH> file{};
-    GetTempPathW(static_cast<DWORD>(folder.size()), folder.data());
-    GetTempFileNameW(folder.data(), L"qbl", 0, file.data());
-    return file.data();
+    static unsigned made_before = 0;
+    const std::wstring name =
+        std::to_wstring(GetCurrentProcessId()) + L'-' + std::to_wstring(++made_before) + L".scratch.msi";
+    return std::filesystem::temp_directory_path() / name;
 }
 
 void describe(MSIHANDLE database, const std::wstring& package_code)
