@@ -15,6 +15,11 @@ std::wstring this_program()
     return path;
 }
 
+std::wstring beside_this_program(const std::wstring& name)
+{
+    return std::filesystem::path{this_program()}.replace_filename(name);
+}
+
 started_child start_child(std::wstring command_line, DWORD flags, HANDLE output)
 {
     STARTUPINFOW startup{};

@@ -14,8 +14,9 @@ struct child_result {
     std::string output; // standard output and standard error, as they came
 };
 
-// The file of this program.
+// The file of this program, and one of this name beside it.
 std::wstring this_program();
+std::wstring beside_this_program(const std::wstring& name);
 
 struct started_child {
     custom_actions::kernel_handle process;

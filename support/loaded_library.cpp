@@ -12,9 +12,7 @@ namespace test_support {
 
 std::wstring built_library()
 {
-    std::wstring path = this_program();
-    path.resize(path.rfind(L'\\') + 1);
-    return path + L"custom_actions.dll";
+    return beside_this_program(L"custom_actions.dll");
 }
 
 loaded_library::loaded_library(const std::wstring& path)

@@ -44,9 +44,7 @@ std::wstring copy_of(const wchar_t* original, const std::wstring& name)
     static const toy_folder folder;
     const auto copy = folder.path() / name;
     std::filesystem::copy_file(
-        std::filesystem::path{this_program()}.parent_path() / original,
-        copy,
-        std::filesystem::copy_options::skip_existing);
+        beside_this_program(original), copy, std::filesystem::copy_options::skip_existing);
     return copy;
 }
 

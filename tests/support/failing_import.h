@@ -29,6 +29,7 @@ class intercepted_import;
 template <function_name Name, class Result, class... Arguments>
 class intercepted_import<Name, Result WINAPI(Arguments...)> {
 public:
+    using result = Result;
     using answer = std::function<std::optional<Result>(Arguments...)>;
 
     intercepted_import(HMODULE module, answer to_calls) : patch_{module, Name.text, &stub}
@@ -40,8 +41,8 @@ public:
 private:
     static Result WINAPI stub(Arguments... arguments)
     {
-        const std::optional<Result> result = answer_(arguments...);
-        return result ? *result : original_(arguments...);
+        const std::optional<Result> answered = answer_(arguments...);
+        return answered ? *answered : original_(arguments...);
     }
 
     inline static Result(WINAPI* original_)(Arguments...) = nullptr;
@@ -60,32 +61,28 @@ struct call_fault {
 // without doing anything. failing_import<"OpenProcess", decltype(OpenProcess)> fault{module, nullptr,
 // {ERROR_ACCESS_DENIED}};
 template <function_name Name, class Function>
-class failing_import;
+class failing_import {
+    using interception = intercepted_import<Name, Function>;
 
-template <function_name Name, class Result, class... Arguments>
-class failing_import<Name, Result WINAPI(Arguments...)> {
 public:
-    failing_import(HMODULE module, Result result, call_fault fault)
-        : intercepted_{module, [this, result, fault](Arguments...) -> std::optional<Result> {
-                           ++calls_;
-                           if (calls_ < fault.nth ||
-                               (fault.count != 0 && calls_ >= fault.nth + fault.count)) {
-                               return std::nullopt;
+    failing_import(HMODULE module, typename interception::result result, call_fault fault)
+        : intercepted_{module, [this, result, fault](auto...) {
+                           const unsigned call = ++calls_;
+                           const bool fails =
+                               call >= fault.nth && (fault.count == 0 || call < fault.nth + fault.count);
+                           if (fails) {
+                               SetLastError(fault.last_error);
                            }
-                           SetLastError(fault.last_error);
-                           return result;
+                           return fails ? std::optional{result} : std::nullopt;
                        }}
     {
     }
-
-    failing_import(const failing_import&) = delete;
-    failing_import& operator=(const failing_import&) = delete;
 
     [[nodiscard]] unsigned calls() const noexcept { return calls_; }
 
 private:
     unsigned calls_ = 0;
-    intercepted_import<Name, Result WINAPI(Arguments...)> intercepted_;
+    interception intercepted_;
 };
 
 } // namespace test_support

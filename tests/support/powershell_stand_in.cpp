@@ -1,6 +1,5 @@
 #include "tests/support/powershell_stand_in.h"
 
-#include "custom_actions/common/system_directory.h"
 #include "package/toy_suite/powershell/packages.h"
 #include "support/child_process.h"
 #include "support/disposable_machine.h"
@@ -16,17 +15,6 @@ using toy_powershell::state_key;
 
 constexpr const wchar_t* STATE = L"Software\\QuorbelStandIn\\PowerShell";
 
-fs::path system_powershell()
-{
-    return fs::path{custom_actions::system_directory("no system directory")} /
-           LR"(WindowsPowerShell\v1.0\powershell.exe)";
-}
-
-fs::path set_aside()
-{
-    return system_powershell().replace_extension(L".set_aside");
-}
-
 } // namespace
 
 powershell_stand_in::powershell_stand_in()
@@ -35,31 +23,22 @@ powershell_stand_in::powershell_stand_in()
         throw std::runtime_error{"takes PowerShell's place: set DISPOSABLE_MACHINE where that may be"};
     }
     RegDeleteTreeW(HKEY_CURRENT_USER, STATE);
-    if (!fs::exists(set_aside())) { // a process that was ended may have left it there
-        fs::rename(system_powershell(), set_aside());
+    if (!fs::exists(set_aside_)) { // a process that was ended may have left it there
+        fs::rename(place_, set_aside_);
     }
-    fs::copy_file(
-        fs::path{this_program()}.parent_path() / L"toy_powershell.exe",
-        system_powershell(),
-        fs::copy_options::overwrite_existing);
+    fs::copy_file(beside_this_program(L"toy_powershell.exe"), place_, fs::copy_options::overwrite_existing);
 }
 
 powershell_stand_in::~powershell_stand_in()
 {
     std::error_code ignored; // the next one finds it set aside
-    fs::rename(set_aside(), system_powershell(), ignored);
+    fs::rename(set_aside_, place_, ignored);
     RegDeleteTreeW(HKEY_CURRENT_USER, STATE);
 }
 
 void powershell_stand_in::tell(const wchar_t* order, const std::wstring& text) const
 {
     state_key{}.write(order, text);
-    orders_.emplace_back(order);
-}
-
-void powershell_stand_in::tell(const wchar_t* order, DWORD number) const
-{
-    state_key{}.write(order, number);
     orders_.emplace_back(order);
 }
 

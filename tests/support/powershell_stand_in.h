@@ -1,5 +1,6 @@
 #pragma once
 
+#include "custom_actions/common/system_directory.h"
 #include "package/toy_suite/powershell/state.h"
 
 #include <windows.h>
@@ -21,9 +22,8 @@ public:
     powershell_stand_in(const powershell_stand_in&) = delete;
     powershell_stand_in& operator=(const powershell_stand_in&) = delete;
 
-    // An order, as in tell(L"Fail", L"install-3") or tell(L"Die", L"17 capture"); TrayWaitMs is a number.
+    // An order, as in tell(L"Fail", L"install-3") or tell(L"Die", L"17 capture").
     void tell(const wchar_t* order, const std::wstring& text) const;
-    void tell(const wchar_t* order, DWORD number) const;
 
     // Takes back every order, and nothing else.
     void tell_nothing() const;
@@ -59,7 +59,10 @@ public:
     }
 
 private:
-    mutable std::vector<std::wstring> orders_; // the names of those that were given
+    std::wstring place_ = custom_actions::system_directory("no system directory") +
+                          LR"(\WindowsPowerShell\v1.0\powershell.exe)";
+    std::wstring set_aside_ = place_ + L".of-the-system"; // as the demo calls it
+    mutable std::vector<std::wstring> orders_;            // the names of those that were given
 };
 
 } // namespace test_support

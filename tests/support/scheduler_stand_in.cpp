@@ -8,8 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <bit>
-#include <cstring>
-#include <filesystem>
 #include <stdexcept>
 
 namespace test_support {
@@ -17,23 +15,15 @@ namespace {
 
 const std::wstring STATE = L"Software\\QuorbelStandIn\\TaskScheduler";
 
-void tell(const wchar_t* name, DWORD number)
-{
-    plant_value(
-        HKEY_CURRENT_USER, STATE, name, {reinterpret_cast<const char*>(&number), sizeof number}, REG_DWORD);
-}
-
 HRESULT call_export(HMODULE library, const char* name)
 {
-    const auto function = std::bit_cast<HRESULT(STDAPICALLTYPE*)()>(GetProcAddress(library, name));
-    return function == nullptr ? E_NOINTERFACE : function();
+    return std::bit_cast<HRESULT(STDAPICALLTYPE*)()>(GetProcAddress(library, name))();
 }
 
 } // namespace
 
 scheduler_stand_in::scheduler_stand_in()
-    : library_{
-          LoadLibraryW((std::filesystem::path{this_program()}.parent_path() / L"toy_scheduler.dll").c_str())}
+    : library_{LoadLibraryW(beside_this_program(L"toy_scheduler.dll").c_str())}
 {
     if (!machine_is_disposable() || FAILED(call_export(library_, "DllRegisterServer"))) {
         throw std::runtime_error{"the scheduler's stand-in cannot be registered"};
@@ -57,12 +47,12 @@ void scheduler_stand_in::fail(const std::wstring& call)
 
 void scheduler_stand_in::stay_in(DWORD state)
 {
-    tell(L"State", state);
+    RegSetKeyValueW(HKEY_CURRENT_USER, STATE.c_str(), L"State", REG_DWORD, &state, sizeof state);
 }
 
 void scheduler_stand_in::end_with(HRESULT result)
 {
-    tell(L"Result", static_cast<DWORD>(result));
+    RegSetKeyValueW(HKEY_CURRENT_USER, STATE.c_str(), L"Result", REG_DWORD, &result, sizeof result);
 }
 
 void scheduler_stand_in::clear()
@@ -97,9 +87,9 @@ std::map<std::wstring, scheduler_stand_in::properties> scheduler_stand_in::tasks
 
 DWORD scheduler_stand_in::objects() const
 {
-    const std::string bytes = planted_value(HKEY_CURRENT_USER, STATE, L"Objects").value_or("");
     DWORD count = 0;
-    std::memcpy(&count, bytes.data(), bytes.size());
+    DWORD size = sizeof count;
+    RegGetValueW(HKEY_CURRENT_USER, STATE.c_str(), L"Objects", RRF_RT_REG_DWORD, nullptr, &count, &size);
     return count;
 }
 

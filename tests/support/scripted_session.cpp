@@ -73,15 +73,11 @@ scripted_session::scripted_session(HMODULE module)
                 MSIINSTALLCONTEXT context,
                 LPWSTR path,
                 LPDWORD size) {
+                const auto state = failure(installer_call::get_component_path);
                 const auto found = key_paths_.find(product + component);
-                if (const auto state = failure(installer_call::get_component_path)) {
-                    return static_cast<INSTALLSTATE>(*state);
-                }
-                if (found == key_paths_.end() || user != nullptr || context != MSIINSTALLCONTEXT_MACHINE) {
-                    return INSTALLSTATE_UNKNOWN;
-                }
-                if (found->second.size() >= *size) {
-                    return INSTALLSTATE_MOREDATA;
+                if (state || found == key_paths_.end() || user != nullptr ||
+                    context != MSIINSTALLCONTEXT_MACHINE) {
+                    return state ? static_cast<INSTALLSTATE>(*state) : INSTALLSTATE_UNKNOWN;
                 }
                 *size = static_cast<DWORD>(found->second.copy(path, *size)); // which is all zeros
                 return INSTALLSTATE_LOCAL;
@@ -103,12 +99,6 @@ std::optional<std::wstring> scripted_session::property(const std::wstring& name)
 {
     const std::wstring value = custom_actions::read_property(handle(), name.c_str());
     return value.empty() ? std::nullopt : std::optional{value};
-}
-
-void scripted_session::install_component(
-    const std::wstring& product, const std::wstring& component, const std::wstring& key_path)
-{
-    key_paths_[product + component] = key_path;
 }
 
 void scripted_session::fail(installer_call call, UINT code, unsigned nth)

@@ -28,15 +28,15 @@ public:
     explicit scripted_session(HMODULE module);
     ~scripted_session();
 
-    scripted_session(const scripted_session&) = delete;
-    scripted_session& operator=(const scripted_session&) = delete;
-
     void set_property(const std::wstring& name, const std::wstring& value) const;
     [[nodiscard]] std::optional<std::wstring> property(const std::wstring& name) const;
 
     // Has a component of a product installed on this machine, for every user, with this key path.
     void install_component(
-        const std::wstring& product, const std::wstring& component, const std::wstring& key_path);
+        const std::wstring& product, const std::wstring& component, const std::wstring& key_path)
+    {
+        key_paths_[product + component] = key_path;
+    }
 
     // The n-th call from here on (1 is the next) fails with `code`, an INSTALLSTATE where it asks for a
     // component.

@@ -8,30 +8,23 @@
 #include <gtest/gtest.h>
 #include <userenv.h>
 
-#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <string>
-#include <thread>
 
 namespace {
 
-constexpr DWORD DEFAULT_LIMIT = 60'000; // milliseconds
+constexpr std::chrono::minutes DEFAULT_LIMIT{1};
 constexpr UINT BROKEN_OFF = 3;
 
 std::string running_test = "(no test)";
 
-std::atomic<DWORD> limit_of_test; // in milliseconds
+// One of the system's own, since a test may have clocks and waits of this program played.
+HANDLE timer = nullptr;
 
-// Asks no clock, and waits as nothing else does: a test may have these played.
-void break_off_when_over_time(HANDLE ended)
+void CALLBACK break_off(void*, BOOLEAN)
 {
-    constexpr DWORD part = 100;
-    for (DWORD waited = 0; waited < limit_of_test; waited += part) {
-        if (WaitForSingleObjectEx(ended, part, FALSE) != WAIT_TIMEOUT) {
-            return;
-        }
-    }
     std::fprintf(stderr, "\n[  BROKEN  ] %s: over its time limit\n", running_test.c_str());
     std::fflush(nullptr);
     TerminateProcess(GetCurrentProcess(), BROKEN_OFF);
@@ -41,19 +34,8 @@ class watchdog : public testing::EmptyTestEventListener {
     void OnTestStart(const testing::TestInfo& test) override
     {
         running_test = std::string{test.test_suite_name()} + "." + test.name();
-        limit_of_test = DEFAULT_LIMIT;
-        ended_ = custom_actions::kernel_handle{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-        timer_ = std::jthread{break_off_when_over_time, ended_.get()};
+        test_support::allow_test(DEFAULT_LIMIT);
     }
-
-    void OnTestEnd(const testing::TestInfo&) override
-    {
-        SetEvent(ended_.get());
-        timer_.join();
-    }
-
-    custom_actions::kernel_handle ended_;
-    std::jthread timer_;
 };
 
 // With its first exception the runtime opens handles of its own, and so does the system with the first
@@ -78,7 +60,7 @@ namespace test_support {
 
 void allow_test(std::chrono::milliseconds limit)
 {
-    limit_of_test = static_cast<DWORD>(limit.count());
+    ChangeTimerQueueTimer(nullptr, timer, static_cast<ULONG>(limit.count()), 0);
 }
 
 } // namespace test_support
@@ -87,6 +69,7 @@ int main(int argc, char** argv)
 {
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
     open_what_stays_open();
+    CreateTimerQueueTimer(&timer, nullptr, break_off, nullptr, INFINITE, 0, WT_EXECUTEONLYONCE);
 
     testing::InitGoogleTest(&argc, argv);
     testing::UnitTest::GetInstance()->listeners().Append(new watchdog);

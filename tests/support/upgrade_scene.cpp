@@ -23,11 +23,6 @@ constexpr const wchar_t* PROGRAMS[]{
     L"Quorbel.SystemTray.exe",
 };
 
-fs::path build_folder()
-{
-    return fs::path{this_program()}.parent_path();
-}
-
 } // namespace
 
 void end_suite()
@@ -56,7 +51,7 @@ upgrade_scene::upgrade_scene()
     fs::remove_all(folder_); // of a process with the same id
     fs::create_directories(folder_);
     for (const wchar_t* program : PROGRAMS) {
-        fs::copy_file(build_folder() / L"toy_program.exe", fs::path{folder_} / program);
+        fs::copy_file(beside_this_program(L"toy_program.exe"), fs::path{folder_} / program);
     }
     copy_packages(L"1.5.0");
     powershell.register_package(L"Sorvane.Icon", L"1.5.0.0");
@@ -74,12 +69,10 @@ upgrade_scene::~upgrade_scene()
 
 void upgrade_scene::copy_packages(const std::wstring& version) const
 {
-    for (const auto& package : fs::directory_iterator{build_folder() / L"package" / version}) {
-        fs::copy_file(
-            package.path(),
-            fs::path{folder_} / package.path().filename(),
-            fs::copy_options::overwrite_existing);
-    }
+    fs::copy(
+        beside_this_program(L"package\\" + version),
+        folder_,
+        fs::copy_options::recursive | fs::copy_options::overwrite_existing);
 }
 
 std::wstring upgrade_scene::program(const wchar_t* name) const

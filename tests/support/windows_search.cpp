@@ -10,7 +10,6 @@
 
 #include <chrono>
 #include <exception>
-#include <filesystem>
 #include <functional>
 #include <stdexcept>
 #include <string_view>
@@ -23,7 +22,7 @@ using custom_actions::query_search_state;
 using custom_actions::service_handle;
 using custom_actions::throw_last_error;
 
-constexpr std::wstring_view PROGRAM = L"toy_service.exe";
+constexpr const wchar_t* PROGRAM = L"toy_service.exe";
 const std::wstring KEY = LR"(SYSTEM\CurrentControlSet\Services\WSearch)";
 
 // Not with Sleep, on which a test may play.
@@ -35,12 +34,6 @@ void wait_until(const std::function<bool()>& reached)
         }
         SleepEx(10, FALSE);
     }
-}
-
-void tell(const wchar_t* name, DWORD value)
-{
-    const std::string_view bytes{reinterpret_cast<const char*>(&value), sizeof value};
-    plant_value(HKEY_LOCAL_MACHINE, KEY + L"\\Toy", name, bytes, REG_DWORD);
 }
 
 // It is gone once its program has ended and nobody has it open.
@@ -57,9 +50,7 @@ void remove_service()
             OpenEventW(EVENT_MODIFY_STATE, FALSE, LR"(Global\toy-search-end)")};
         SetEvent(end.get()); // where there is none, it does not run
         wait_until([&] { return query_search_state(service.get()) == SERVICE_STOPPED; });
-        if (!DeleteService(service.get()) && GetLastError() != ERROR_SERVICE_MARKED_FOR_DELETE) {
-            throw_last_error("DeleteService");
-        }
+        DeleteService(service.get());
     }
     wait_until([] { return !open_search_service(SERVICE_QUERY_STATUS); });
 }
@@ -69,15 +60,16 @@ void remove_service()
 windows_search::windows_search()
 {
     remove_service();
-    const auto program = std::filesystem::path{this_program()}.parent_path() / PROGRAM;
     const child_result made = run_child(
-        LR"(sc.exe create WSearch start= demand binPath= "\")" + program.wstring() + LR"(\"")",
+        LR"(sc.exe create WSearch start= demand binPath= "\")" + beside_this_program(PROGRAM) + LR"(\"")",
         std::chrono::seconds{30});
     if (made.exit_code != 0) {
         throw std::runtime_error{"the toy service cannot be installed: " + made.output};
     }
-    tell(L"StartTime", 50);
-    tell(L"StopTime", 50);
+    constexpr DWORD time = 50;
+    for (const wchar_t* name : {L"StartTime", L"StopTime"}) {
+        RegSetKeyValueW(HKEY_LOCAL_MACHINE, (KEY + L"\\Toy").c_str(), name, REG_DWORD, &time, sizeof time);
+    }
 }
 
 windows_search::~windows_search()
