@@ -127,6 +127,11 @@ void plant_value(HKEY root, const std::wstring& path, const wchar_t* name, std::
         "cannot write a value");
 }
 
+void plant_number(HKEY root, const std::wstring& path, const wchar_t* name, DWORD number)
+{
+    plant_value(root, path, name, {reinterpret_cast<const char*>(&number), sizeof number}, REG_DWORD);
+}
+
 std::optional<std::string> planted_value(HKEY root, const std::wstring& path, const wchar_t* name)
 {
     custom_actions::registry_key_handle key;
@@ -140,6 +145,14 @@ std::optional<std::string> planted_value(HKEY root, const std::wstring& path, co
         RegQueryValueExW(key.get(), name, nullptr, nullptr, reinterpret_cast<BYTE*>(bytes.data()), &size),
         "cannot read a value");
     return bytes;
+}
+
+DWORD planted_number(HKEY root, const std::wstring& path, const wchar_t* name) noexcept
+{
+    DWORD number = 0;
+    DWORD size = sizeof number;
+    RegGetValueW(root, path.c_str(), name, RRF_RT_REG_DWORD, nullptr, &number, &size);
+    return number;
 }
 
 std::vector<std::string> dump_registry(HKEY key)

@@ -37,8 +37,14 @@ std::string registry_text(std::wstring_view text);
 void plant_value(
     HKEY root, const std::wstring& path, const wchar_t* name, std::string_view bytes, DWORD type = REG_SZ);
 
+// The same with a number, as REG_DWORD.
+void plant_number(HKEY root, const std::wstring& path, const wchar_t* name, DWORD number);
+
 // The bytes of a value, or nothing where it is not there.
 std::optional<std::string> planted_value(HKEY root, const std::wstring& path, const wchar_t* name);
+
+// A number, or 0 where it is not there.
+DWORD planted_number(HKEY root, const std::wstring& path, const wchar_t* name) noexcept;
 
 // Every key and value below `key`, a line each ("\\path\\ name type bytes in hexadecimal"), in a fixed order.
 std::vector<std::string> dump_registry(HKEY key);

@@ -13,27 +13,6 @@
 #include <vector>
 
 namespace test_support {
-namespace {
-
-// From the system's list of processes. Wine answers GetProcessHandleCount with 0 always.
-DWORD listed_handles()
-{
-    static const auto ask = std::bit_cast<decltype(NtQuerySystemInformation)*>(
-        GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation"));
-    static std::vector<std::byte> list(std::size_t{1024} * 1024);
-    if (ask(SystemProcessInformation, list.data(), static_cast<ULONG>(list.size()), nullptr) < 0) {
-        throw std::runtime_error{"the handles cannot be counted"};
-    }
-    const auto* process = reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(list.data());
-    while (process->UniqueProcessId != ULongToHandle(GetCurrentProcessId())) {
-        process = reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(
-            reinterpret_cast<const std::byte*>(process) + process->NextEntryOffset);
-    }
-    return process->HandleCount;
-}
-
-} // namespace
-
 std::string thrown_by(const std::function<void()>& call)
 {
     const DWORD handles = open_handles();
@@ -58,9 +37,19 @@ bool thread_is_impersonating()
 
 DWORD open_handles()
 {
-    DWORD count = 0;
-    GetProcessHandleCount(GetCurrentProcess(), &count);
-    return count != 0 ? count : listed_handles();
+    // From the system's list of processes, since Wine answers GetProcessHandleCount with 0 always.
+    static const auto ask = std::bit_cast<decltype(NtQuerySystemInformation)*>(
+        GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation"));
+    static std::vector<std::byte> list(std::size_t{1024} * 1024);
+    if (ask(SystemProcessInformation, list.data(), static_cast<ULONG>(list.size()), nullptr) < 0) {
+        throw std::runtime_error{"the handles cannot be counted"};
+    }
+    const auto* process = reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(list.data());
+    while (process->UniqueProcessId != ULongToHandle(GetCurrentProcessId())) {
+        process = reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(
+            reinterpret_cast<const std::byte*>(process) + process->NextEntryOffset);
+    }
+    return process->HandleCount;
 }
 
 } // namespace test_support

@@ -36,12 +36,6 @@ powershell_stand_in::~powershell_stand_in()
     RegDeleteTreeW(HKEY_CURRENT_USER, STATE);
 }
 
-void powershell_stand_in::tell(const wchar_t* order, const std::wstring& text) const
-{
-    state_key{}.write(order, text);
-    orders_.emplace_back(order);
-}
-
 void powershell_stand_in::tell_nothing() const
 {
     for (const std::wstring& order : orders_) {
@@ -57,11 +51,6 @@ std::vector<std::wstring> powershell_stand_in::scripts() const
         given.push_back(*script);
     }
     return given;
-}
-
-TOKEN_ELEVATION_TYPE powershell_stand_in::elevation() const
-{
-    return static_cast<TOKEN_ELEVATION_TYPE>(state_key{}.number(L"ElevationType").value_or(0));
 }
 
 void powershell_stand_in::register_package(const std::wstring& name, const std::wstring& version) const

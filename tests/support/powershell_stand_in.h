@@ -23,7 +23,11 @@ public:
     powershell_stand_in& operator=(const powershell_stand_in&) = delete;
 
     // An order, as in tell(L"Fail", L"install-3") or tell(L"Die", L"17 capture").
-    void tell(const wchar_t* order, const std::wstring& text) const;
+    void tell(const wchar_t* order, const std::wstring& text) const
+    {
+        toy_powershell::state_key{}.write(order, text);
+        orders_.emplace_back(order);
+    }
 
     // Takes back every order, and nothing else.
     void tell_nothing() const;
@@ -38,7 +42,11 @@ public:
     }
 
     // Under which elevation the last script ran.
-    [[nodiscard]] TOKEN_ELEVATION_TYPE elevation() const;
+    [[nodiscard]] TOKEN_ELEVATION_TYPE elevation() const
+    {
+        return static_cast<TOKEN_ELEVATION_TYPE>(
+            toy_powershell::state_key{}.number(L"ElevationType").value_or(0));
+    }
 
     // A package of CN=Brenmoor, registered beside whatever is, which takes part in updates as ours do.
     void register_package(const std::wstring& name, const std::wstring& version) const;

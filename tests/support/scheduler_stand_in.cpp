@@ -3,7 +3,6 @@
 #include "custom_actions/common/registry_key.h"
 #include "support/child_process.h"
 #include "support/disposable_machine.h"
-#include "support/registry_sandbox.h"
 
 #include <gtest/gtest.h>
 
@@ -12,8 +11,6 @@
 
 namespace test_support {
 namespace {
-
-const std::wstring STATE = L"Software\\QuorbelStandIn\\TaskScheduler";
 
 HRESULT call_export(HMODULE library, const char* name)
 {
@@ -45,21 +42,6 @@ void scheduler_stand_in::fail(const std::wstring& call)
     plant_value(HKEY_CURRENT_USER, STATE, L"Fail", registry_text(call));
 }
 
-void scheduler_stand_in::stay_in(DWORD state)
-{
-    RegSetKeyValueW(HKEY_CURRENT_USER, STATE.c_str(), L"State", REG_DWORD, &state, sizeof state);
-}
-
-void scheduler_stand_in::end_with(HRESULT result)
-{
-    RegSetKeyValueW(HKEY_CURRENT_USER, STATE.c_str(), L"Result", REG_DWORD, &result, sizeof result);
-}
-
-void scheduler_stand_in::clear()
-{
-    RegDeleteTreeW(HKEY_CURRENT_USER, STATE.c_str());
-}
-
 void scheduler_stand_in::register_task(const std::wstring& name)
 {
     plant_value(HKEY_CURRENT_USER, STATE + L"\\Tasks\\" + name, L"Path", registry_text(L"none.exe"));
@@ -71,8 +53,7 @@ std::map<std::wstring, scheduler_stand_in::properties> scheduler_stand_in::tasks
     custom_actions::registry_key all;
     all.open(HKEY_CURRENT_USER, STATE + L"\\Tasks", KEY_READ);
     std::wstring name;
-    for (DWORD index = 0; all.get() != nullptr && all.enumerate_subkey(index, name) == ERROR_SUCCESS;
-         ++index) {
+    for (DWORD index = 0; all.enumerate_subkey(index, name) == ERROR_SUCCESS; ++index) {
         custom_actions::registry_key task;
         task.open(all.get(), name, KEY_READ);
         std::wstring property;
@@ -83,14 +64,6 @@ std::map<std::wstring, scheduler_stand_in::properties> scheduler_stand_in::tasks
         }
     }
     return found;
-}
-
-DWORD scheduler_stand_in::objects() const
-{
-    DWORD count = 0;
-    DWORD size = sizeof count;
-    RegGetValueW(HKEY_CURRENT_USER, STATE.c_str(), L"Objects", RRF_RT_REG_DWORD, nullptr, &count, &size);
-    return count;
 }
 
 } // namespace test_support

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/registry_sandbox.h"
+
 #include <windows.h>
 
 #include <map>
@@ -24,11 +26,15 @@ public:
     void fail(const std::wstring& call);
 
     // From here on a run starts nothing: it stays in this state, or it has ended with this result.
-    void stay_in(DWORD state);
-    void end_with(HRESULT result);
+    void stay_in(DWORD state) { plant_number(HKEY_CURRENT_USER, STATE, L"State", state); }
+
+    void end_with(HRESULT result)
+    {
+        plant_number(HKEY_CURRENT_USER, STATE, L"Result", static_cast<DWORD>(result));
+    }
 
     // Forgets the tasks and what it was told.
-    void clear();
+    void clear() { RegDeleteTreeW(HKEY_CURRENT_USER, STATE.c_str()); }
 
     // Puts a task of no program there.
     void register_task(const std::wstring& name);
@@ -39,9 +45,11 @@ public:
     [[nodiscard]] std::map<std::wstring, properties> tasks() const;
 
     // How many of its objects live in the process that used it last.
-    [[nodiscard]] DWORD objects() const;
+    [[nodiscard]] DWORD objects() const { return planted_number(HKEY_CURRENT_USER, STATE, L"Objects"); }
 
 private:
+    inline static const std::wstring STATE = L"Software\\QuorbelStandIn\\TaskScheduler";
+
     HMODULE library_;
 };
 

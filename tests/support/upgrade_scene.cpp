@@ -50,8 +50,8 @@ upgrade_scene::upgrade_scene()
     end_suite();
     fs::remove_all(folder_); // of a process with the same id
     fs::create_directories(folder_);
-    for (const wchar_t* program : PROGRAMS) {
-        fs::copy_file(beside_this_program(L"toy_program.exe"), fs::path{folder_} / program);
+    for (const wchar_t* name : PROGRAMS) {
+        fs::copy_file(beside_this_program(L"toy_program.exe"), program(name));
     }
     copy_packages(L"1.5.0");
     powershell.register_package(L"Sorvane.Icon", L"1.5.0.0");
@@ -73,11 +73,6 @@ void upgrade_scene::copy_packages(const std::wstring& version) const
         beside_this_program(L"package\\" + version),
         folder_,
         fs::copy_options::recursive | fs::copy_options::overwrite_existing);
-}
-
-std::wstring upgrade_scene::program(const wchar_t* name) const
-{
-    return fs::path{folder_} / name;
 }
 
 std::vector<std::string> upgrade_scene::markers() const

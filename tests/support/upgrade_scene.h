@@ -31,7 +31,7 @@ public:
     // What an installer does between the phases.
     void copy_packages(const std::wstring& version) const;
 
-    [[nodiscard]] std::wstring program(const wchar_t* name) const;
+    [[nodiscard]] std::wstring program(const wchar_t* name) const { return folder_ + L'\\' + name; }
 
     // The markers in the workspace, sorted; nothing where that is not there.
     [[nodiscard]] std::vector<std::string> markers() const;

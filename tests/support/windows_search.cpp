@@ -66,10 +66,8 @@ windows_search::windows_search()
     if (made.exit_code != 0) {
         throw std::runtime_error{"the toy service cannot be installed: " + made.output};
     }
-    constexpr DWORD time = 50;
-    for (const wchar_t* name : {L"StartTime", L"StopTime"}) {
-        RegSetKeyValueW(HKEY_LOCAL_MACHINE, (KEY + L"\\Toy").c_str(), name, REG_DWORD, &time, sizeof time);
-    }
+    plant_number(HKEY_LOCAL_MACHINE, KEY + L"\\Toy", L"StartTime", 50);
+    plant_number(HKEY_LOCAL_MACHINE, KEY + L"\\Toy", L"StopTime", 50);
 }
 
 windows_search::~windows_search()
@@ -100,8 +98,7 @@ DWORD windows_search::state() const
 
 DWORD windows_search::starts() const
 {
-    const auto count = planted_value(HKEY_LOCAL_MACHINE, KEY + L"\\Asked", L"Starts");
-    return count ? *reinterpret_cast<const DWORD*>(count->data()) : 0;
+    return planted_number(HKEY_LOCAL_MACHINE, KEY + L"\\Asked", L"Starts");
 }
 
 } // namespace test_support
