@@ -37,10 +37,6 @@ void PrintTo(const posted_message& message, std::ostream* out)
 scripted_session::scripted_session(HMODULE module)
 {
     interceptions_ = {
-        intercept<"MsiGetPropertyW", decltype(MsiGetPropertyW)>(
-            module, [this](auto...) { return failure(installer_call::get_property); }),
-        intercept<"MsiSetPropertyW", decltype(MsiSetPropertyW)>(
-            module, [this](auto...) { return failure(installer_call::set_property); }),
         intercept<"MsiCreateRecord", decltype(MsiCreateRecord)>(
             module,
             [this](UINT) {
@@ -57,12 +53,9 @@ scripted_session::scripted_session(HMODULE module)
         intercept<"MsiSetTargetPathW", decltype(MsiSetTargetPathW)>(
             module,
             [this](MSIHANDLE, const std::wstring& folder, const std::wstring& path) {
-                const auto code = failure(installer_call::set_target_path);
-                if (!code) {
-                    // As the installer does, with one separator at its end.
-                    set_property(folder, path.ends_with(L'\\') ? path : path + L'\\');
-                }
-                return code.value_or(ERROR_SUCCESS);
+                // As the installer does, with one separator at its end.
+                set_property(folder, path.ends_with(L'\\') ? path : path + L'\\');
+                return UINT{ERROR_SUCCESS};
             }),
         intercept<"MsiGetComponentPathExW", component_path_query>(
             module,
@@ -73,13 +66,11 @@ scripted_session::scripted_session(HMODULE module)
                 MSIINSTALLCONTEXT context,
                 LPWSTR path,
                 LPDWORD size) {
-                const auto state = failure(installer_call::get_component_path);
-                const auto found = key_paths_.find(product + component);
-                if (state || found == key_paths_.end() || user != nullptr ||
+                if (product + component != installed_ || user != nullptr ||
                     context != MSIINSTALLCONTEXT_MACHINE) {
-                    return state ? static_cast<INSTALLSTATE>(*state) : INSTALLSTATE_UNKNOWN;
+                    return INSTALLSTATE_UNKNOWN;
                 }
-                *size = static_cast<DWORD>(found->second.copy(path, *size)); // which is all zeros
+                *size = static_cast<DWORD>(key_path_.copy(path, *size)); // which is all zeros
                 return INSTALLSTATE_LOCAL;
             })};
 }
@@ -87,7 +78,6 @@ scripted_session::scripted_session(HMODULE module)
 scripted_session::~scripted_session()
 {
     EXPECT_EQ(open_records_, 0U) << "records left open";
-    EXPECT_FALSE(planned_) << "a planned failure was never met";
 }
 
 void scripted_session::set_property(const std::wstring& name, const std::wstring& value) const
@@ -99,20 +89,6 @@ std::optional<std::wstring> scripted_session::property(const std::wstring& name)
 {
     const std::wstring value = custom_actions::read_property(handle(), name.c_str());
     return value.empty() ? std::nullopt : std::optional{value};
-}
-
-void scripted_session::fail(installer_call call, UINT code, unsigned nth)
-{
-    EXPECT_FALSE(planned_) << "a planned failure was never met";
-    planned_ = {.call = call, .code = code, .calls_left = nth};
-}
-
-std::optional<UINT> scripted_session::failure(installer_call call)
-{
-    if (!planned_ || planned_->call != call || --planned_->calls_left != 0) {
-        return std::nullopt;
-    }
-    return std::exchange(planned_, std::nullopt)->code;
 }
 
 } // namespace test_support

@@ -23,14 +23,14 @@ constexpr const wchar_t* PROGRAMS[]{
     L"Quorbel.SystemTray.exe",
 };
 
-} // namespace
-
 void end_suite()
 {
     for (const wchar_t* program : PROGRAMS) {
         end_programs(program);
     }
 }
+
+} // namespace
 
 std::wstring new_upgrade_data(const std::wstring& product_directory)
 {

@@ -9,9 +9,6 @@
 
 namespace test_support {
 
-// Ends every program of the suite that the sample package installs.
-void end_suite();
-
 // The CustomActionData of an upgrade of this folder, new, for this process's own user and session.
 std::wstring new_upgrade_data(const std::wstring& product_directory);
 
