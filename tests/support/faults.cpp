@@ -4,15 +4,49 @@
 #include "custom_actions/common/windows_error.h"
 
 #include <gtest/gtest.h>
-#include <winternl.h>
 
+#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <exception>
+#include <span>
 #include <stdexcept>
 #include <vector>
 
 namespace test_support {
+namespace {
+
+// One handle of the system's list, and its head (SystemExtendedHandleInformation).
+struct handle_entry {
+    void* object;
+    ULONG_PTR process;
+    ULONG_PTR others[3];
+};
+
+struct handle_list_head {
+    ULONG_PTR count;
+    ULONG_PTR reserved;
+};
+
+// How many handles of this process the system's list has. Wine answers GetProcessHandleCount with 0 always.
+DWORD listed_handles()
+{
+    constexpr int extended_handle_information = 64;
+    using query = LONG NTAPI(int, void*, ULONG, ULONG*); // NtQuerySystemInformation
+    static const auto ask =
+        std::bit_cast<query*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation"));
+    static std::vector<std::byte> list(std::size_t{1024} * 1024);
+    if (ask(extended_handle_information, list.data(), static_cast<ULONG>(list.size()), nullptr) < 0) {
+        throw std::runtime_error{"the handles cannot be counted"};
+    }
+    const auto* const head = reinterpret_cast<const handle_list_head*>(list.data());
+    const std::span handles{reinterpret_cast<const handle_entry*>(head + 1), head->count};
+    return static_cast<DWORD>(
+        std::ranges::count(handles, ULONG_PTR{GetCurrentProcessId()}, &handle_entry::process));
+}
+
+} // namespace
+
 std::string thrown_by(const std::function<void()>& call)
 {
     const DWORD handles = open_handles();
@@ -37,19 +71,9 @@ bool thread_is_impersonating()
 
 DWORD open_handles()
 {
-    // From the system's list of processes, since Wine answers GetProcessHandleCount with 0 always.
-    static const auto ask = std::bit_cast<decltype(NtQuerySystemInformation)*>(
-        GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation"));
-    static std::vector<std::byte> list(std::size_t{1024} * 1024);
-    if (ask(SystemProcessInformation, list.data(), static_cast<ULONG>(list.size()), nullptr) < 0) {
-        throw std::runtime_error{"the handles cannot be counted"};
-    }
-    const auto* process = reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(list.data());
-    while (process->UniqueProcessId != ULongToHandle(GetCurrentProcessId())) {
-        process = reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(
-            reinterpret_cast<const std::byte*>(process) + process->NextEntryOffset);
-    }
-    return process->HandleCount;
+    DWORD count = 0;
+    GetProcessHandleCount(GetCurrentProcess(), &count);
+    return count != 0 ? count : listed_handles();
 }
 
 } // namespace test_support
