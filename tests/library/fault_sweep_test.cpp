@@ -1,6 +1,6 @@
 // Every action of the built library with the n-th of its calls to Windows failing: once with the fault
 // passing and once with it staying. It has to return one of its codes with a message that says what failed
-// (fault_messages.txt), and to leave nothing behind. SWEEP tells how many seconds an action is swept (5), or
+// (fault_messages.txt), and to leave nothing behind. SWEEP tells how many seconds an action is swept (20), or
 // "full" for every call.
 
 #include "custom_actions/common/text.h"
@@ -21,6 +21,7 @@
 #include "tests/support/upgrade_scene.h"
 
 #include <gtest/gtest.h>
+#include <taskschd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -79,6 +80,7 @@ struct stage {
         RegDeleteTreeW(HKEY_CURRENT_USER, L"Software");
         machine.running = {main.id(), helper.id(), explorer.id()};
         machine.search_state = SERVICE_RUNNING;
+        scheduler.clear();
         scheduler.end_with(S_OK);
         foreign.clear();
         session.set_property(L"INSTALLED_APP_VERSION", L"1.5.0");
@@ -193,21 +195,23 @@ void begin_upgrade(stage& stage)
     }
 }
 
-// What there is in the text beside what an action may say where this function fails: fault_messages.txt has
-// that by function, without its numbers, and "*" before what may stand in front.
-std::wstring unexpected(const std::wstring& failing, std::wstring text)
+// What an action may say where this call of it fails, as fault_messages.txt has it: without its numbers; "*"
+// is every action and every call, and what may stand in front.
+struct expected_text {
+    std::wstring action;
+    std::wstring
+        call; // a function of Windows, or of an object of the Task Scheduler's: "ITaskService::Connect"
+    std::wstring text;
+};
+
+std::vector<expected_text> expected_texts()
 {
+    std::vector<expected_text> all;
     std::wifstream list{SOURCE_DIR "/tests/library/fault_messages.txt"};
-    for (std::wstring function, known; list >> function >> std::ws && std::getline(list, known);) {
-        std::size_t at = 0;
-        while ((function == failing || function == L"*") && (at = text.find(known)) != std::wstring::npos) {
-            text.erase(at, known.size());
-        }
+    for (expected_text line; list >> line.action >> line.call >> std::ws && std::getline(list, line.text);) {
+        all.push_back(line);
     }
-    std::erase_if(text, [](wchar_t letter) {
-        return std::wstring_view{L"0123456789; "}.find(letter) != std::wstring_view::npos;
-    });
-    return text;
+    return all;
 }
 
 // What is done before each run of an action, where it takes more than an upgrade's data.
@@ -226,7 +230,11 @@ const std::map<std::string_view, void (*)(stage&)> SCENARIOS{
     {"install_upgrade_packages", begin_upgrade},
     {"finish_controlled_upgrade", begin_upgrade},
     {"rollback_controlled_upgrade", begin_upgrade},
-    {"recover_early_upgrade", [](stage& stage) { stage.scheduler.register_task(TASK); }},
+    {"recover_early_upgrade",
+     [](stage& stage) {
+         stage.scheduler.register_task(TASK);
+         stage.scheduler.stay_in(TASK_STATE_READY);
+     }},
 };
 
 class FaultSweep : public testing::TestWithParam<std::string> {
@@ -243,6 +251,22 @@ protected:
         }
     }
 
+    // What there is in the text beside what may be said where this call fails.
+    std::wstring unexpected(const std::wstring& failing, std::wstring text) const
+    {
+        for (const auto& [action, call, known] : expected_) {
+            std::size_t at = 0;
+            while ((action == L"*" || (action == action_ && call == failing)) &&
+                   (at = text.find(known)) != std::wstring::npos) {
+                text.erase(at, known.size());
+            }
+        }
+        std::erase_if(text, [](wchar_t letter) {
+            return std::wstring_view{L"0123456789; "}.find(letter) != std::wstring_view::npos;
+        });
+        return text;
+    }
+
     // Calls the action and looks at what it leaves. Returns how many handles more are open than before.
     long run(std::size_t nth = 0, call_sweep::fault fault = call_sweep::fault::passing)
     {
@@ -250,13 +274,15 @@ protected:
         if (const auto scenario = SCENARIOS.find(GetParam()); scenario != SCENARIOS.end()) {
             scenario->second(*stage_);
         }
+        stage_->scheduler.fail(failing_object_call_);
         const DWORD handles = open_handles();
         const auto& messages = stage_->session.messages();
         const std::size_t posted = messages.size();
         stage_->sweep.plan(nth, fault);
         const UINT code = stage_->library.call(GetParam().c_str(), stage_->session.handle());
         const auto& calls = stage_->sweep.calls();
-        const std::string failing = nth != 0 && nth <= calls.size() ? calls[nth - 1].function : "nothing";
+        const std::wstring failing =
+            nth != 0 && nth <= calls.size() ? widen(calls[nth - 1].function) : failing_object_call_;
         const bool of_package = code == ERROR_INVALID_PARAMETER && GetParam().starts_with("msix_");
         EXPECT_TRUE(code == ERROR_SUCCESS || code == ERROR_INSTALL_FAILURE || of_package) << code;
         const bool silent = messages.size() == posted;
@@ -264,7 +290,7 @@ protected:
         if (code == ERROR_SUCCESS && (silent || messages.back().type != INSTALLMESSAGE_ERROR)) {
             told = L"(succeeds)";
         }
-        EXPECT_EQ(unexpected(widen(failing), told + stage_->lost()), L"");
+        EXPECT_EQ(unexpected(failing, told + stage_->lost()), L"");
         EXPECT_EQ(stage_->session.open_records(), 0U);
         EXPECT_EQ(stage_->scheduler.objects(), 0U);
         EXPECT_FALSE(thread_is_impersonating());
@@ -288,7 +314,21 @@ protected:
         }
     }
 
+    void inject_into_objects()
+    {
+        for (const auto& [action, call, text] : expected_) {
+            if (action == action_ && call.find(L"::") != std::wstring::npos) {
+                SCOPED_TRACE(testing::PrintToString(call));
+                failing_object_call_ = call;
+                run();
+            }
+        }
+    }
+
     inline static std::optional<stage> stage_;
+    const std::wstring action_ = widen(GetParam());
+    const std::vector<expected_text> expected_ = expected_texts();
+    std::wstring failing_object_call_ = L"nothing";
     std::vector<call_sweep::counted_call> calls_;
     std::size_t faults_ = 0;
 };
@@ -299,8 +339,9 @@ TEST_P(FaultSweep, returns_a_code_of_its_own_and_leaves_nothing_behind)
     run();                              // what the system makes on first use
     EXPECT_EQ(run(), 0) << "handles left open without a fault";
     calls_ = stage_->sweep.calls();
-    const std::string swept = sweep_calls(calls_, 5, [this](std::size_t nth) { inject(nth); });
+    const std::string swept = sweep_calls(calls_, 20, [this](std::size_t nth) { inject(nth); });
     EXPECT_GE(faults_, 2U);
+    inject_into_objects();
     if (const std::string output = testing::internal::GetCapturedStdout(); HasFailure()) {
         std::cout << output;
     }
