@@ -2,18 +2,10 @@
 
 #include "support/import_patch.h"
 #include "support/pe_image.h"
-#include "tests/support/test_limit.h"
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
-#include <chrono>
-#include <cmath>
-#include <cstdlib>
 #include <memory>
-#include <set>
-#include <span>
 #include <tuple>
 #include <utility>
 
@@ -88,7 +80,7 @@ word WINAPI call_sweep::stub(Words... words)
     return failure_of(name);
 }
 
-call_sweep::call_sweep(HMODULE module, const std::vector<std::string_view>& only) : module_{module}
+call_sweep::call_sweep(HMODULE module, const std::vector<std::string_view>& only)
 {
     for (const auto& [library, name, slot] : pe_image{module}.imports()) {
         if (library != "msvcrt.dll" && !is_left_alone(name) &&
@@ -122,64 +114,17 @@ bool call_sweep::fails(const std::string& called, ULONG_PTR first_argument)
     // No wait for a thread of one's own fails.
     // NOLINTNEXTLINE(performance-no-int-to-ptr): what comes in a register
     if (called != "WaitForSingleObject" || GetThreadId(reinterpret_cast<HANDLE>(first_argument)) == 0) {
-        const std::size_t place = nth_ == 0 ? place_of_call() : 0;
         const std::scoped_lock lock{counting_};
-        calls_.push_back({.function = called, .place = place});
+        calls_.push_back(called);
         failing = calls_.size() == nth_;
         if (failing && planned_ == fault::ends_process) {
             TerminateProcess(GetCurrentProcess(), KILLED);
         }
-        failing =
-            failing || (planned_ == fault::staying && failed_ != 0 && calls_[nth_ - 1].function == called);
+        failing = failing || (planned_ == fault::staying && failed_ != 0 && calls_[nth_ - 1] == called);
         failed_ += failing ? 1 : 0;
     }
     SetLastError(last_error);
     return failing;
-}
-
-std::size_t call_sweep::place_of_call() const
-{
-    std::array<void*, 62> way{};
-    const USHORT depth = RtlCaptureStackBackTrace(0, static_cast<ULONG>(way.size()), way.data(), nullptr);
-    std::size_t place = 0;
-    for (void* const step : std::span{way}.first(depth)) {
-        const ULONG_PTR offset = reinterpret_cast<ULONG_PTR>(step) - reinterpret_cast<ULONG_PTR>(module_);
-        place =
-            offset < pe_image{module_}.headers().OptionalHeader.SizeOfImage ? (place * 31) + offset : place;
-    }
-    return place;
-}
-
-std::string sweep_calls(
-    const std::vector<call_sweep::counted_call>& calls,
-    double default_seconds,
-    const std::function<void(std::size_t)>& take)
-{
-    const char* const told = std::getenv("SWEEP");
-    const bool full = told != nullptr && std::string_view{told} == "full";
-    const double seconds = told == nullptr ? default_seconds : std::strtod(told, nullptr);
-    const std::chrono::milliseconds limit{full ? 7'200'000 : std::llround(seconds * 1000)};
-    allow_test(limit + std::chrono::minutes{2});
-
-    // In this order those that are taken are spread evenly, wherever that ends: the golden ratio's multiples
-    // are.
-    std::vector<std::tuple<bool, double, std::size_t>> order;
-    std::set<std::size_t> places;
-    for (std::size_t nth = 1; nth <= calls.size(); ++nth) {
-        const bool known = !places.insert(calls[nth - 1].place).second;
-        order.emplace_back(known, std::fmod(static_cast<double>(nth) * 0.6180339887, 1.0), nth);
-    }
-    std::ranges::sort(order);
-    const auto end = std::chrono::steady_clock::now() + limit;
-    std::size_t taken = 0;
-    while (taken != order.size() && (taken == 0 || std::chrono::steady_clock::now() < end) &&
-           !testing::Test::HasFailure()) {
-        take(std::get<std::size_t>(order[taken++]));
-    }
-    const std::size_t new_places = std::min(taken, places.size());
-    return std::to_string(calls.size()) + " calls, taken " + std::to_string(new_places) + " of " +
-           std::to_string(places.size()) + " at new places, " + std::to_string(taken - new_places) +
-           " others";
 }
 
 } // namespace test_support
