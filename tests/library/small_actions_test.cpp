@@ -1,10 +1,8 @@
 // The actions that only look and tell, called in the built library.
 
 #include "support/loaded_library.h"
-#include "support/registry_sandbox.h"
 #include "tests/support/scripted_session.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -46,20 +44,6 @@ TEST_F(SmallActions, show_the_restart_notice)
 {
     EXPECT_EQ(library.call("notify_restart_recommended", session.handle()), 0U);
     EXPECT_EQ(session.messages().back().type, 0x03000040U) << "a box with an information icon";
-}
-
-TEST_F(SmallActions, tell_the_state_of_smart_app_control)
-{
-    const registry_sandbox machine{HKEY_LOCAL_MACHINE};
-    const std::wstring path = LR"(SYSTEM\CurrentControlSet\Control\CI\Policy)";
-    const auto told = [&](char state) {
-        const std::string number{state, '\0', '\0', '\0'};
-        plant_value(HKEY_LOCAL_MACHINE, path, L"VerifiedAndReputablePolicyState", number, REG_DWORD);
-        library.call("log_app_control_state", session.handle());
-        return session.messages().back().text;
-    };
-    EXPECT_THAT(told(0), testing::HasSubstr(L": off (VerifiedAndReputablePolicyState=0, "));
-    EXPECT_THAT(told(1), testing::HasSubstr(L": ON and enforcing - "));
 }
 
 } // namespace

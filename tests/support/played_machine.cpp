@@ -178,7 +178,10 @@ void played_machine::play_service()
         return TRUE;
     });
     answer<"ChangeServiceConfigW">(&ChangeServiceConfigW, succeed);
-    answer<"ChangeServiceConfig2W">(&ChangeServiceConfig2W, succeed);
+    answer<"ChangeServiceConfig2W">(&ChangeServiceConfig2W, [](auto, auto, void* told) {
+        EXPECT_TRUE(static_cast<SERVICE_DELAYED_AUTO_START_INFO*>(told)->fDelayedAutostart) << "as it was";
+        return TRUE;
+    });
 }
 
 } // namespace test_support
