@@ -1,8 +1,10 @@
 // The actions that only look and tell, called in the built library.
 
 #include "support/loaded_library.h"
+#include "support/registry_sandbox.h"
 #include "tests/support/scripted_session.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -44,6 +46,19 @@ TEST_F(SmallActions, show_the_restart_notice)
 {
     EXPECT_EQ(library.call("notify_restart_recommended", session.handle()), 0U);
     EXPECT_EQ(session.messages().back().type, 0x03000040U) << "a box with an information icon";
+}
+
+TEST_F(SmallActions, tell_the_state_of_smart_app_control)
+{
+    const registry_sandbox machine{HKEY_LOCAL_MACHINE};
+    DWORD state = 0;
+    for (const std::wstring told :
+         {L"off (", L"ON and enforcing - ", L"evaluation mode - ", L"unrecognised state ("}) {
+        const std::wstring policy = LR"(SYSTEM\CurrentControlSet\Control\CI\Policy)";
+        plant_number(HKEY_LOCAL_MACHINE, policy, L"VerifiedAndReputablePolicyState", state++);
+        library.call("log_app_control_state", session.handle());
+        EXPECT_THAT(session.messages().back().text, testing::StartsWith(L"Smart App Control: " + told));
+    }
 }
 
 } // namespace

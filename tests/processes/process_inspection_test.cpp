@@ -62,5 +62,21 @@ TEST(HostOwner, is_impersonated_for_the_scope_alone)
         "");
 }
 
+TEST(HostOwner, has_all_rights_where_the_sessions_token_is_a_limited_one)
+{
+    const test_support::intercepted_import<"GetTokenInformation", decltype(GetTokenInformation)> limited{
+        GetModuleHandleW(nullptr),
+        [](HANDLE, TOKEN_INFORMATION_CLASS what, LPVOID answer, DWORD, PDWORD) -> std::optional<BOOL> {
+            if (what == TokenElevationType) {
+                *static_cast<TOKEN_ELEVATION_TYPE*>(answer) = TokenElevationTypeLimited;
+            }
+            SetLastError(ERROR_NO_SUCH_LOGON_SESSION);
+            return what == TokenElevationType;
+        }};
+    EXPECT_EQ(
+        thrown_by([] { const host_owner_impersonation owner{GetCurrentProcessId(), 0}; }),
+        "Cannot inspect elevated host owner (1312)");
+}
+
 } // namespace
 } // namespace custom_actions

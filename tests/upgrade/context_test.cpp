@@ -60,6 +60,8 @@ TEST(MaintenanceKey, is_live_while_its_very_process_runs)
     constexpr const wchar_t* key = LR"(SOFTWARE\Brenmoor\Quorbel\InstallerMaintenance)";
     test_support::plant_value(HKEY_LOCAL_MACHINE, key, L"Created", std::string(8, '\1'), REG_QWORD);
     EXPECT_FALSE(guard_is_live()) << "the id was given to another process";
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, key, L"Created");
+    EXPECT_FALSE(guard_is_live()) << "half written";
     upgrade_guard(true); // whoever had it
     EXPECT_TRUE(guard_is_live());
     upgrade_guard(false);

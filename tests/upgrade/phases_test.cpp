@@ -132,11 +132,30 @@ TEST_F(UpgradePhases, refuse_what_comes_again_and_do_not_mind_what_goes)
     EXPECT_THAT(limits, ElementsAre(5000U, 0U, 1000U, 5000U, 0U));
     EXPECT_EQ(latecomers.front().exit_code(), 1U) << "it was ended";
 
-    const toy_process host{
-        L"dllhost.exe", L"--load=" + test_support::toy_library(L"Sorvane.Tag.ShellExtension.dll")};
     const test_support::failing_import<"ProcessIdToSessionId", decltype(ProcessIdToSessionId)> no_session{
         this_module, FALSE, {ERROR_INVALID_PARAMETER, 1, 0}};
+    EXPECT_EQ(thrown_by(calling(stop)), "") << "programs";
+    const toy_process host{
+        L"dllhost.exe", L"--load=" + test_support::toy_library(L"Sorvane.Tag.ShellExtension.dll")};
     EXPECT_EQ(THROWN_WITH(calling(stop), OpenProcess, nullptr, {ERROR_INVALID_PARAMETER, 1, 0}), "");
+}
+
+TEST_F(UpgradePhases, undo_what_was_done_and_no_more)
+{
+    std::filesystem::create_directories(upgrade.workspace);
+    write_marker(upgrade, marker::BACKUP_COMPLETE);
+    upgrade_guard(true);
+    EXPECT_EQ(thrown_by(calling(rollback)), "");
+    EXPECT_FALSE(guard_is_live());
+    EXPECT_THAT(session.messages(), testing::IsEmpty()) << "nothing had been stopped";
+
+    std::filesystem::remove_all(upgrade.workspace);
+    EXPECT_EQ(thrown_by(calling(begin)), "");
+    EXPECT_EQ(thrown_by(calling(rollback)), "");
+    const std::wstring none =
+        L"Controlled upgrade: Windows Search is not installed on this system; nothing to restore.";
+    EXPECT_THAT(
+        session.messages(), testing::Contains(test_support::posted_message{INSTALLMESSAGE_INFO, none}));
 }
 
 TEST_F(UpgradePhases, undo_all_that_can_be_undone)
