@@ -18,20 +18,7 @@ search_is() {
   for _ in $(seq 50); do [ "$(search_state)" != "$1" ] || return 0; sleep 0.1; done
   return 1
 }
-remove_search() {
-  [ -n "$(search_state)" ] || return 0
-  scripts/wine.sh sc stop WSearch >/dev/null 2>&1 </dev/null || true
-  search_is STOPPED || true
-  scripts/wine.sh sc delete WSearch >/dev/null 2>&1 </dev/null || true
-}
-install_search() {
-  local value
-  scripts/wine.sh sc create WSearch binPath= "$(pwd | sed 's|^|Z:|; s|/|\\|g')\build\mingw\toy_service.exe" start= demand
-  plant "$search\Toy" /v Watch /d 'C:\Program Files\Quorbel\release_notes.txt'
-  for value in StartTime StopTime; do plant "$search\Toy" /v $value /t REG_DWORD /d 300; done
-  scripts/wine.sh sc start WSearch
-  search_is RUNNING
-} >/dev/null 2>&1 </dev/null
+toy_search() { scripts/wine.sh build/mingw/toy_service.exe "$@" </dev/null; }
 # What the service was asked since the last step: how often, and with which files on the machine.
 search_was_asked() {
   scripts/wine.sh reg query "$search\Asked" /v "$1" 2>/dev/null </dev/null |
@@ -63,12 +50,9 @@ install_stand_ins() {
   cp build/mingw/toy_powershell.exe "$powershell"
   scripts/wine.sh regsvr32 /s build/mingw/toy_scheduler.dll >/dev/null 2>&1 </dev/null
 }
-tell_powershell() { plant "$stand_in\PowerShell" /v "$1" "${@:2}"; }
+tell_powershell() { plant "$stand_in\PowerShell\Orders" /v "$1" "${@:2}"; }
 tell_powershell_nothing() {
-  local order
-  for order in FailAdd LoseStart TrayWaitMs; do
-    scripts/wine.sh reg delete "$stand_in\PowerShell" /v $order /f >/dev/null 2>&1 </dev/null || true
-  done
+  scripts/wine.sh reg delete "$stand_in\PowerShell\Orders" /f >/dev/null 2>&1 </dev/null || true
 }
 # The versions of the registered packages, with how many there are of each.
 packages() {
@@ -104,7 +88,7 @@ clean_up() {
   for key in "${handlers:-}\\.jpg" "${handlers:-}\\.png" "${icon_slot:-}" "${drive:-}"; do
     scripts/wine.sh reg delete "$key" /f >/dev/null 2>&1 </dev/null || true
   done
-  remove_search
+  toy_search --remove || true
   remove_stand_ins
   scripts/wine.sh --end
 }
@@ -187,9 +171,8 @@ done
 rm -rf 'build/wine/drive_c/Program Files/Quorbel'
 remove_stand_ins
 install_stand_ins
-remove_search
-install_search
-scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null
+toy_search --install 300 'C:\Program Files\Quorbel\release_notes.txt'
+toy_search --start
 
 # Somebody else's, before the suite comes.
 plant "$handlers\.jpg" /ve /d "$foreign_handler"
@@ -291,7 +274,7 @@ use_the_suite() {
   for program in Quorbel.exe Quorbel.Kindra.HelperService.exe Quorbel.SystemTray.exe; do start_program $program; done
   start_program Quorbel.AutoTagging.Service.exe --window=ignores
   start_shell_host
-  tell_powershell OpenFolders /t REG_MULTI_SZ /d "$folder_window"
+  plant "$stand_in\PowerShell" /v OpenFolders /t REG_MULTI_SZ /d "$folder_window"
   sleep 3
   scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null || true
 }
@@ -414,9 +397,7 @@ check "the installer succeeded" succeeded
 check "Windows Search stays stopped" search_is STOPPED
 
 heading "Upgrade to 1.5.0, which fails at its end"
-scripts/wine.sh sc start WSearch >/dev/null 2>&1 </dev/null
-search_is RUNNING
-scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null
+toy_search --start
 run_msiexec 10-failed-upgrade /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
 check "the installer failed" failed_to_install
 # Wine does not bring back the old version's files, so what there is now depends on where this runs.

@@ -7,11 +7,11 @@
 //   --exit-delay=MS    how long it takes to end after its window is gone
 //   --ready=NAME       sets the event of this name once all that is done
 
+#include "package/toy_suite/arguments.h"
+
 #include <windows.h>
-#include <shellapi.h>
 
 #include <string>
-#include <string_view>
 
 namespace {
 
@@ -42,13 +42,10 @@ LRESULT CALLBACK ignore_close_requests(HWND window, UINT message, WPARAM first, 
 behaviour read_command_line()
 {
     behaviour read;
-    int count = 0;
-    LPWSTR* arguments = CommandLineToArgvW(GetCommandLineW(), &count);
-    for (int i = 1; i < count; ++i) {
-        const std::wstring_view argument = arguments[i];
+    for (const std::wstring& argument : toy_suite::read_arguments()) {
         const std::size_t equals = argument.find(L'=');
-        const std::wstring_view name = argument.substr(0, equals);
-        const std::wstring value{equals == std::wstring_view::npos ? L"" : argument.substr(equals + 1)};
+        const std::wstring name = argument.substr(0, equals);
+        const std::wstring value = equals == std::wstring::npos ? L"" : argument.substr(equals + 1);
         if (name == L"--window") {
             read.window = value;
         } else if (name == L"--class") {
@@ -61,7 +58,6 @@ behaviour read_command_line()
             read.exit_delay_ms = static_cast<DWORD>(std::stoul(value));
         }
     }
-    LocalFree(static_cast<void*>(arguments));
     return read;
 }
 

@@ -1,65 +1,68 @@
-// Windows Search of the toy suite: a service program, to be installed under that service's name, "WSearch".
-// What it does is in the values of the key Toy below the service's own key; where one is missing, it starts
-// and stops at once.
-//   StartTime     how long starting takes, in milliseconds
-//   StopTime      how long stopping takes
-//   Watch         a file, whose first line it keeps when it starts and when it stops
-// The values of the key Asked, beside that, tell what was asked of it: the numbers Starts and Stops, and the
-// lines AtStart and AtStop of the watched file. The event Global\toy-search-end ends it, in whatever state it
-// is.
+// Windows Search of the toy suite: a service program that puts itself under that service's name, "WSearch".
+//   toy_service --install TIME [FILE]   installs it, to be started on demand, in the place of one that was
+//                                       left: starting takes it TIME milliseconds, and so does stopping, and
+//                                       it keeps the first line of FILE when it starts and when it stops
+//   toy_service --start                 starts it, and forgets what was asked of it before
+//   toy_service --remove                ends it, in whatever state it is, and removes it, if it is there
+// Each ends when that is done, with 0, or says what went wrong and ends with 1. A Windows Search of the
+// machine's own is neither replaced nor removed.
+//
+// The values of the key Asked below the service's own key tell what was asked of it: the numbers Starts and
+// Stops, and the lines AtStart and AtStop of the file. The event Global\toy-search-end ends it.
+
+#include "custom_actions/common/scoped_handle.h"
+#include "custom_actions/search/search_service.h"
+#include "package/toy_suite/arguments.h"
+#include "package/toy_suite/registry_state.h"
 
 #include <windows.h>
 
 #include <algorithm>
+#include <exception>
+#include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iostream>
+#include <stdexcept>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace {
 
-constexpr const wchar_t* SERVICE_NAME = L"WSearch";
-constexpr const wchar_t* TOLD = LR"(SYSTEM\CurrentControlSet\Services\WSearch\Toy)";
-constexpr const wchar_t* ASKED = LR"(SYSTEM\CurrentControlSet\Services\WSearch\Asked)";
+using custom_actions::kernel_handle;
+using custom_actions::service_handle;
 
-DWORD read_number(const wchar_t* key, const wchar_t* name, DWORD otherwise)
+constexpr const wchar_t* SERVICE_NAME = L"WSearch";
+constexpr const wchar_t* SERVICE_KEY = LR"(SYSTEM\CurrentControlSet\Services\WSearch)";
+constexpr const wchar_t* ASKED = LR"(SYSTEM\CurrentControlSet\Services\WSearch\Asked)";
+constexpr const wchar_t* END_EVENT = LR"(Global\toy-search-end)";
+
+// Opened anew each time, since it may have been forgotten.
+toy_suite::registry_state asked()
 {
-    DWORD number = 0;
-    DWORD size = sizeof number;
-    const LSTATUS status =
-        RegGetValueW(HKEY_LOCAL_MACHINE, key, name, RRF_RT_REG_DWORD, nullptr, &number, &size);
-    return status == ERROR_SUCCESS ? number : otherwise;
+    return toy_suite::registry_state{ASKED, HKEY_LOCAL_MACHINE};
 }
 
 void count_one(const wchar_t* name)
 {
-    const DWORD count = read_number(ASKED, name, 0) + 1;
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, ASKED, name, REG_DWORD, &count, sizeof count);
+    asked().write(name, asked().number(name).value_or(0) + 1);
 }
 
-void keep_watched_line(const wchar_t* name)
+void keep_first_line(const std::filesystem::path& of, const wchar_t* name)
 {
-    wchar_t path[MAX_PATH]{};
-    DWORD size = sizeof path;
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, TOLD, L"Watch", RRF_RT_REG_SZ, nullptr, path, &size) !=
-        ERROR_SUCCESS) {
-        return;
-    }
-    std::ifstream file{path};
+    std::ifstream file{of};
     std::string line;
     std::getline(file, line);
     std::erase(line, '\r');
-    const std::wstring kept{line.begin(), line.end()};
-    RegSetKeyValueW(
-        HKEY_LOCAL_MACHINE,
-        ASKED,
-        name,
-        REG_SZ,
-        kept.c_str(),
-        static_cast<DWORD>((kept.size() + 1) * sizeof(wchar_t)));
+    asked().write(name, std::wstring{line.begin(), line.end()});
 }
 
 class toy_service {
 public:
-    toy_service()
+    // As the service manager starts it: with TIME and FILE.
+    explicit toy_service(const std::vector<std::wstring>& arguments)
+        : transition_ms_{std::stoul(arguments.at(0))}, watched_{arguments.size() > 1 ? arguments[1] : L""}
     {
         ResetEvent(end_asked_); // the program before may still hold it
     }
@@ -67,8 +70,8 @@ public:
     void run()
     {
         if (start()) {
-            const HANDLE asked[]{stop_asked_, end_asked_};
-            if (WaitForMultipleObjects(2, asked, FALSE, INFINITE) == WAIT_OBJECT_0) {
+            const HANDLE orders[]{stop_asked_, end_asked_};
+            if (WaitForMultipleObjects(2, orders, FALSE, INFINITE) == WAIT_OBJECT_0) {
                 stop();
             }
         }
@@ -101,18 +104,15 @@ private:
         SetServiceStatus(reporting_, &status);
     }
 
-    // Waits for as long as it is told; false where the end was asked for.
-    bool pass_time(const wchar_t* told)
-    {
-        return WaitForSingleObject(end_asked_, read_number(TOLD, told, 0)) == WAIT_TIMEOUT;
-    }
+    // Waits for as long as a transition takes; false where the end was asked for.
+    bool pass_time() { return WaitForSingleObject(end_asked_, transition_ms_) == WAIT_TIMEOUT; }
 
     bool start()
     {
         report(SERVICE_START_PENDING);
         count_one(L"Starts");
-        keep_watched_line(L"AtStart");
-        if (!pass_time(L"StartTime")) {
+        keep_first_line(watched_, L"AtStart");
+        if (!pass_time()) {
             return false;
         }
         report(SERVICE_RUNNING);
@@ -121,27 +121,154 @@ private:
 
     void stop()
     {
-        if (pass_time(L"StopTime")) {
-            keep_watched_line(L"AtStop");
+        if (pass_time()) {
+            keep_first_line(watched_, L"AtStop");
         }
     }
 
-    // All of them are the process's own until it ends.
+    DWORD transition_ms_;
+    std::filesystem::path watched_;
+    // All of these are the process's own until it ends.
     HANDLE stop_asked_ = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    HANDLE end_asked_ = CreateEventW(nullptr, TRUE, FALSE, LR"(Global\toy-search-end)");
+    HANDLE end_asked_ = CreateEventW(nullptr, TRUE, FALSE, END_EVENT);
     SERVICE_STATUS_HANDLE reporting_ = RegisterServiceCtrlHandlerExW(SERVICE_NAME, on_control, this);
 };
 
 void WINAPI run_service(DWORD /*count*/, LPWSTR* /*arguments*/)
 {
-    toy_service{}.run();
+    toy_service{toy_suite::read_arguments()}.run();
+}
+
+void require(bool done, const std::string& what)
+{
+    if (!done) {
+        throw std::runtime_error{what + ", error " + std::to_string(GetLastError())};
+    }
+}
+
+// For ten seconds at most.
+void wait_until(const std::function<bool()>& reached, const char* complaint)
+{
+    for (int tries = 0; !reached(); ++tries) {
+        if (tries == 1000) {
+            throw std::runtime_error{complaint};
+        }
+        Sleep(10);
+    }
+}
+
+service_handle open_service(SC_HANDLE manager)
+{
+    return service_handle{OpenServiceW(manager, SERVICE_NAME, SERVICE_ALL_ACCESS)};
+}
+
+DWORD state_of(const service_handle& service)
+{
+    SERVICE_STATUS status{};
+    require(QueryServiceStatus(service.get(), &status) != FALSE, "the service cannot be queried");
+    return status.dwCurrentState;
+}
+
+bool is_ours()
+{
+    wchar_t program[1024]{};
+    DWORD size = sizeof program;
+    RegGetValueW(HKEY_LOCAL_MACHINE, SERVICE_KEY, L"ImagePath", RRF_RT_REG_SZ, nullptr, program, &size);
+    return std::wstring_view{program}.find(L"toy_service.exe") != std::wstring_view::npos;
+}
+
+// It is gone once its program has ended and nobody has it open.
+void remove_service(SC_HANDLE manager)
+{
+    if (const service_handle service = open_service(manager)) {
+        if (!is_ours()) {
+            throw std::runtime_error{"this machine has a Windows Search of its own"};
+        }
+        const auto has_ended = [&] {
+            const kernel_handle end{OpenEventW(EVENT_MODIFY_STATE, FALSE, END_EVENT)};
+            SetEvent(end.get()); // where there is none, it does not run, or not yet
+            return state_of(service) == SERVICE_STOPPED;
+        };
+        wait_until(has_ended, "the service does not end");
+        DeleteService(service.get());
+    }
+    const auto is_gone = [&] {
+        return !open_service(manager) && GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST;
+    };
+    wait_until(is_gone, "the service cannot be removed");
+}
+
+void install_service(SC_HANDLE manager, const std::vector<std::wstring>& arguments)
+{
+    remove_service(manager);
+    wchar_t program[MAX_PATH]{};
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    std::wstring command_line = L'"' + std::wstring{program} + L'"';
+    for (const std::wstring& argument : arguments) {
+        command_line.append(L" \"").append(argument).push_back(L'"');
+    }
+    const service_handle service{CreateServiceW(
+        manager,
+        SERVICE_NAME,
+        nullptr,
+        SERVICE_ALL_ACCESS,
+        SERVICE_WIN32_OWN_PROCESS,
+        SERVICE_DEMAND_START,
+        SERVICE_ERROR_NORMAL,
+        command_line.c_str(),
+        nullptr,
+        nullptr,
+        nullptr,
+        nullptr,
+        nullptr)};
+    require(bool{service}, "the service cannot be installed");
+}
+
+void start_service(SC_HANDLE manager)
+{
+    const service_handle service = open_service(manager);
+    require(bool{service}, "the service cannot be opened");
+    const bool started = StartServiceW(service.get(), 0, nullptr) ||
+                         (GetLastError() == ERROR_SERVICE_REQUEST_TIMEOUT && // on a busy machine
+                          StartServiceW(service.get(), 0, nullptr));
+    require(started, "the service cannot be started");
+    wait_until([&] { return state_of(service) == SERVICE_RUNNING; }, "the service does not start");
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, ASKED);
+}
+
+void follow(const std::vector<std::wstring>& arguments)
+{
+    const service_handle manager{OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)};
+    require(bool{manager}, "the service manager cannot be opened");
+    const std::wstring& order = arguments[0];
+    if (order == L"--install" && arguments.size() > 1) {
+        install_service(manager.get(), {arguments.begin() + 1, arguments.end()});
+    } else if (order == L"--start") {
+        start_service(manager.get());
+    } else if (order == L"--remove") {
+        remove_service(manager.get());
+    } else {
+        throw std::runtime_error{"--install TIME [FILE], --start or --remove is what it can do"};
+    }
 }
 
 } // namespace
 
 int main()
 {
-    std::wstring name = SERVICE_NAME;
-    const SERVICE_TABLE_ENTRYW services[]{{name.data(), run_service}, {nullptr, nullptr}};
-    return StartServiceCtrlDispatcherW(services) ? 0 : 1;
+    try {
+        const std::vector<std::wstring> arguments = toy_suite::read_arguments();
+        if (!arguments.empty() && arguments[0].starts_with(L"--")) {
+            follow(arguments);
+        } else {
+            std::wstring name = SERVICE_NAME;
+            const SERVICE_TABLE_ENTRYW services[]{{name.data(), run_service}, {nullptr, nullptr}};
+            require(
+                StartServiceCtrlDispatcherW(services) != FALSE, "it is started by the service manager alone");
+        }
+        return 0;
+    } catch (const std::exception& error) {
+        std::cerr << "The stand-in for Windows Search: " << error.what() << '\n';
+        return 1;
+    }
 }

@@ -1,5 +1,6 @@
 // msix_install_package and msix_uninstall_package in the built library, with the stand-in for PowerShell.
 
+#include "package/toy_suite/powershell/packages.h"
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
 #include "tests/support/scripted_session.h"
@@ -53,11 +54,13 @@ TEST(PackageActions, run_a_hidden_command_with_good_data_alone_and_tell_what_it_
         line + L"Starting InstallMsixPackage..." + line + L"Install path: " + folder + line +
         L"MSIX fullpath: " + folder + L"\\Quorbel.Plexa.Package.msix" + line +
         L"about to run: powershell.exe -NoProfile -ExecutionPolicy Bypass -Command \"" +
-        scene.powershell.scripts().back() + L'"' + line + L"PowerShell Output: " + much + line +
+        scene.powershell.scripts().at(L"1") + L'"' + line + L"PowerShell Output: " + much + line +
         L"PowerShell Error: " + much + L" (error)" + line + L"ran command - result exitCode: 0\n0";
     // The installer takes what is in brackets for a name, and shows nothing of it.
     EXPECT_EQ(told, std::regex_replace(expected, std::wregex{LR"(\[\d+\])"}, L""));
-    EXPECT_EQ(scene.powershell.packages()[1], L"Quorbel.Plexa 1.5.0.0 Ok " + folder);
+    const auto plexa = toy_powershell::packages_named(L"Quorbel.Plexa").at(0);
+    EXPECT_EQ(plexa.identity.version, L"1.5.0.0");
+    EXPECT_EQ(toy_powershell::state_key{LR"(Packages\)" + plexa.full_name}.text(L"ExternalLocation"), folder);
     const std::wstring failure =
         L"PowerShell Error: Could not find file 'C:\\\u00DC\u20AC.msix'.\r\n (error)" + line +
         L"ran command - result exitCode: 1\n1603";

@@ -63,7 +63,9 @@ TEST(PowerShell, runs_a_script_as_the_user_and_ends_it_when_its_time_is_over)
     EXPECT_EQ(run(L"PrintOut", L"0 capture"), "");
     EXPECT_EQ(output, "\xEF\xBB\xBF") << "of this run alone";
     EXPECT_EQ(run(L"Die", L"4294967295 capture"), failed);
-    EXPECT_NE(scene.powershell.elevation(), TokenElevationTypeFull);
+    const DWORD elevation =
+        toy_powershell::state_key{}.number(L"ElevationType").value_or(TokenElevationTypeFull);
+    EXPECT_NE(elevation, DWORD{TokenElevationTypeFull});
     EXPECT_EQ(
         messages.back().text,
         L"Controlled upgrade: capture-folders finished in 0 ms, exit 4294967295; log: " + log);

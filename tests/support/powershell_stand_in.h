@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -25,15 +26,17 @@ public:
     // An order, as in tell(L"Fail", L"install-3") or tell(L"Die", L"17 capture").
     void tell(const wchar_t* order, const std::wstring& text) const
     {
-        toy_powershell::state_key{}.write(order, text);
-        orders_.emplace_back(order);
+        toy_powershell::state_key{toy_powershell::ORDERS}.write(order, text);
     }
 
     // Takes back every order, and nothing else.
-    void tell_nothing() const;
+    void tell_nothing() const { toy_powershell::state_key{}.remove_subkey(toy_powershell::ORDERS); }
 
-    // The scripts that it was given, in order.
-    [[nodiscard]] std::vector<std::wstring> scripts() const;
+    // The scripts that it was given, by their numbers: "1", "2", ...
+    [[nodiscard]] std::map<std::wstring, std::wstring> scripts() const
+    {
+        return toy_powershell::state_key{L"Scripts"}.texts();
+    }
 
     // What it did not understand; empty where that was never so.
     [[nodiscard]] std::wstring refused() const
@@ -41,19 +44,8 @@ public:
         return toy_powershell::state_key{}.text(L"Refused").value_or(L"");
     }
 
-    // Under which elevation the last script ran.
-    [[nodiscard]] TOKEN_ELEVATION_TYPE elevation() const
-    {
-        return static_cast<TOKEN_ELEVATION_TYPE>(
-            toy_powershell::state_key{}.number(L"ElevationType").value_or(0));
-    }
-
     // A package of CN=Brenmoor, registered beside whatever is, which takes part in updates as ours do.
     void register_package(const std::wstring& name, const std::wstring& version) const;
-
-    // The registered packages in the order of their names, as in "Sorvane.Icon 1.5.0.0 Ok C:\\Suite", with
-    // the place of their files.
-    [[nodiscard]] std::vector<std::wstring> packages() const;
 
     // The open folder windows, by their addresses.
     void open_folders(const std::vector<std::wstring>& urls) const
@@ -70,7 +62,9 @@ private:
     std::wstring place_ = custom_actions::system_directory("no system directory") +
                           LR"(\WindowsPowerShell\v1.0\powershell.exe)";
     std::wstring set_aside_ = place_ + L".of-the-system"; // as the demo calls it
-    mutable std::vector<std::wstring> orders_;            // the names of those that were given
 };
+
+// Each package that is registered with it, in the order of their names: "Sorvane.Icon 1.5.0.0 Ok".
+std::vector<std::wstring> registered_packages(const powershell_stand_in& powershell);
 
 } // namespace test_support

@@ -1,17 +1,17 @@
 #pragma once
 
-#include "support/registry_sandbox.h"
+#include "package/toy_suite/toy_scheduler/state.h"
 
 #include <windows.h>
 
-#include <map>
 #include <string>
 
 namespace test_support {
 
 // Puts the stand-in of the Task Scheduler (package/toy_suite/toy_scheduler) in the system's place, with an
-// empty state, for everything on the machine, until the scope ends. At the end, objects of it that live and
-// calls that it did not expect fail the test. The machine must be disposable.
+// empty state, for everything on the machine, until the scope ends; its own state.h has functions for its
+// tasks. At the end, objects of it that live and calls that it did not expect fail the test. The machine must
+// be disposable.
 class scheduler_stand_in {
 public:
     // Throws std::runtime_error where it cannot be registered.
@@ -23,32 +23,24 @@ public:
 
     // From here on this call ("IRegisteredTask::Run", "IClassFactory::CreateInstance" for the service object)
     // fails.
-    void fail(const std::wstring& call);
+    void fail(const std::wstring& call) { state().write(L"Fail", call); }
 
     // From here on a run starts nothing: it stays in this state, or it has ended with this result.
-    void stay_in(DWORD state) { plant_number(HKEY_CURRENT_USER, STATE, L"State", state); }
+    void stay_in(DWORD task_state) { state().write(L"State", task_state); }
 
-    void end_with(HRESULT result)
-    {
-        plant_number(HKEY_CURRENT_USER, STATE, L"Result", static_cast<DWORD>(result));
-    }
+    void end_with(HRESULT result) { state().write(L"Result", static_cast<DWORD>(result)); }
 
     // Forgets the tasks and what it was told.
-    void clear() { RegDeleteTreeW(HKEY_CURRENT_USER, STATE.c_str()); }
+    void clear() { RegDeleteTreeW(HKEY_CURRENT_USER, toy_scheduler::STATE); }
 
     // Puts a task of no program there.
-    void register_task(const std::wstring& name);
-
-    using properties = std::map<std::wstring, std::wstring>;
-
-    // The registered tasks by name, with their properties as text: "Path", "Arguments", "UserId", ...
-    [[nodiscard]] std::map<std::wstring, properties> tasks() const;
+    void register_task(const std::wstring& name) { toy_scheduler::save_task(name, {{L"Path", L"none.exe"}}); }
 
     // How many of its objects live in the process that used it last.
-    [[nodiscard]] DWORD objects() const { return planted_number(HKEY_CURRENT_USER, STATE, L"Objects"); }
+    [[nodiscard]] DWORD objects() const { return state().number(L"Objects").value_or(0); }
 
 private:
-    inline static const std::wstring STATE = L"Software\\QuorbelStandIn\\TaskScheduler";
+    static toy_suite::registry_state state() { return toy_suite::registry_state{toy_scheduler::STATE}; }
 
     HMODULE library_;
 };

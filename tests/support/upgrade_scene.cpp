@@ -88,13 +88,4 @@ std::vector<std::string> upgrade_scene::markers() const
     return found;
 }
 
-std::vector<std::wstring> registered_packages(const powershell_stand_in& powershell)
-{
-    std::vector<std::wstring> packages = powershell.packages();
-    for (std::wstring& package : packages) { // without the place of its files
-        package.resize(package.find(L' ', package.find(L' ', package.find(L' ') + 1) + 1));
-    }
-    return packages;
-}
-
 } // namespace test_support

@@ -48,7 +48,4 @@ private:
     custom_actions::controlled_upgrade::context context_;
 };
 
-// Each registered package as the upgrade's tests show it: "Sorvane.Icon 1.5.0.0 Ok".
-std::vector<std::wstring> registered_packages(const powershell_stand_in& powershell);
-
 } // namespace test_support

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "custom_actions/search/search_service.h"
+
 #include <windows.h>
 #include <winsvc.h>
 
@@ -7,7 +9,8 @@
 // that is disposable and has no Windows Search.
 namespace test_support {
 
-// The service, installed and stopped. Ends and removes it when the scope ends, in whatever state it is.
+// The service (package/toy_suite/toy_service.cpp), installed and stopped. Ends and removes it when the scope
+// ends, in whatever state it is.
 class windows_search {
 public:
     // Takes the place of one that an earlier test has left. Throws std::runtime_error where it cannot be
@@ -18,11 +21,14 @@ public:
     windows_search(const windows_search&) = delete;
     windows_search& operator=(const windows_search&) = delete;
 
-    // Starts it, waits until it runs, and forgets that it was asked. Throws windows_error with the service
-    // manager's code, and std::runtime_error where it does not run within 10 seconds.
+    // Starts it, waits until it runs, and forgets that it was asked. Throws std::runtime_error.
     void start() const;
 
-    [[nodiscard]] DWORD state() const;
+    [[nodiscard]] DWORD state() const
+    {
+        return custom_actions::query_search_state(
+            custom_actions::open_search_service(SERVICE_QUERY_STATUS).get());
+    }
 
     // How often it was asked to start since start() or, without that, since it was installed.
     [[nodiscard]] DWORD starts() const;

@@ -3,15 +3,15 @@
 // made up in the registry; processes are real. Whatever else it is given it refuses: exit code 64, with the
 // text on standard error and in the state's value "Refused".
 //
-// Every script is kept, numbered from 1, in the values of the state's key "Scripts"; "ElevationType" is the
-// TOKEN_ELEVATION_TYPE under which the last one ran.
+// Every script is kept, numbered from 1 to "ScriptCount", in the values of the state's key "Scripts";
+// "ElevationType" is the TOKEN_ELEVATION_TYPE under which the last one ran.
 
+#include "package/toy_suite/arguments.h"
 #include "package/toy_suite/powershell/state.h"
 #include "package/toy_suite/powershell/statements.h"
 #include "package/toy_suite/powershell/text.h"
 
 #include <windows.h>
-#include <shellapi.h>
 #include <wincrypt.h>
 
 #include <algorithm>
@@ -28,15 +28,6 @@ namespace toy_powershell {
 namespace {
 
 constexpr int REFUSED = 64;
-
-std::vector<std::wstring> read_arguments()
-{
-    int count = 0;
-    LPWSTR* arguments = CommandLineToArgvW(GetCommandLineW(), &count);
-    std::vector<std::wstring> read{arguments + 1, arguments + count};
-    LocalFree(static_cast<void*>(arguments));
-    return read;
-}
 
 // The text that Base64 of its UTF-16 units stands for.
 std::optional<std::wstring> decode(const std::wstring& encoded)
@@ -84,8 +75,10 @@ int refuse(const std::wstring& text)
 
 void record(const std::wstring& script)
 {
-    const state_key scripts{L"Scripts"};
-    scripts.write(std::to_wstring(scripts.value_count() + 1).c_str(), script);
+    const state_key state;
+    const DWORD number = state.number(L"ScriptCount").value_or(0) + 1;
+    state.write(L"ScriptCount", number);
+    state_key{L"Scripts"}.write(std::to_wstring(number).c_str(), script);
     HANDLE token = nullptr;
     TOKEN_ELEVATION_TYPE elevation{};
     DWORD size = sizeof elevation;
@@ -93,7 +86,7 @@ void record(const std::wstring& script)
         GetTokenInformation(token, TokenElevationType, &elevation, size, &size);
         CloseHandle(token);
     }
-    state_key{}.write(L"ElevationType", static_cast<DWORD>(elevation));
+    state.write(L"ElevationType", static_cast<DWORD>(elevation));
 }
 
 // As many bytes as the order says.
@@ -166,7 +159,7 @@ int run_into_log(const std::wstring& path, const parsed_script& parsed, const st
 
 int run()
 {
-    const auto script = read_script(read_arguments());
+    const auto script = read_script(toy_suite::read_arguments());
     if (!script) {
         return refuse(GetCommandLineW());
     }

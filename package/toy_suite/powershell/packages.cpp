@@ -12,6 +12,11 @@ namespace {
 
 constexpr const wchar_t* PACKAGES = L"Packages";
 
+std::wstring package_key(const std::wstring& full_name)
+{
+    return std::wstring{PACKAGES} + L'\\' + full_name;
+}
+
 // The value of an attribute of the manifest's identity; references to characters are not understood.
 std::wstring attribute(const std::string& element, const std::string& name)
 {
@@ -70,22 +75,28 @@ std::wstring full_package_name(const package_identity& identity, const std::wstr
            publisher_id(identity.publisher);
 }
 
-std::vector<registered_package> packages_named(const std::wstring& name)
+std::vector<registered_package> registered_packages()
 {
     std::vector<registered_package> found;
     for (const std::wstring& full_name : state_key{PACKAGES}.subkeys()) {
-        const state_key key{std::wstring{PACKAGES} + L'\\' + full_name};
-        registered_package package{
-            .full_name = full_name,
-            .identity =
-                {.name = key.text(L"Name").value_or(L""),
-                 .publisher = key.text(L"Publisher").value_or(L""),
-                 .version = key.text(L"Version").value_or(L"")},
-            .status = key.text(L"Status").value_or(L"")};
-        if (equal_ignoring_case(package.identity.name, name)) {
-            found.push_back(std::move(package));
-        }
+        const state_key key{package_key(full_name)};
+        found.push_back(
+            {.full_name = full_name,
+             .identity =
+                 {.name = key.text(L"Name").value_or(L""),
+                  .publisher = key.text(L"Publisher").value_or(L""),
+                  .version = key.text(L"Version").value_or(L"")},
+             .status = key.text(L"Status").value_or(L"")});
     }
+    return found;
+}
+
+std::vector<registered_package> packages_named(const std::wstring& name)
+{
+    std::vector<registered_package> found = registered_packages();
+    std::erase_if(found, [&](const registered_package& package) {
+        return !equal_ignoring_case(package.identity.name, name);
+    });
     return found;
 }
 
@@ -112,13 +123,17 @@ void add_package(const std::wstring& path, const std::wstring& external_location
             remove_package(before);
         }
     }
-    const state_key key{std::wstring{PACKAGES} + L'\\' + full_package_name(identity)};
+    register_package(identity, external_location);
+}
+
+void register_package(const package_identity& identity, const std::wstring& external_location)
+{
+    const state_key key{package_key(full_package_name(identity))};
     key.write(L"Name", identity.name);
     key.write(L"Publisher", identity.publisher);
     key.write(L"Version", identity.version);
     key.write(L"Status", std::wstring{L"Ok"});
     key.write(L"ExternalLocation", external_location);
-    key.write(L"Path", path);
 }
 
 void remove_package(const registered_package& package)

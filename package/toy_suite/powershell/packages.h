@@ -25,6 +25,9 @@ struct registered_package {
     std::wstring status;
 };
 
+// All of them, in the order of their full names.
+std::vector<registered_package> registered_packages();
+
 // Get-AppxPackage -Name.
 std::vector<registered_package> packages_named(const std::wstring& name);
 
@@ -34,6 +37,9 @@ std::vector<registered_package> packages_of(const package_identity& identity);
 // Add-AppxPackage -ForceUpdateFromAnyVersion: takes the place of whatever version of the package is
 // registered. Throws std::runtime_error.
 void add_package(const std::wstring& path, const std::wstring& external_location);
+
+// Registers a package beside whatever is.
+void register_package(const package_identity& identity, const std::wstring& external_location);
 
 // Remove-AppxPackage.
 void remove_package(const registered_package& package);

@@ -1,162 +1,16 @@
 #include "package/toy_suite/powershell/state.h"
 
-#include <array>
-#include <stdexcept>
-
 namespace toy_powershell {
-namespace {
-
-void require(LSTATUS status, const char* what)
-{
-    if (status != ERROR_SUCCESS) {
-        throw std::runtime_error{what};
-    }
-}
-
-std::optional<std::vector<BYTE>> read(HKEY key, const wchar_t* name, DWORD type)
-{
-    DWORD found = 0;
-    DWORD size = 0;
-    if (RegQueryValueExW(key, name, nullptr, &found, nullptr, &size) != ERROR_SUCCESS || found != type) {
-        return std::nullopt;
-    }
-    std::vector<BYTE> bytes(size);
-    require(RegQueryValueExW(key, name, nullptr, nullptr, bytes.data(), &size), "a value cannot be read");
-    return bytes;
-}
-
-// The texts of a value of the types REG_SZ and REG_MULTI_SZ, each up to its zero.
-std::vector<std::wstring> texts_of(const std::vector<BYTE>& bytes)
-{
-    std::vector<std::wstring> texts;
-    std::wstring text;
-    for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
-        const auto unit = static_cast<wchar_t>(bytes[i] | (bytes[i + 1] << 8U));
-        if (unit != L'\0') {
-            text += unit;
-        } else if (!text.empty()) {
-            texts.push_back(text);
-            text.clear();
-        }
-    }
-    if (!text.empty()) {
-        texts.push_back(text);
-    }
-    return texts;
-}
-
-void write_value(HKEY key, const wchar_t* name, DWORD type, const void* data, std::size_t size)
-{
-    require(
-        RegSetValueExW(key, name, 0, type, static_cast<const BYTE*>(data), static_cast<DWORD>(size)),
-        "a value cannot be written");
-}
-
-} // namespace
-
-state_key::state_key(const std::wstring& below)
-{
-    const std::wstring path = L"Software\\QuorbelStandIn\\PowerShell" + (below.empty() ? L"" : L'\\' + below);
-    require(
-        RegCreateKeyExW(
-            HKEY_CURRENT_USER, path.c_str(), 0, nullptr, 0, KEY_READ | KEY_WRITE, nullptr, &key_, nullptr),
-        "the stand-in's key cannot be opened");
-}
-
-state_key::~state_key()
-{
-    RegCloseKey(key_);
-}
-
-std::optional<std::wstring> state_key::text(const wchar_t* name) const
-{
-    const auto bytes = read(key_, name, REG_SZ);
-    if (!bytes) {
-        return std::nullopt;
-    }
-    const auto texts = texts_of(*bytes);
-    return texts.empty() ? L"" : texts.front();
-}
-
-std::optional<DWORD> state_key::number(const wchar_t* name) const
-{
-    DWORD value = 0;
-    DWORD size = sizeof value;
-    const LSTATUS status = RegGetValueW(key_, nullptr, name, RRF_RT_REG_DWORD, nullptr, &value, &size);
-    return status == ERROR_SUCCESS ? std::optional{value} : std::nullopt;
-}
-
-std::vector<std::wstring> state_key::list(const wchar_t* name) const
-{
-    return texts_of(read(key_, name, REG_MULTI_SZ).value_or(std::vector<BYTE>{}));
-}
-
-std::vector<std::wstring> state_key::subkeys() const
-{
-    std::vector<std::wstring> names;
-    std::array<wchar_t, 256> name{};
-    while (
-        RegEnumKeyW(key_, static_cast<DWORD>(names.size()), name.data(), static_cast<DWORD>(name.size())) ==
-        ERROR_SUCCESS) {
-        names.emplace_back(name.data());
-    }
-    return names;
-}
-
-DWORD state_key::value_count() const
-{
-    DWORD count = 0;
-    require(
-        RegQueryInfoKeyW(
-            key_,
-            nullptr,
-            nullptr,
-            nullptr,
-            nullptr,
-            nullptr,
-            nullptr,
-            &count,
-            nullptr,
-            nullptr,
-            nullptr,
-            nullptr),
-        "values cannot be counted");
-    return count;
-}
-
-void state_key::write(const wchar_t* name, const std::wstring& text) const
-{
-    write_value(key_, name, REG_SZ, text.c_str(), (text.size() + 1) * sizeof(wchar_t));
-}
-
-void state_key::write(const wchar_t* name, DWORD number) const
-{
-    write_value(key_, name, REG_DWORD, &number, sizeof number);
-}
-
-void state_key::write(const wchar_t* name, const std::vector<std::wstring>& texts) const
-{
-    std::wstring joined;
-    for (const std::wstring& text : texts) {
-        joined.append(text).push_back(L'\0');
-    }
-    write_value(key_, name, REG_MULTI_SZ, joined.c_str(), (joined.size() + 1) * sizeof(wchar_t));
-}
-
-void state_key::remove_subkey(const std::wstring& name) const
-{
-    require(RegDeleteTreeW(key_, name.c_str()), "a key cannot be removed");
-}
 
 bool ordered(const wchar_t* name, std::wstring_view text)
 {
-    const auto order = state_key{}.text(name);
+    const auto order = state_key{ORDERS}.text(name);
     return order && text.find(*order) != std::wstring_view::npos;
 }
 
 std::optional<std::wstring> order_argument(const wchar_t* name, std::wstring_view text)
 {
-    const std::wstring order = state_key{}.text(name).value_or(L"");
+    const std::wstring order = state_key{ORDERS}.text(name).value_or(L"");
     const std::size_t space = order.find(L' ');
     const std::wstring contained = space == std::wstring::npos ? L"" : order.substr(space + 1);
     const bool holds = !order.empty() && text.find(contained) != std::wstring_view::npos;

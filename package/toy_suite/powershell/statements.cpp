@@ -186,7 +186,7 @@ void wait_for_tray(run_state& /*state*/, const literals& values)
 {
     const DWORD session = std::stoul(values[0]);
     const auto in_session = [&](DWORD process) { return session_of(process) == session; };
-    const ULONGLONG deadline = GetTickCount64() + state_key{}.number(L"TrayWaitMs").value_or(15'000);
+    const ULONGLONG deadline = GetTickCount64() + state_key{ORDERS}.number(L"TrayWaitMs").value_or(15'000);
     bool runs = false;
     do { // NOLINT(cppcoreguidelines-avoid-do-while): as the statement does it
         Sleep(250);

@@ -42,8 +42,8 @@ private:
 // Refuses a call, with a note, that the real scheduler would not take either.
 void expect(bool fulfilled, std::wstring_view expectation);
 
-// The result of a call, which is noted: what it is told to fail with, or what `answer` returns or is refused
-// with.
+// The result of a call, which is noted: E_ACCESSDENIED where it is told to fail, or what `answer` returns or
+// is refused with.
 HRESULT answered(std::wstring_view name, const std::function<HRESULT()>& answer) noexcept;
 
 HRESULT unexpected(std::wstring_view interface_name, std::size_t method) noexcept;

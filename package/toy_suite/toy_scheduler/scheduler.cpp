@@ -22,7 +22,7 @@ bool is_empty(const VARIANT& value) noexcept
     return V_VT(&value) == VT_EMPTY;
 }
 
-bool is_running(const task& run) noexcept
+bool is_running(const task& run)
 {
     return told(L"State") || (run.program && WaitForSingleObject(run.program.get(), 0) == WAIT_TIMEOUT);
 }
@@ -288,8 +288,7 @@ void expect(bool fulfilled, std::wstring_view expectation)
 HRESULT answered(std::wstring_view name, const std::function<HRESULT()>& answer) noexcept
 try {
     note(L"Calls", name);
-    const std::optional<HRESULT> failure = told_failure(name);
-    return failure ? *failure : answer();
+    return told_to_fail(name) ? E_ACCESSDENIED : answer();
 } catch (const refusal& refused) {
     return refused.code();
 } catch (const std::exception&) {

@@ -11,9 +11,9 @@
 //                it does not take
 //   Objects      how many of its objects live in the process that used it last
 // and what it is told:
-//   Fail         the call that fails ("IRegisteredTask::Run"), with the code in FailWith (else
-//   E_ACCESSDENIED) State        what a run stays in; no program is started Result       what a run has ended
-//   with; no program is started
+//   Fail         the call that fails ("IRegisteredTask::Run"), with E_ACCESSDENIED
+//   State        what a run stays in; no program is started
+//   Result       what a run has ended with; no program is started
 
 #include "package/toy_suite/toy_scheduler/com_object.h"
 #include "package/toy_suite/toy_scheduler/scheduler.h"
