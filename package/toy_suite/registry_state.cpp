@@ -14,36 +14,18 @@ void require(LSTATUS status, const char* what)
     }
 }
 
-std::optional<std::vector<BYTE>> read(HKEY key, const wchar_t* name, DWORD type)
+// A value of the types REG_SZ and REG_MULTI_SZ, with its zeros.
+std::optional<std::wstring> read(HKEY key, const wchar_t* name, DWORD type)
 {
     DWORD found = 0;
     DWORD size = 0;
     if (RegQueryValueExW(key, name, nullptr, &found, nullptr, &size) != ERROR_SUCCESS || found != type) {
         return std::nullopt;
     }
-    std::vector<BYTE> bytes(size);
-    require(RegQueryValueExW(key, name, nullptr, nullptr, bytes.data(), &size), "a value cannot be read");
-    return bytes;
-}
-
-// The texts of a value of the types REG_SZ and REG_MULTI_SZ, each up to its zero.
-std::vector<std::wstring> texts_of(const std::vector<BYTE>& bytes)
-{
-    std::vector<std::wstring> texts;
-    std::wstring text;
-    for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
-        const auto unit = static_cast<wchar_t>(bytes[i] | (bytes[i + 1] << 8U));
-        if (unit != L'\0') {
-            text += unit;
-        } else if (!text.empty()) {
-            texts.push_back(text);
-            text.clear();
-        }
-    }
-    if (!text.empty()) {
-        texts.push_back(text);
-    }
-    return texts;
+    std::wstring units(size / sizeof(wchar_t), L'\0');
+    auto* const bytes = reinterpret_cast<BYTE*>(units.data());
+    require(RegQueryValueExW(key, name, nullptr, nullptr, bytes, &size), "a value cannot be read");
+    return units;
 }
 
 void write_value(HKEY key, const wchar_t* name, DWORD type, const void* data, std::size_t size)
@@ -69,12 +51,8 @@ registry_state::~registry_state()
 
 std::optional<std::wstring> registry_state::text(const wchar_t* name) const
 {
-    const auto bytes = read(key_, name, REG_SZ);
-    if (!bytes) {
-        return std::nullopt;
-    }
-    const auto texts = texts_of(*bytes);
-    return texts.empty() ? L"" : texts.front();
+    const auto units = read(key_, name, REG_SZ);
+    return units ? std::optional<std::wstring>{units->c_str()} : std::nullopt;
 }
 
 std::optional<DWORD> registry_state::number(const wchar_t* name) const
@@ -87,7 +65,12 @@ std::optional<DWORD> registry_state::number(const wchar_t* name) const
 
 std::vector<std::wstring> registry_state::list(const wchar_t* name) const
 {
-    return texts_of(read(key_, name, REG_MULTI_SZ).value_or(std::vector<BYTE>{}));
+    const std::wstring units = read(key_, name, REG_MULTI_SZ).value_or(L"") + L'\0'; // which may be left out
+    std::vector<std::wstring> texts;
+    for (const wchar_t* text = units.c_str(); *text != L'\0'; text += texts.back().size() + 1) {
+        texts.emplace_back(text);
+    }
+    return texts;
 }
 
 std::vector<std::wstring> registry_state::subkeys() const
