@@ -1,5 +1,7 @@
 #pragma once
 
+#include "custom_actions/common/scoped_handle.h"
+
 #include <windows.h>
 #include <shellapi.h>
 
@@ -12,10 +14,9 @@ namespace toy_suite {
 inline std::vector<std::wstring> read_arguments()
 {
     int count = 0;
-    LPWSTR* arguments = CommandLineToArgvW(GetCommandLineW(), &count);
-    std::vector<std::wstring> read{arguments + 1, arguments + count};
-    LocalFree(static_cast<void*>(arguments));
-    return read;
+    LPWSTR* const arguments = CommandLineToArgvW(GetCommandLineW(), &count);
+    const custom_actions::local_memory owner{static_cast<void*>(arguments)};
+    return {arguments + 1, arguments + count};
 }
 
 } // namespace toy_suite

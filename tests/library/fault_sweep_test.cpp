@@ -16,9 +16,9 @@
 #include "tests/support/faults.h"
 #include "tests/support/played_machine.h"
 #include "tests/support/scheduler_stand_in.h"
-#include "tests/support/scripted_session.h"
 #include "tests/support/test_limit.h"
 #include "tests/support/upgrade_scene.h"
+#include "tests/support/watched_session.h"
 
 #include <gtest/gtest.h>
 #include <taskschd.h>
@@ -122,7 +122,7 @@ struct stage {
     registry_sandbox machine_hive{HKEY_LOCAL_MACHINE};
     registry_sandbox user_hive{HKEY_CURRENT_USER};
     loaded_library library;
-    scripted_session session{library.module()};
+    watched_session session{library.module()};
     played_machine machine{library.module()};
     call_sweep sweep{library.module()};
     std::filesystem::path folder = std::filesystem::path{toy_library(L"any.dll")}.parent_path();
@@ -294,6 +294,7 @@ protected:
         EXPECT_EQ(unexpected(failing, told + stage_->lost()), L"");
         EXPECT_EQ(stage_->session.open_records(), 0U);
         EXPECT_EQ(stage_->scheduler.objects(), 0U);
+        EXPECT_EQ(stage_->scheduler.unexpected(), L"");
         EXPECT_FALSE(thread_is_impersonating());
         RevertToSelf();
         const auto left_open = static_cast<long>(open_handles() - handles);

@@ -3,8 +3,8 @@
 #include "package/toy_suite/powershell/packages.h"
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
-#include "tests/support/scripted_session.h"
 #include "tests/support/upgrade_scene.h"
+#include "tests/support/watched_session.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@ TEST(PackageActions, run_a_hidden_command_with_good_data_alone_and_tell_what_it_
     const loaded_library library;
     // The lines that msix_..._package writes, and what it returns.
     const auto run = [&](const std::string& action, const std::wstring& data) {
-        scripted_session session{library.module()};
+        watched_session session{library.module()};
         session.set_property(L"CustomActionData", data);
         const UINT code = library.call(("msix_" + action + "_package").c_str(), session.handle());
         std::wstring told;

@@ -5,7 +5,7 @@
 #include "support/loaded_library.h"
 #include "support/toy_suite.h"
 #include "tests/support/played_clock.h"
-#include "tests/support/scripted_session.h"
+#include "tests/support/watched_session.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -32,7 +32,7 @@ protected:
     }
 
     loaded_library library;
-    scripted_session session{library.module()};
+    watched_session session{library.module()};
 };
 
 TEST_F(ProcessActions, close_the_suite_and_its_hosts_and_nobody_else)

@@ -2,7 +2,7 @@
 
 #include "support/loaded_library.h"
 #include "tests/support/played_clock.h"
-#include "tests/support/scripted_session.h"
+#include "tests/support/watched_session.h"
 
 #include <gtest/gtest.h>
 
@@ -41,7 +41,7 @@ protected:
     DWORD access = 0;                 // with which it was opened
 
     loaded_library library;
-    scripted_session session{library.module()};
+    watched_session session{library.module()};
     played_clock clock{library.module()};
     intercepted_import<"OpenServiceW", decltype(OpenServiceW)> open{
         library.module(), [this](SC_HANDLE, LPCWSTR, DWORD asked) {

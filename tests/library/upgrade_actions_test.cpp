@@ -6,8 +6,8 @@
 #include "tests/support/failing_import.h"
 #include "tests/support/played_clock.h"
 #include "tests/support/scheduler_stand_in.h"
-#include "tests/support/scripted_session.h"
 #include "tests/support/upgrade_scene.h"
+#include "tests/support/watched_session.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -50,7 +50,7 @@ protected:
     }
 
     loaded_library library;
-    scripted_session session{library.module()};
+    watched_session session{library.module()};
     std::optional<scheduler_stand_in> scheduler;
     const std::wstring data = new_upgrade_data(LR"(C:\Quorbel)");
     const custom_actions::controlled_upgrade::context upgrade = load_context(data);

@@ -4,8 +4,8 @@
 #include "support/toy_suite.h"
 #include "tests/support/faults.h"
 #include "tests/support/played_clock.h"
-#include "tests/support/scripted_session.h"
 #include "tests/support/upgrade_scene.h"
+#include "tests/support/watched_session.h"
 
 #include <gtest/gtest.h>
 
@@ -40,7 +40,7 @@ TEST(PowerShell, runs_a_script_as_the_user_and_ends_it_when_its_time_is_over)
             return std::nullopt;
         }};
     const test_support::played_clock clock{module};
-    test_support::scripted_session session{module};
+    test_support::watched_session session{module};
     const test_support::upgrade_scene scene;
     const controlled_upgrade::context& upgrade = scene.context();
     const std::wstring log = upgrade.workspace + L"\\output\\capture-folders.log";

@@ -35,7 +35,7 @@ void powershell_stand_in::register_package(const std::wstring& name, const std::
     toy_powershell::register_package({.name = name, .publisher = L"CN=Brenmoor", .version = version}, L"");
 }
 
-std::vector<std::wstring> registered_packages(const powershell_stand_in& /*asked*/)
+std::vector<std::wstring> registered_packages()
 {
     std::vector<std::wstring> told;
     for (const auto& package : toy_powershell::registered_packages()) {

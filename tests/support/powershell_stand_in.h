@@ -64,7 +64,7 @@ private:
     std::wstring set_aside_ = place_ + L".of-the-system"; // as the demo calls it
 };
 
-// Each package that is registered with it, in the order of their names: "Sorvane.Icon 1.5.0.0 Ok".
-std::vector<std::wstring> registered_packages(const powershell_stand_in& powershell);
+// Each package that is registered with the stand-in, in the order of their names: "Sorvane.Icon 1.5.0.0 Ok".
+std::vector<std::wstring> registered_packages();
 
 } // namespace test_support

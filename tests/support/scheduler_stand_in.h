@@ -36,6 +36,9 @@ public:
     // Puts a task of no program there.
     void register_task(const std::wstring& name) { toy_scheduler::save_task(name, {{L"Path", L"none.exe"}}); }
 
+    // The calls that it did not expect; empty where there were none.
+    [[nodiscard]] std::wstring unexpected() const { return state().text(L"Unexpected").value_or(L""); }
+
     // How many of its objects live in the process that used it last.
     [[nodiscard]] DWORD objects() const { return state().number(L"Objects").value_or(0); }
 

@@ -12,9 +12,9 @@
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
 #include "tests/support/call_sweep.h"
-#include "tests/support/scripted_session.h"
 #include "tests/support/test_limit.h"
 #include "tests/support/upgrade_scene.h"
+#include "tests/support/watched_session.h"
 #include "tests/support/windows_search.h"
 
 #include <gtest/gtest.h>
@@ -70,7 +70,7 @@ TEST(Fault, DISABLED_is_killed_in_an_action)
     std::getline(words, data);
 
     const loaded_library library;
-    scripted_session session{library.module()};
+    watched_session session{library.module()};
     const import_patch<decltype(Sleep)> impatience{library.module(), "Sleep", &nap};
     session.set_property(L"CustomActionData", data);
     call_sweep sweep{library.module(), CHANGING};
@@ -189,7 +189,7 @@ private:
     {
         prepare();
         const auto programs = running({HELPER, TRAY, HOTKEYS});
-        std::vector<std::wstring> packages = registered_packages(scene_.powershell);
+        std::vector<std::wstring> packages = registered_packages();
         const child_result phase = run(phase_, scene_.data(), nth);
         const std::string call = nth == 0 ? "no call" : calls_[nth - 1];
         SCOPED_TRACE("killed before " + call + ", " + std::to_string(nth) + "; " + phase.output);
@@ -224,7 +224,7 @@ private:
         holds("the markers", scene_.markers(), markers);
         const LSTATUS key = RegDeleteKeyExW(HKEY_LOCAL_MACHINE, MAINTENANCE_KEY, KEY_WOW64_64KEY, 0);
         holds("the maintenance key", key, LSTATUS{ERROR_FILE_NOT_FOUND});
-        holds("the packages", registered_packages(scene_.powershell), packages);
+        holds("the packages", registered_packages(), packages);
         holds("Search", search_.state(), DWORD{SERVICE_RUNNING});
         const auto start_type = custom_actions::read_search_start_type();
         holds("its start", start_type, std::optional<DWORD>{SERVICE_DEMAND_START});

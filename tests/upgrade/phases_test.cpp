@@ -10,8 +10,8 @@
 #include "support/disposable_machine.h"
 #include "tests/support/faults.h"
 #include "tests/support/played_clock.h"
-#include "tests/support/scripted_session.h"
 #include "tests/support/upgrade_scene.h"
+#include "tests/support/watched_session.h"
 #include "tests/support/windows_search.h"
 
 #include <gmock/gmock.h>
@@ -59,7 +59,7 @@ protected:
     }
 
     HMODULE this_module = GetModuleHandleW(nullptr);
-    test_support::scripted_session session{this_module};
+    test_support::watched_session session{this_module};
     std::optional<test_support::upgrade_scene> scene;
     context upgrade{};
 };
@@ -180,7 +180,7 @@ TEST_F(UpgradePhases, undo_all_that_can_be_undone)
         THROWN_WITH(calling(rollback), RegSetValueExW, ERROR_ACCESS_DENIED, {0}),
         "Rollback recovery incomplete: Cannot persist upgrade guard" + FAILED_SCRIPT + "; ");
     EXPECT_THAT(
-        test_support::registered_packages(scene->powershell),
+        test_support::registered_packages(),
         ElementsAre(L"Quorbel.Paste 1.5.0.0 Ok", L"Sorvane.Icon 1.5.0.0 Ok"));
     EXPECT_EQ(read_search_start_type(), DWORD{SERVICE_DEMAND_START});
     EXPECT_EQ(search.starts(), 0U);

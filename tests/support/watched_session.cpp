@@ -1,4 +1,4 @@
-#include "tests/support/scripted_session.h"
+#include "tests/support/watched_session.h"
 
 #include "custom_actions/common/installer_session.h"
 #include "support/pe_image.h"
@@ -34,7 +34,7 @@ void PrintTo(const posted_message& message, std::ostream* out)
          << '}';
 }
 
-scripted_session::scripted_session(HMODULE module)
+watched_session::watched_session(HMODULE module)
 {
     interceptions_ = {
         intercept<"MsiCreateRecord", decltype(MsiCreateRecord)>(
@@ -75,17 +75,17 @@ scripted_session::scripted_session(HMODULE module)
             })};
 }
 
-scripted_session::~scripted_session()
+watched_session::~watched_session()
 {
     EXPECT_EQ(open_records_, 0U) << "records left open";
 }
 
-void scripted_session::set_property(const std::wstring& name, const std::wstring& value) const
+void watched_session::set_property(const std::wstring& name, const std::wstring& value) const
 {
     require(MsiSetPropertyW(handle(), name.c_str(), value.c_str()), "MsiSetPropertyW");
 }
 
-std::optional<std::wstring> scripted_session::property(const std::wstring& name) const
+std::optional<std::wstring> watched_session::property(const std::wstring& name) const
 {
     const std::wstring value = custom_actions::read_property(handle(), name.c_str());
     return value.empty() ? std::nullopt : std::optional{value};

@@ -18,10 +18,10 @@ void PrintTo(const posted_message& message, std::ostream* out);
 // A session of the real installer for one module. What needs a product that is installed or being installed
 // is played: its components, and the folders to install to. A record that is still open at the end, or closed
 // twice, fails the test. One can live at a time.
-class scripted_session : public real_session {
+class watched_session : public real_session {
 public:
-    explicit scripted_session(HMODULE module);
-    ~scripted_session();
+    explicit watched_session(HMODULE module);
+    ~watched_session();
 
     void set_property(const std::wstring& name, const std::wstring& value) const;
     [[nodiscard]] std::optional<std::wstring> property(const std::wstring& name) const;
