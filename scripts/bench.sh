@@ -14,11 +14,9 @@ run_benchmarks() {
   rm -f "$results"
   trap 'scripts/wine.sh --end' EXIT
 
-  # A program and Wine's server take turns: on two processors they would wake each other across them, which takes longer
-  # than the calls that are measured and varies tenfold. So both run on one, the server started anew there.
+  # Begun anew, for a server that nothing has used before.
   scripts/wine.sh --end
-  processor=$(taskset -cp $$ | sed 's/.*: *\([0-9]*\).*/\1/')
-  taskset -c "$processor" scripts/wine.sh build/mingw/benchmarks.exe >build/bench/output.txt </dev/null
+  scripts/wine.sh build/mingw/benchmarks.exe >build/bench/output.txt </dev/null
   tr -d '\r' <build/bench/output.txt | tee "$results"
 }
 

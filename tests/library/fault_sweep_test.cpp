@@ -74,8 +74,20 @@ struct stage {
         session.install_component(PRODUCT, SUITE_COMPONENT, (folder / L"Quorbel.exe").wstring());
     }
 
+    // What the action reads. No action sets what itself reads.
+    void set_properties(const std::string& action) const
+    {
+        session.set_property(L"INSTALLED_APP_VERSION", L"1.5.0");
+        session.set_property(L"ProductVersion", L"2.0.0");
+        session.set_property(L"QblEarlyRecoveryTask", TASK);
+        session.set_property(L"WIX_UPGRADE_DETECTED", PRODUCT);
+        session.set_property(L"begin_controlled_upgrade", upgrade_data);
+        const auto own = data.find(action);
+        session.set_property(L"CustomActionData", own == data.end() ? upgrade_data : own->second);
+    }
+
     // As it is before each run: both hives empty, every program and Search running.
-    void begin_anew(const std::string& action)
+    void begin_anew()
     {
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software");
         RegDeleteTreeW(HKEY_CURRENT_USER, L"Software");
@@ -84,13 +96,6 @@ struct stage {
         scheduler.clear();
         scheduler.end_with(S_OK);
         foreign.clear();
-        session.set_property(L"INSTALLED_APP_VERSION", L"1.5.0");
-        session.set_property(L"ProductVersion", L"2.0.0");
-        session.set_property(L"QblEarlyRecoveryTask", TASK);
-        session.set_property(L"WIX_UPGRADE_DETECTED", PRODUCT);
-        session.set_property(L"begin_controlled_upgrade", upgrade_data);
-        const auto own = data.find(action);
-        session.set_property(L"CustomActionData", own == data.end() ? upgrade_data : own->second);
     }
 
     // Plants a handler or an icon of somebody else's, which a run may lose where fault_messages.txt says so.
@@ -250,6 +255,7 @@ protected:
         if (!stage_) {
             stage_.emplace();
         }
+        stage_->set_properties(GetParam());
     }
 
     // What there is in the text beside what may be said where this call fails.
@@ -271,7 +277,7 @@ protected:
     // Calls the action and looks at what it leaves. Returns how many handles more are open than before.
     long run(std::size_t nth = 0, call_sweep::fault fault = call_sweep::fault::passing)
     {
-        stage_->begin_anew(GetParam());
+        stage_->begin_anew();
         if (const auto scenario = SCENARIOS.find(GetParam()); scenario != SCENARIOS.end()) {
             scenario->second(*stage_);
         }
