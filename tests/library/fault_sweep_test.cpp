@@ -165,7 +165,6 @@ void plant_property_handlers(stage& stage, bool registered)
 // With what else the removal looks at.
 void plant_icon_handlers(stage& stage, const wchar_t* handler)
 {
-    constexpr std::string_view one{"\1\0\0\0", 4};
     const std::wstring ini = ASSOCIATIONS + L".ini" + ICON_SLOT;
     plant(ini, L"", handler);
     stage.plant_foreign(ini, custom_actions::ICON_HANDLER_BACKUP_VALUE);
@@ -178,13 +177,13 @@ void plant_icon_handlers(stage& stage, const wchar_t* handler)
         type + L"\\ShellEx\\" + custom_actions::THUMBNAIL_HANDLER_SLOT,
         L"",
         custom_actions::ICON_HANDLER_CLSID);
-    plant_value(HKEY_CURRENT_USER, type, custom_actions::TREATMENT_MARKER_VALUE, one, REG_DWORD);
+    plant_number(HKEY_CURRENT_USER, type, custom_actions::TREATMENT_MARKER_VALUE, 1);
     const std::wstring drive_c = DRIVES + L"C\\DefaultIcon";
     for (const std::wstring& drive : {drive_c, DRIVES + L"D\\DefaultIcon"}) {
         plant(drive, L"", L"ours.ico");
         plant(drive, L"sorvane_drive_icon_applied", L"ours.ico");
     }
-    plant_value(HKEY_CURRENT_USER, drive_c, L"sorvane_drive_icon_had_original", one, REG_DWORD);
+    plant_number(HKEY_CURRENT_USER, drive_c, L"sorvane_drive_icon_had_original", 1);
     stage.plant_foreign(drive_c, DRIVE_ICON_BACKUP);
 }
 
@@ -202,11 +201,11 @@ void begin_upgrade(stage& stage)
 }
 
 // What an action may say where this call of it fails, as fault_messages.txt has it: without its numbers; "*"
-// is every action and every call, and what may stand in front.
+// is every action and every call, and what may stand in front. A call is a function of Windows, or of an
+// object of the Task Scheduler's ("ITaskService::Connect").
 struct expected_text {
     std::wstring action;
-    std::wstring
-        call; // a function of Windows, or of an object of the Task Scheduler's: "ITaskService::Connect"
+    std::wstring call;
     std::wstring text;
 };
 

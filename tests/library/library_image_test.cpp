@@ -8,6 +8,7 @@
 
 #include <fstream>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,19 @@ TEST(LibraryImage, exports_the_documented_actions_needs_nothing_but_the_system_a
                                   IMAGE_DLLCHARACTERISTICS_HIGH_ENTROPY_VA |
                                   IMAGE_DLLCHARACTERISTICS_NX_COMPAT;
     EXPECT_EQ(image.headers().OptionalHeader.DllCharacteristics & hardened, hardened);
+}
+
+TEST(Documents, have_every_message_of_a_failure)
+{
+    std::ostringstream documents;
+    documents << std::ifstream{SOURCE_DIR "/docs/actions.md"}.rdbuf();
+    std::ifstream list{SOURCE_DIR "/tests/library/fault_messages.txt"};
+    std::string call;
+    for (std::string action, text; list >> action >> call >> std::ws && std::getline(list, text);) {
+        const bool of_an_action = call != "*" && !text.starts_with('(');
+        EXPECT_TRUE(!of_an_action || documents.str().find(text) != std::string::npos) << text;
+    }
+    EXPECT_NE(call, "") << "no list";
 }
 
 } // namespace

@@ -127,7 +127,7 @@ void played_machine::play_programs()
         const auto all = std::tuple{others...};
         for (HANDLE stream : {std::get<6>(all)->hStdOutput, std::get<6>(all)->hStdError}) {
             DWORD written = 0;
-            WriteFile(stream, "text", 4, &written, nullptr);
+            WriteFile(stream, "<text>", 6, &written, nullptr);
         }
         return give_ended_process(*std::get<7>(all));
     });
