@@ -212,7 +212,7 @@ ended_with() {
 runs() {
   local process
   for process in /proc/[0-9]*; do
-    if tr '\0' ' ' <"$process/cmdline" 2>/dev/null | grep -qiE "$1" &&
+    if [ "$process/root" -ef / ] && tr '\0' ' ' <"$process/cmdline" 2>/dev/null | grep -qiE "$1" &&
       tr '\0' '\n' <"$process/environ" 2>/dev/null | grep -qx "WINEPREFIX=$PWD/build/wine"; then
       return 0
     fi
