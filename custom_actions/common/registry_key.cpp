@@ -50,12 +50,11 @@ LSTATUS registry_key::create(HKEY parent, const std::wstring& path, REGSAM acces
 
 namespace {
 
-// `query` is RegQueryValueExA or RegQueryValueExW.
+// `query` is RegQueryValueExA or RegQueryValueExW. `size` has the size of the buffer and gets the value's.
 template <class Query, class Char>
-LSTATUS query_value(Query* query, HKEY key, const Char* name, DWORD limit, registry_value& value)
+LSTATUS query_value(Query* query, HKEY key, const Char* name, DWORD& size, registry_value& value)
 {
-    registry_value found{.type = REG_NONE, .data = std::string(limit, '\0')};
-    DWORD size = limit;
+    registry_value found{.type = REG_NONE, .data = std::string(size, '\0')};
     const LSTATUS status =
         query(key, name, nullptr, &found.type, reinterpret_cast<BYTE*>(found.data.data()), &size);
     if (status == ERROR_SUCCESS) {
@@ -63,6 +62,13 @@ LSTATUS query_value(Query* query, HKEY key, const Char* name, DWORD limit, regis
         value = std::move(found);
     }
     return status;
+}
+
+template <class Query, class Char>
+LSTATUS query_whole_value(Query* query, HKEY key, const Char* name, DWORD size, registry_value& value)
+{
+    const LSTATUS status = query_value(query, key, name, size, value);
+    return status == ERROR_MORE_DATA ? query_value(query, key, name, size, value) : status;
 }
 
 // `enumerate` is RegEnumKeyExA or RegEnumKeyExW.
@@ -78,6 +84,25 @@ LSTATUS subkey_name(Enumerate* enumerate, HKEY key, DWORD index, std::basic_stri
     return status;
 }
 
+// `query` is RegQueryInfoKeyA or RegQueryInfoKeyW. How many subkeys and, unless null, values the key has.
+template <class Query>
+LSTATUS query_content(Query* query, HKEY key, DWORD& subkeys, DWORD* values) noexcept
+{
+    return query(
+        key,
+        nullptr,
+        nullptr,
+        nullptr,
+        &subkeys,
+        nullptr,
+        nullptr,
+        values,
+        nullptr,
+        nullptr,
+        nullptr,
+        nullptr);
+}
+
 } // namespace
 
 LSTATUS registry_key::read(const char* name, DWORD limit, registry_value& value) const
@@ -88,6 +113,18 @@ LSTATUS registry_key::read(const char* name, DWORD limit, registry_value& value)
 LSTATUS registry_key::read(const wchar_t* name, DWORD limit, registry_value& value) const
 {
     return query_value(RegQueryValueExW, handle_.get(), name, limit, value);
+}
+
+LSTATUS registry_key::read_whole(const char* name, DWORD expected, registry_value& value) const
+{
+    return query_whole_value(RegQueryValueExA, handle_.get(), name, expected, value);
+}
+
+std::wstring registry_key::whole_text(const wchar_t* name, DWORD expected) const
+{
+    registry_value value;
+    query_whole_value(RegQueryValueExW, handle_.get(), name, expected, value);
+    return value.wide_text().value_or(L"");
 }
 
 LSTATUS registry_key::find_value(const char* name) const noexcept
@@ -164,23 +201,18 @@ LSTATUS registry_key::enumerate_value_name(DWORD index, std::wstring& name) cons
     return status;
 }
 
-std::optional<registry_key::content> registry_key::count_content() const noexcept
+bool registry_key::has_no_subkeys() const noexcept
 {
-    content found{};
-    const LSTATUS status = RegQueryInfoKeyW(
-        handle_.get(),
-        nullptr,
-        nullptr,
-        nullptr,
-        &found.subkeys,
-        nullptr,
-        nullptr,
-        &found.values,
-        nullptr,
-        nullptr,
-        nullptr,
-        nullptr);
-    return status == ERROR_SUCCESS ? std::optional{found} : std::nullopt;
+    DWORD subkeys = 0;
+    return query_content(RegQueryInfoKeyW, handle_.get(), subkeys, nullptr) == ERROR_SUCCESS && subkeys == 0;
+}
+
+bool registry_key::is_empty() const noexcept
+{
+    DWORD subkeys = 0;
+    DWORD values = 0;
+    return query_content(RegQueryInfoKeyA, handle_.get(), subkeys, &values) == ERROR_SUCCESS &&
+           subkeys == 0 && values == 0;
 }
 
 } // namespace custom_actions

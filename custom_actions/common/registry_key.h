@@ -48,18 +48,16 @@ public:
 
     void close() noexcept { handle_ = {}; }
 
-    // Reads a value of at most `limit` bytes; ERROR_MORE_DATA where it is longer.
+    // Reads a value of at most `limit` bytes; ERROR_MORE_DATA if it is longer.
     LSTATUS read(const char* name, DWORD limit, registry_value& value) const;
     LSTATUS read(const wchar_t* name, DWORD limit, registry_value& value) const;
 
-    // Reads a value into `expected` bytes, and once more where it is longer, up to a mebibyte: for what
-    // somebody else may have written at any length, and what must be seen so that it can be kept.
-    template <class Char>
-    LSTATUS read_whole(const Char* name, DWORD expected, registry_value& value) const
-    {
-        const LSTATUS status = read(name, expected, value);
-        return status == ERROR_MORE_DATA ? read(name, 1024 * 1024, value) : status;
-    }
+    // Reads a value into `expected` bytes, and a longer one once more, whole: for what somebody else wrote
+    // and what would be lost if it were not read.
+    LSTATUS read_whole(const char* name, DWORD expected, registry_value& value) const;
+
+    // The wide text of a value that is read likewise; empty if there is none that can be read.
+    [[nodiscard]] std::wstring whole_text(const wchar_t* name, DWORD expected) const;
 
     // ERROR_SUCCESS where the value is there, whatever it is.
     LSTATUS find_value(const char* name) const noexcept;
@@ -85,13 +83,12 @@ public:
     // The name of the value with this index.
     LSTATUS enumerate_value_name(DWORD index, std::wstring& name) const;
 
-    struct content {
-        DWORD subkeys;
-        DWORD values;
-    };
+    // Whether the key has no subkeys; asked by the wide function. False if that cannot be told.
+    [[nodiscard]] bool has_no_subkeys() const noexcept;
 
-    // How many subkeys and values the key has; nothing where it cannot be told.
-    [[nodiscard]] std::optional<content> count_content() const noexcept;
+    // Whether the key has neither subkeys nor values; asked by the ANSI function. False if that cannot be
+    // told.
+    [[nodiscard]] bool is_empty() const noexcept;
 
 private:
     registry_key_handle handle_;

@@ -4,6 +4,9 @@
 #include "custom_actions/common/windows_error.h"
 
 #include <array>
+#include <exception>
+#include <new>
+#include <string_view>
 #include <utility>
 
 namespace custom_actions {
@@ -40,10 +43,13 @@ public:
     pipe_reader(const pipe_reader&) = delete;
     pipe_reader& operator=(const pipe_reader&) = delete;
 
-    // The text, once the pipe is at its end.
+    // The text, once the pipe is at its end. Throws std::bad_alloc if there was no memory for all of it.
     std::wstring wait()
     {
         WaitForSingleObject(thread_.get(), INFINITE);
+        if (out_of_memory_) {
+            throw std::bad_alloc{};
+        }
         return std::move(text_);
     }
 
@@ -54,7 +60,8 @@ private:
         return 0;
     }
 
-    void read_all()
+    // Reads on without memory for the text, since the child waits for room in the pipe.
+    void read_all() noexcept
     {
         std::array<char, 4095> bytes{};
         std::array<wchar_t, 4095> characters{}; // there are never more of them than bytes
@@ -67,12 +74,22 @@ private:
                 static_cast<int>(size),
                 characters.data(),
                 static_cast<int>(characters.size()));
-            text_.append(characters.data(), static_cast<std::size_t>(length));
+            keep({characters.data(), static_cast<std::size_t>(length)});
+        }
+    }
+
+    void keep(std::wstring_view piece) noexcept
+    {
+        try {
+            text_.append(piece);
+        } catch (const std::exception&) { // no exception may leave the thread
+            out_of_memory_ = true;
         }
     }
 
     kernel_handle pipe_;
     std::wstring text_;
+    bool out_of_memory_ = false;
     kernel_handle thread_; // last, so that it finds the others there
 };
 

@@ -5,6 +5,7 @@
 #include "custom_actions/common/scoped_handle.h"
 #include "custom_actions/common/system_directory.h"
 #include "custom_actions/common/windows_error.h"
+#include "custom_actions/processes/thread_identity.h"
 #include "custom_actions/processes/user_process.h"
 
 #include <wincrypt.h>
@@ -12,9 +13,12 @@
 #include <array>
 #include <optional>
 #include <stdexcept>
+#include <utility>
 
 namespace custom_actions {
 namespace {
+
+constexpr const char* RESULT_FAILURE = "Cannot read user operation result";
 
 // What the script prints goes to the log, and so does the error that ends it, behind what was printed before.
 std::wstring logged_script(std::wstring_view script, const std::wstring& log)
@@ -48,13 +52,18 @@ std::wstring base64_of_utf16(std::wstring_view text, const char* failure)
     return encoded;
 }
 
-kernel_handle start_script(const controlled_upgrade::context& context, const std::wstring& script)
+struct running_script {
+    kernel_handle user;
+    kernel_handle process;
+};
+
+running_script start_script(const controlled_upgrade::context& context, const std::wstring& script)
 {
     const std::wstring arguments = powershell_arguments(script, "Cannot encode user operation");
     const std::wstring directory = system_directory("Cannot resolve system directory");
     const std::wstring program = powershell_program(directory);
-    const kernel_handle user = controlled_upgrade::interactive_user_token(context);
-    return start_as_user(
+    kernel_handle user = controlled_upgrade::interactive_user_token(context);
+    kernel_handle process = start_as_user(
         user.get(),
         {.path = program,
          .command_line = L'"' + program + L"\" " + arguments,
@@ -62,11 +71,17 @@ kernel_handle start_script(const controlled_upgrade::context& context, const std
          .creation_flags = CREATE_NO_WINDOW,
          .environment_failure = "Cannot create user environment",
          .start_failure = "Cannot launch package operation as original user"});
+    return {.user = std::move(user), .process = std::move(process)};
 }
 
-// The whole file; nothing where it cannot be opened or read to its end.
-std::optional<std::string> read_file(const std::wstring& path)
+// A log as the user could have replaced it: nothing unless it is a file on a disk of at most 16 MiB that can
+// be read to its end. It is opened under the user's own identity, so that a link to elsewhere, or a pipe that
+// asks who is there, gets no more than the user's rights.
+std::optional<std::string> read_log(HANDLE user, const std::wstring& path)
 {
+    constexpr std::size_t longest = 16 * 1024 * 1024;
+    thread_identity identity{RESULT_FAILURE};
+    identity.impersonate(user, RESULT_FAILURE);
     const kernel_handle file{CreateFileW(
         path.c_str(),
         GENERIC_READ,
@@ -75,13 +90,14 @@ std::optional<std::string> read_file(const std::wstring& path)
         OPEN_EXISTING,
         FILE_ATTRIBUTE_NORMAL,
         nullptr)};
-    if (!file) {
+    if (!file || GetFileType(file.get()) != FILE_TYPE_DISK) {
         return std::nullopt;
     }
     std::string content;
     std::array<char, 4096> chunk{};
     DWORD read = 0;
-    while (ReadFile(file.get(), chunk.data(), static_cast<DWORD>(chunk.size()), &read, nullptr)) {
+    while (content.size() <= longest &&
+           ReadFile(file.get(), chunk.data(), static_cast<DWORD>(chunk.size()), &read, nullptr)) {
         if (read == 0) {
             return content;
         }
@@ -120,7 +136,7 @@ std::string run_powershell(
     DWORD timeout_ms)
 {
     const std::wstring log = join_path(context.workspace, L"output\\" + operation + L".log");
-    const kernel_handle process = start_script(context, logged_script(script, log));
+    const auto [user, process] = start_script(context, logged_script(script, log));
     upgrade_log(session, L"Starting " + operation + L" for " + context.user_sid);
 
     const ULONGLONG start = GetTickCount64();
@@ -135,9 +151,9 @@ std::string run_powershell(
     }
     DWORD exit_code = 0;
     if (!GetExitCodeProcess(process.get(), &exit_code)) {
-        throw_last_error("Cannot read user operation result");
+        throw_last_error(RESULT_FAILURE);
     }
-    std::optional<std::string> output = read_file(log);
+    std::optional<std::string> output = read_log(user.get(), log);
     upgrade_log(
         session,
         operation + L" finished in " + std::to_wstring(GetTickCount64() - start) + L" ms, exit " +

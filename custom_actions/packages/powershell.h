@@ -31,8 +31,8 @@ std::wstring powershell_arguments(std::wstring_view script, const char* failure)
 // Throws windows_error "Cannot encode user operation", "Cannot create user environment", "Cannot launch
 // package operation as original user" or "Cannot read user operation result", std::runtime_error "Cannot
 // resolve system directory", "User operation timed out; see retained upgrade recovery logs" or "User
-// operation failed; see retained upgrade recovery logs" (an exit code other than 0, or no log), and what
-// interactive_user_token throws.
+// operation failed; see retained upgrade recovery logs" (an exit code other than 0, or a log that is no file
+// on a disk of at most 16 MiB), and what interactive_user_token throws.
 std::string run_powershell(
     MSIHANDLE session,
     const controlled_upgrade::context& context,

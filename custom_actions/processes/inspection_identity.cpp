@@ -5,7 +5,6 @@
 
 #include <wtsapi32.h>
 
-#include <cstdlib>
 #include <stdexcept>
 #include <string>
 
@@ -85,38 +84,15 @@ DWORD owner_session(DWORD asked, DWORD session, DWORD fallback) noexcept
 
 host_owner_impersonation::host_owner_impersonation(DWORD process, DWORD fallback_session)
 {
-    if (!OpenThreadToken(GetCurrentThread(), TOKEN_IMPERSONATE | TOKEN_QUERY, TRUE, saved_token_.put()) &&
-        GetLastError() != ERROR_NO_TOKEN) {
-        throw_last_error("Cannot preserve inspection identity");
-    }
     const DWORD session = find_owner_session(process, fallback_session);
     if (session == 0) {
         throw std::runtime_error{about("Cannot resolve interactive owner of host PID ", process)};
     }
     const kernel_handle user = full_user_token(session, process);
-    if (!ImpersonateLoggedOnUser(user.get())) {
-        throw_last_error("Cannot inspect as host owner");
-    }
-    impersonating_ = true;
+    identity_.impersonate(user.get(), "Cannot inspect as host owner");
     if (!ProcessIdToSessionId(process, &session_) || session_ != session) {
-        restore_identity();
         throw std::runtime_error{about("Cannot verify interactive owner of host PID ", process)};
     }
-}
-
-host_owner_impersonation::~host_owner_impersonation()
-{
-    restore_identity();
-}
-
-void host_owner_impersonation::restore_identity() noexcept
-{
-    if (impersonating_ && !SetThreadToken(nullptr, saved_token_.get())) {
-        // Nothing may go on under an identity that is not its own.
-        TerminateProcess(GetCurrentProcess(), GetLastError());
-        std::abort();
-    }
-    impersonating_ = false;
 }
 
 kernel_handle open_process_as_host_owner(DWORD access, DWORD process, DWORD fallback_session)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "custom_actions/common/scoped_handle.h"
+#include "custom_actions/processes/thread_identity.h"
 
 #include <windows.h>
 
@@ -36,19 +37,12 @@ public:
     // session 0, or one that has gone) or "Cannot verify interactive owner of host PID <id>". The thread's
     // identity is then as it was.
     host_owner_impersonation(DWORD process, DWORD fallback_session);
-    ~host_owner_impersonation();
-
-    host_owner_impersonation(const host_owner_impersonation&) = delete;
-    host_owner_impersonation& operator=(const host_owner_impersonation&) = delete;
 
     // The session that the process runs in.
     [[nodiscard]] DWORD session() const noexcept { return session_; }
 
 private:
-    void restore_identity() noexcept;
-
-    kernel_handle saved_token_;
-    bool impersonating_ = false;
+    thread_identity identity_{"Cannot preserve inspection identity"};
     DWORD session_ = 0; // as read back under the user's identity
 };
 

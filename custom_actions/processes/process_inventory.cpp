@@ -21,11 +21,12 @@ constexpr wchar_t fold(wchar_t unit) noexcept
     throw windows_error{message + std::to_string(process), code};
 }
 
-// The modules of a process. The system answers ERROR_BAD_LENGTH while the process is still loading them.
+// The modules of a process, 64-bit or 32-bit. The system answers ERROR_BAD_LENGTH while the process is still
+// loading them.
 kernel_handle module_snapshot(DWORD process)
 {
     for (int attempt = 1;; ++attempt) {
-        kernel_handle snapshot{CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, process)};
+        kernel_handle snapshot{CreateToolhelp32Snapshot(TH32CS_SNAPMODULE | TH32CS_SNAPMODULE32, process)};
         if (snapshot || GetLastError() != ERROR_BAD_LENGTH || attempt == 3) {
             return snapshot;
         }

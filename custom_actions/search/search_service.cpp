@@ -12,6 +12,7 @@ namespace {
 
 constexpr ULONGLONG TRANSITION_LIMIT_MS = 60'000;
 constexpr DWORD POLL_MS = 250;
+constexpr const char* START_TYPE_FAILURE = "Cannot change Windows Search startup type";
 
 SERVICE_STATUS_PROCESS query_status(SC_HANDLE service)
 {
@@ -66,6 +67,18 @@ service_handle open_search_service(DWORD access)
         throw_last_error("Cannot open Windows Search");
     }
     return service;
+}
+
+service_handle require_search_service(DWORD access, const char* failure)
+{
+    try {
+        if (service_handle service = open_search_service(access)) {
+            return service;
+        }
+    } catch (const windows_error& error) {
+        throw windows_error{failure, error.code()};
+    }
+    throw windows_error{failure, ERROR_SERVICE_DOES_NOT_EXIST};
 }
 
 DWORD query_search_state(SC_HANDLE service)
@@ -137,17 +150,12 @@ std::optional<DWORD> read_search_start_type()
     return configuration->dwStartType;
 }
 
-void set_search_start_type(DWORD type)
+service_handle set_search_start_type(DWORD type)
 {
     require_start_type(type);
-    set_search_start_type(open_search_service(SERVICE_CHANGE_CONFIG).get(), type);
-}
-
-void set_search_start_type(SC_HANDLE service, DWORD type)
-{
-    require_start_type(type);
+    service_handle service = require_search_service(SERVICE_CHANGE_CONFIG, START_TYPE_FAILURE);
     if (!ChangeServiceConfigW(
-            service,
+            service.get(),
             SERVICE_NO_CHANGE,
             type,
             SERVICE_NO_CHANGE,
@@ -158,8 +166,9 @@ void set_search_start_type(SC_HANDLE service, DWORD type)
             nullptr,
             nullptr,
             nullptr)) {
-        throw_last_error("Cannot change Windows Search startup type");
+        throw_last_error(START_TYPE_FAILURE);
     }
+    return service;
 }
 
 void stop_search_service()

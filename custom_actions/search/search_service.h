@@ -24,6 +24,9 @@ using service_handle = scoped_handle<service_traits>;
 // manager" or "Cannot open Windows Search", and so does every function below that opens it itself.
 service_handle open_search_service(DWORD access);
 
+// Opens the service. Throws windows_error `failure` if it cannot be opened or is not installed.
+service_handle require_search_service(DWORD access, const char* failure);
+
 // The service's current state. Throws windows_error "Cannot query Windows Search".
 DWORD query_search_state(SC_HANDLE service);
 
@@ -45,12 +48,10 @@ bool search_is_running();
 // configuration", and std::runtime_error "Unexpected Windows Search startup type".
 std::optional<DWORD> read_search_start_type();
 
-// Changes the start type and nothing else. Throws std::runtime_error "Invalid Windows Search startup type",
-// and windows_error "Cannot change Windows Search startup type", also where the service is not installed.
-void set_search_start_type(DWORD type);
-
-// The same through a handle of the caller's, which is empty where the service is not installed.
-void set_search_start_type(SC_HANDLE service, DWORD type);
+// Changes the start type and nothing else. Returns the service, open for changes of its configuration. Throws
+// std::runtime_error "Invalid Windows Search startup type", and windows_error "Cannot change Windows Search
+// startup type", also if the service cannot be opened or is not installed.
+service_handle set_search_start_type(DWORD type);
 
 // Stops the service and waits until it has stopped. Throws windows_error "Cannot query Windows Search" or
 // "Cannot stop Windows Search", std::runtime_error "Windows Search disappeared before stop", and what

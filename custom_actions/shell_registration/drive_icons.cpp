@@ -24,7 +24,7 @@ bool had_original_icon(const registry_key& key)
     registry_value value;
     DWORD had_original = 0;
     if (key.read(HAD_ORIGINAL_VALUE, sizeof had_original, value) == ERROR_SUCCESS &&
-        value.type == REG_DWORD && value.data.size() == sizeof had_original) {
+        value.data.size() == sizeof had_original) {
         std::memcpy(&had_original, value.data.data(), sizeof had_original);
     }
     return had_original == 1;

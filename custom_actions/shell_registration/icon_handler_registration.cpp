@@ -57,15 +57,6 @@ std::vector<std::wstring> value_names(const std::wstring& path)
     return names;
 }
 
-// Whether there is a backup that can be given back, or it cannot be told that there is none.
-bool may_have_backup(const registry_key& key, const wchar_t* name)
-{
-    registry_value backup;
-    const LSTATUS status = key.read_whole(name, 2048, backup);
-    return status == ERROR_SUCCESS ? !backup.wide_text().value_or(L"").empty()
-                                   : status != ERROR_FILE_NOT_FOUND;
-}
-
 void register_for_type(std::wstring type)
 {
     if (!type.starts_with(L'.')) {
@@ -91,10 +82,8 @@ void set_handler_with_backup(
         status != ERROR_SUCCESS) {
         throw windows_error{"Failed to create/open registry key", static_cast<DWORD>(status)};
     }
-    registry_value value;
-    key.read_whole(name, 2048, value);
-    const std::wstring current = value.wide_text().value_or(L"");
-    if (!current.empty() && current != data && !may_have_backup(key, backup_name)) {
+    const std::wstring current = key.whole_text(name, 2048);
+    if (!current.empty() && current != data && key.whole_text(backup_name, 2048).empty()) {
         key.write_text(backup_name, current);
     }
     key.write_text(name, data);

@@ -20,7 +20,7 @@ std::wstring below(const std::wstring& path, const std::wstring& name)
 enum class slot_state { left_alone, restored, to_be_deleted };
 
 // Looks into one slot, and gives back the handler that the suite's replaced. The backup goes only when its
-// content is back in its place, and a slot whose backup cannot be read stays with it.
+// content is back in its place.
 slot_state restore_slot(const std::wstring& path)
 {
     registry_key key;
@@ -33,11 +33,7 @@ slot_state restore_slot(const std::wstring& path)
         !handler || !equal_ignoring_case(*handler, ICON_HANDLER_CLSID)) {
         return slot_state::left_alone;
     }
-    if (const LSTATUS status = key.read_whole(ICON_HANDLER_BACKUP_VALUE, 2048, value);
-        status != ERROR_SUCCESS) {
-        return status == ERROR_FILE_NOT_FOUND ? slot_state::to_be_deleted : slot_state::left_alone;
-    }
-    const std::wstring backup = value.wide_text().value_or(L"");
+    const std::wstring backup = key.whole_text(ICON_HANDLER_BACKUP_VALUE, 2048);
     if (backup.empty()) {
         return slot_state::to_be_deleted;
     }
@@ -55,8 +51,7 @@ void delete_slot(const std::wstring& owner, const std::wstring& slot)
         key.delete_subkey(slot.c_str()) != ERROR_SUCCESS) {
         return;
     }
-    const auto content = key.count_content();
-    if (content && content->subkeys == 0 && key.open(HKEY_CURRENT_USER, owner, KEY_WRITE) == ERROR_SUCCESS) {
+    if (key.has_no_subkeys() && key.open(HKEY_CURRENT_USER, owner, KEY_WRITE) == ERROR_SUCCESS) {
         key.delete_subkey(L"ShellEx");
     }
 }

@@ -28,12 +28,8 @@ bool is_our_property_handler(std::string_view extension)
 std::string read_details_list(const registry_key& key, const char* name, DWORD limit)
 {
     registry_value list;
-    if (key.read(name, limit, list) != ERROR_SUCCESS || list.type != REG_SZ) {
-        return {};
-    }
-    std::string text = list.text();
-    const bool ends_there = list.data.find_first_not_of('\0', text.size()) == std::string::npos;
-    return ends_there ? text : std::string{};
+    key.read(name, limit, list);
+    return list.text();
 }
 
 void log_property_handler(const std::string& text)

@@ -20,9 +20,9 @@ namespace custom_actions {
 UINT register_property_handler(MSIHANDLE session);
 
 // Undoes that: every extension that carries the suite's handler gets its former one back, or loses the key,
-// and loses the detail lists that are still the suite's own. Returns ERROR_INSTALL_FAILURE where the
-// handlers' key is there and cannot be opened, or where an extension's key cannot be deleted, for which its
-// backup must be readable; everything else that fails is passed over. Throws std::bad_alloc alone.
+// and loses the detail lists that are still the suite's own. Returns ERROR_INSTALL_FAILURE if the handlers'
+// key is there and cannot be opened, or if an extension's key cannot be deleted; everything else that fails
+// is passed over. Throws std::bad_alloc alone.
 UINT remove_property_handler(MSIHANDLE session);
 
 // The paths of an extension's handler and of its detail lists, below HKEY_LOCAL_MACHINE.
@@ -33,10 +33,10 @@ std::string file_association_path(std::string_view extension);
 bool is_our_property_handler(std::string_view extension);
 
 // Puts the suite's handler in the place of another one, which is kept in "OriginalPropertyHandler" unless an
-// earlier backup is there. `view` is native_registry_view(). False, and a line on standard output, where the
-// key cannot be opened or the handler not written; false also where the other one or its backup cannot be
-// read. A backup that cannot be written holds nothing up.
-bool override_property_handler(std::string_view extension, REGSAM view);
+// earlier backup is there or that cannot be told. `view` is native_registry_view(). Writes a line on standard
+// output if the key cannot be opened or the handler not written. A backup that cannot be written holds
+// nothing up.
+void override_property_handler(std::string_view extension, REGSAM view);
 
 // Writes the three detail lists of `extension`; stops at the first that fails and returns false.
 bool write_details_lists(std::string_view extension);
@@ -47,8 +47,7 @@ bool delete_value_if_matches(const registry_key& key, const char* name, std::str
 // Whether these bytes are a handler at all: more than a terminating zero.
 bool is_handler(const std::string& bytes) noexcept;
 
-// A detail list as text; empty where it is not there, cannot be read into `limit` bytes or is no such list (a
-// value of another type, or with more behind its first zero): what is not understood is not rewritten.
+// A detail list as text, whatever its type; empty if it is not there or cannot be read into `limit` bytes.
 std::string read_details_list(const registry_key& key, const char* name, DWORD limit);
 
 // Writes "[propertyhandler] <text>" as a line on standard output.

@@ -19,20 +19,13 @@ bool process_is_elevated() noexcept
            elevation.TokenIsElevated != 0;
 }
 
-enum class found_handler { none, some, unreadable };
-
-found_handler look_for_handler(std::string_view extension)
+// Whether there is a handler, anybody's, that can be read.
+bool has_property_handler(std::string_view extension)
 {
     registry_key key;
     registry_value handler;
-    LSTATUS status = key.open(HKEY_LOCAL_MACHINE, property_handler_path(extension), KEY_READ);
-    if (status == ERROR_SUCCESS) {
-        status = key.read_whole("", 1024, handler);
-    }
-    if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
-        return found_handler::unreadable;
-    }
-    return is_handler(handler.data) ? found_handler::some : found_handler::none;
+    return key.open(HKEY_LOCAL_MACHINE, property_handler_path(extension), KEY_READ) == ERROR_SUCCESS &&
+           key.read_whole("", 1024, handler) == ERROR_SUCCESS && is_handler(handler.data);
 }
 
 bool install_property_handler(std::string_view extension, REGSAM view)
@@ -59,11 +52,9 @@ void replace_foreign_handler(std::string_view extension, REGSAM view, std::vecto
     }
 }
 
-// What cannot be read may be somebody else's, and stays.
-void install_first_handler(
-    std::string_view extension, found_handler found, REGSAM view, std::vector<std::string>& failures)
+void install_first_handler(std::string_view extension, REGSAM view, std::vector<std::string>& failures)
 {
-    if (found == found_handler::none && install_property_handler(extension, view)) {
+    if (install_property_handler(extension, view)) {
         write_details_lists(extension);
     } else {
         failures.push_back(std::string{extension} + " (fresh install)");
@@ -78,8 +69,8 @@ std::vector<std::string> register_handlers(REGSAM view)
         FORCE_OVERRIDE_EXTENSIONS.begin(), FORCE_OVERRIDE_EXTENSIONS.end()};
     std::vector<std::string> failures;
     for (const std::string_view extension : PROPERTY_HANDLER_EXTENSIONS) {
-        if (const found_handler found = look_for_handler(extension); found != found_handler::some) {
-            install_first_handler(extension, found, view, failures);
+        if (!has_property_handler(extension)) {
+            install_first_handler(extension, view, failures);
         } else if (overridden.contains(extension) && !is_our_property_handler(extension)) {
             replace_foreign_handler(extension, view, failures);
         }
@@ -145,7 +136,7 @@ void extend_details_lists(REGSAM view)
 
 } // namespace
 
-bool override_property_handler(std::string_view extension, REGSAM view)
+void override_property_handler(std::string_view extension, REGSAM view)
 {
     const std::string path = property_handler_path(extension);
     registry_key key;
@@ -154,26 +145,19 @@ bool override_property_handler(std::string_view extension, REGSAM view)
         log_property_handler(
             "FAILED to open '" + path + "' for write: error " + std::to_string(status) +
             (status == ERROR_ACCESS_DENIED ? " (ACCESS_DENIED - process is not elevated)" : ""));
-        return false;
+        return;
     }
     registry_value current;
-    const LSTATUS read = key.read_whole("", 1024, current);
-    const LSTATUS backup = key.find_value(ORIGINAL_HANDLER_VALUE);
-    for (const LSTATUS looked : {read, backup}) {
-        if (looked != ERROR_SUCCESS && looked != ERROR_FILE_NOT_FOUND) {
-            return false; // what is there might get lost
-        }
-    }
-    if (is_handler(current.data) && backup == ERROR_FILE_NOT_FOUND) {
+    key.read_whole("", 1024, current);
+    if (!current.text().empty() && key.find_value(ORIGINAL_HANDLER_VALUE) == ERROR_FILE_NOT_FOUND) {
         key.write_raw_text(ORIGINAL_HANDLER_VALUE, current.data);
     }
-    const LSTATUS status = key.write_text("", std::string{PROPERTY_HANDLER_CLSID});
-    if (status != ERROR_SUCCESS) {
+    if (const LSTATUS status = key.write_text("", std::string{PROPERTY_HANDLER_CLSID});
+        status != ERROR_SUCCESS) {
         log_property_handler(
             "FAILED to write default CLSID for '" + std::string{extension} + "': error " +
             std::to_string(status));
     }
-    return status == ERROR_SUCCESS;
 }
 
 bool write_details_lists(std::string_view extension)

@@ -40,28 +40,20 @@ void change_details_list(const std::string& extension, const char* name, DWORD l
     }
 }
 
-enum class former_handler { none, restored, unreadable };
-
-// Gives the extension the handler back that it had before. The backup goes only when its content is back in
-// its place.
-former_handler restore_foreign_handler(const std::string& extension)
+// Gives the extension the handler back that it had before; false if none is kept that can be read. The backup
+// goes only when its content is back in its place.
+bool restore_foreign_handler(const std::string& extension)
 {
     registry_key key;
-    if (key.open(HKEY_LOCAL_MACHINE, property_handler_path(extension), KEY_READ_WRITE) != ERROR_SUCCESS) {
-        return former_handler::none;
-    }
     registry_value original;
-    if (const LSTATUS status = key.read_whole(ORIGINAL_HANDLER_VALUE, 1024, original);
-        status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
-        return former_handler::unreadable;
-    }
-    if (!is_handler(original.data)) {
-        return former_handler::none;
+    if (key.open(HKEY_LOCAL_MACHINE, property_handler_path(extension), KEY_READ_WRITE) != ERROR_SUCCESS ||
+        key.read_whole(ORIGINAL_HANDLER_VALUE, 1024, original) != ERROR_SUCCESS || original.text().empty()) {
+        return false;
     }
     if (key.write_raw_text("", original.data) == ERROR_SUCCESS) {
         key.delete_value(ORIGINAL_HANDLER_VALUE);
     }
-    return former_handler::restored;
+    return true;
 }
 
 void remove_details_lists(const std::string& extension)
@@ -87,14 +79,13 @@ void remove_details_lists(const std::string& extension)
             write_console_line("  - Removed matching " + std::string{value} + ".");
         }
     }
-    const auto content = key.count_content();
-    if (content && content->subkeys == 0 && content->values == 0) {
+    if (key.is_empty()) {
         key.close();
         RegDeleteKeyA(HKEY_LOCAL_MACHINE, path.c_str());
     }
 }
 
-// Whether the extension's handler is gone. A key with a backup that cannot be read stays.
+// Whether the extension's handler is gone.
 bool remove_extension(const registry_key& handlers, const std::string& extension)
 {
     change_details_list(extension, "InfoTip", 2048, without_infotip_extra);
@@ -103,8 +94,8 @@ bool remove_extension(const registry_key& handlers, const std::string& extension
             return without_full_details_extra(list, property);
         });
     }
-    if (const former_handler former = restore_foreign_handler(extension); former != former_handler::none) {
-        return former == former_handler::restored;
+    if (restore_foreign_handler(extension)) {
+        return true;
     }
     const bool deleted = handlers.delete_subkey(extension) == ERROR_SUCCESS;
     remove_details_lists(extension);

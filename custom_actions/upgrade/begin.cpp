@@ -57,16 +57,17 @@ void record_helper(const context& context)
 
 bool search_starts_delayed()
 {
-    const service_handle service = open_search_service(SERVICE_QUERY_CONFIG);
+    constexpr const char* failure = "Cannot read Windows Search delayed start";
+    const service_handle service = require_search_service(SERVICE_QUERY_CONFIG, failure);
     SERVICE_DELAYED_AUTO_START_INFO delayed{};
     DWORD size = 0;
-    if (!service || !QueryServiceConfig2W(
-                        service.get(),
-                        SERVICE_CONFIG_DELAYED_AUTO_START_INFO,
-                        reinterpret_cast<BYTE*>(&delayed),
-                        sizeof delayed,
-                        &size)) {
-        throw_last_error("Cannot read Windows Search delayed start");
+    if (!QueryServiceConfig2W(
+            service.get(),
+            SERVICE_CONFIG_DELAYED_AUTO_START_INFO,
+            reinterpret_cast<BYTE*>(&delayed),
+            sizeof delayed,
+            &size)) {
+        throw_last_error(failure);
     }
     return delayed.fDelayedAutostart != FALSE;
 }

@@ -116,6 +116,8 @@ void set_limits(ITaskDefinition* definition)
     require(
         settings.get()->put_ExecutionTimeLimit(make_com_string(L"PT30S").get()),
         "Cannot bound recovery launcher");
+    // The scheduler's default is below normal, and what the task starts would inherit that. 5 is normal.
+    settings.get()->put_Priority(5);
 }
 
 void set_action(ITaskDefinition* definition, const std::wstring& script)

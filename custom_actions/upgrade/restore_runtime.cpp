@@ -35,8 +35,7 @@ void restore_search_startup(MSIHANDLE session, const context& context)
     if (!type) {
         return;
     }
-    const service_handle service = open_search_service(SERVICE_CHANGE_CONFIG);
-    set_search_start_type(service.get(), *type);
+    const service_handle service = set_search_start_type(*type);
     if (*type == SERVICE_AUTO_START) {
         SERVICE_DELAYED_AUTO_START_INFO delayed{
             .fDelayedAutostart = has_marker(context, marker::SEARCH_DELAYED_START)};

@@ -31,18 +31,25 @@ bool process_has_gone(DWORD process) noexcept
                   : GetLastError() == ERROR_INVALID_PARAMETER;
 }
 
-// A host that goes meanwhile has nothing loaded.
-bool host_has_our_modules(DWORD process, const context& context)
+// Answers a question about a process. One that has gone meanwhile is not ours, whatever the question then
+// threw.
+template <class Question>
+bool holds_for(DWORD process, Question question)
 {
     try {
-        const host_owner_impersonation owner{process, context.session_id};
-        return process_has_module(process, our_shell_modules(), listing::strict);
+        return question();
     } catch (const std::exception&) {
         if (process_has_gone(process)) {
             return false;
         }
         throw;
     }
+}
+
+bool host_has_our_modules(DWORD process, const context& context)
+{
+    const host_owner_impersonation owner{process, context.session_id};
+    return process_has_module(process, our_shell_modules(), listing::strict);
 }
 
 // Nothing where the process has gone.
@@ -109,30 +116,33 @@ void close_or_end(const process_list& processes, DWORD polite_limit_ms, const co
 process_list upgrade_processes(const context& context)
 {
     process_list found = find_processes_by_image(upgrade_images(), listing::strict);
-    std::erase_if(found, [&](DWORD process) { return !image_in_product_directory(process, context); });
+    std::erase_if(found, [&](DWORD process) {
+        return !holds_for(process, [&] { return image_in_product_directory(process, context); });
+    });
 
     const debug_privilege_scope privilege;
     for (const DWORD process : find_processes_by_image(shell_host_images(), listing::strict)) {
-        if (host_has_our_modules(process, context)) {
+        if (holds_for(process, [&] { return host_has_our_modules(process, context); })) {
             found.push_back(process);
         }
     }
-    std::erase_if(found, [&](DWORD process) { return !runs_in_upgraded_session(process, context); });
+    std::erase_if(found, [&](DWORD process) {
+        return !holds_for(process, [&] { return runs_in_upgraded_session(process, context); });
+    });
     return found;
 }
 
 void stop(MSIHANDLE session, const context& context)
 {
     const auto log = [session](const std::wstring& line) { upgrade_log(session, line); };
-    process_list processes = upgrade_processes(context);
     for (const DWORD polite_limit_ms : {DWORD{5000}, DWORD{1000}}) {
+        const process_list processes = upgrade_processes(context);
         log_process_group(log, L"Upgrade processes", processes);
         if (processes.empty()) {
             return;
         }
         close_or_end(processes, polite_limit_ms, context);
-        processes = upgrade_processes(context);
-        if (processes.empty()) {
+        if (upgrade_processes(context).empty()) {
             return;
         }
     }

@@ -4,9 +4,92 @@
 #include "custom_actions/common/scoped_handle.h"
 #include "custom_actions/common/windows_error.h"
 
+#include <aclapi.h>
 #include <sddl.h>
 
 namespace custom_actions::controlled_upgrade {
+namespace {
+
+constexpr const char* READ_FAILURE = "Cannot read upgrade recovery state";
+constexpr const char* WRITE_FAILURE = "Cannot persist upgrade recovery state";
+
+bool is_not_found(DWORD code) noexcept
+{
+    return code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND;
+}
+
+BY_HANDLE_FILE_INFORMATION information_of(const kernel_handle& file, const char* failure)
+{
+    BY_HANDLE_FILE_INFORMATION information{};
+    if (!GetFileInformationByHandle(file.get(), &information)) {
+        throw_last_error(failure);
+    }
+    return information;
+}
+
+// Whether the owner is the system, the administrators, or the user of our own process: what we make belongs
+// to one of them.
+bool is_trusted_owner(PSID owner)
+{
+    if (IsWellKnownSid(owner, WinLocalSystemSid) || IsWellKnownSid(owner, WinBuiltinAdministratorsSid)) {
+        return true;
+    }
+
+    struct {
+        TOKEN_USER user;
+        BYTE sid[SECURITY_MAX_SID_SIZE];
+    } own{};
+
+    kernel_handle token;
+    DWORD size = 0;
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put()) ||
+        !GetTokenInformation(token.get(), TokenUser, &own, sizeof own, &size)) {
+        throw_last_error(READ_FAILURE);
+    }
+    return EqualSid(owner, own.user.User.Sid) != FALSE;
+}
+
+// Whether the workspace is there and is one that we made. The user can know its name, and anybody may make a
+// folder in the Windows directory's Temp.
+bool workspace_is_ours(const context& context)
+{
+    const kernel_handle folder{CreateFileW(
+        context.workspace.c_str(),
+        READ_CONTROL | FILE_READ_ATTRIBUTES,
+        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+        nullptr,
+        OPEN_EXISTING,
+        FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT,
+        nullptr)};
+    if (!folder) {
+        if (is_not_found(GetLastError())) {
+            return false;
+        }
+        throw_last_error(READ_FAILURE);
+    }
+    constexpr DWORD kinds = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
+    if ((information_of(folder, READ_FAILURE).dwFileAttributes & kinds) != FILE_ATTRIBUTE_DIRECTORY) {
+        return false;
+    }
+    PSID owner = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    if (const DWORD status = GetSecurityInfo(
+            folder.get(),
+            SE_FILE_OBJECT,
+            OWNER_SECURITY_INFORMATION,
+            &owner,
+            nullptr,
+            nullptr,
+            nullptr,
+            &descriptor);
+        status != ERROR_SUCCESS) {
+        throw windows_error{READ_FAILURE, status};
+    }
+    const local_memory holder{descriptor};
+    return is_trusted_owner(owner);
+}
+
+} // namespace
 
 void create_secure_directory(const std::wstring& path, const std::wstring& user_sid, user_access access)
 {
@@ -28,29 +111,42 @@ void create_secure_directory(const std::wstring& path, const std::wstring& user_
 
 void write_marker(const context& context, const std::wstring& name)
 {
+    if (!workspace_is_ours(context)) {
+        throw windows_error{WRITE_FAILURE, ERROR_PATH_NOT_FOUND};
+    }
+    // Opens a link itself and not what it leads to.
     kernel_handle file{CreateFileW(
         join_path(context.workspace, name).c_str(),
         GENERIC_WRITE,
         FILE_SHARE_READ,
         nullptr,
-        CREATE_ALWAYS,
-        FILE_ATTRIBUTE_NORMAL,
+        OPEN_ALWAYS,
+        FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT,
         nullptr)};
+    if (!file) {
+        throw_last_error(WRITE_FAILURE);
+    }
+    const BY_HANDLE_FILE_INFORMATION found = information_of(file, WRITE_FAILURE);
+    if ((found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 || found.nNumberOfLinks != 1) {
+        throw windows_error{WRITE_FAILURE, ERROR_FILE_EXISTS};
+    }
     DWORD written = 0;
-    if (!file || !WriteFile(file.get(), "1", 1, &written, nullptr) || written != 1 ||
+    if (!WriteFile(file.get(), "1", 1, &written, nullptr) || written != 1 || !SetEndOfFile(file.get()) ||
         !CloseHandle(file.release())) {
-        throw_last_error("Cannot persist upgrade recovery state");
+        throw_last_error(WRITE_FAILURE);
     }
 }
 
 bool has_marker(const context& context, const std::wstring& name)
 {
+    if (!workspace_is_ours(context)) {
+        return false;
+    }
     if (GetFileAttributesW(join_path(context.workspace, name).c_str()) != INVALID_FILE_ATTRIBUTES) {
         return true;
     }
-    const DWORD code = GetLastError();
-    if (code != ERROR_FILE_NOT_FOUND && code != ERROR_PATH_NOT_FOUND) {
-        throw windows_error{"Cannot read upgrade recovery state", code};
+    if (!is_not_found(GetLastError())) {
+        throw_last_error(READ_FAILURE);
     }
     return false;
 }
