@@ -105,16 +105,22 @@ struct stage {
         foreign.emplace_back(root, path);
     }
 
-    // Whose key has it neither in its place nor in a backup.
+    // Whose key has it neither in its place nor in a backup. None is lost unless a call about its very key
+    // has failed.
     [[nodiscard]] std::wstring lost() const
     {
         std::wstring paths;
+        const auto& failed = sweep.failed_keys();
         for (const auto& [root, path] : foreign) {
             const auto has_it = [&](const wchar_t* name) {
                 return planted_value(root, path, name) == registry_text(FOREIGN);
             };
             if (std::ranges::none_of(PLACES, has_it)) {
                 paths.append(L"(loses ").append(path).append(L")");
+                EXPECT_TRUE(std::ranges::any_of(
+                    failed, [&](const std::wstring& key) { return key.ends_with(L'\\' + path); }))
+                    << "through no fault of its own: " << testing::PrintToString(path)
+                    << testing::PrintToString(failed);
             }
         }
         return paths;

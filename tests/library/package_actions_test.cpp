@@ -61,6 +61,14 @@ TEST(PackageActions, run_a_hidden_command_with_good_data_alone_and_tell_what_it_
     const auto plexa = toy_powershell::packages_named(L"Quorbel.Plexa").at(0);
     EXPECT_EQ(plexa.identity.version, L"1.5.0.0");
     EXPECT_EQ(toy_powershell::state_key{LR"(Packages\)" + plexa.full_name}.text(L"ExternalLocation"), folder);
+    {
+        // A text too long for any memory: its reader must still read the pipe to its end.
+        const failing_import<"MultiByteToWideChar", decltype(MultiByteToWideChar)> endless{
+            library.module(), -1, {0, 1, 0}};
+        EXPECT_THAT(
+            run("install", folder + L"\\Quorbel.Plexa.Package.msix"),
+            testing::EndsWith(L"std::bad_alloc\n1603"));
+    }
     const std::wstring failure =
         L"PowerShell Error: Could not find file 'C:\\\u00DC\u20AC.msix'.\r\n (error)" + line +
         L"ran command - result exitCode: 1\n1603";
@@ -77,7 +85,7 @@ TEST(PackageActions, run_a_hidden_command_with_good_data_alone_and_tell_what_it_
         const std::wstring bad = std::wstring{L"Icon"} + unit;
         EXPECT_THAT(run("uninstall", bad), testing::EndsWith(L": MSIX fullpath: " + bad + L"\n87"));
     }
-    EXPECT_EQ(scene.powershell.scripts().size(), 2U) << "nothing was run";
+    EXPECT_EQ(scene.powershell.scripts().size(), 3U) << "nothing was run";
     EXPECT_THAT(run("uninstall", name), testing::EndsWith(L"\n0")) << "there is none of this name";
 }
 

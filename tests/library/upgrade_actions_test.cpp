@@ -104,6 +104,7 @@ TEST_F(UpgradeActions, close_programs_early_once_a_task_can_bring_them_back)
         {L"DisallowStartIfOnBatteries", L"0"},
         {L"StopIfGoingOnBatteries", L"0"},
         {L"ExecutionTimeLimit", L"PT30S"},
+        {L"Priority", L"5"},
         {L"RegisteredUser", upgrade.user_sid},
         {L"RegisteredLogonType", L"3"}};
     const std::wstring name = session.property(TASK_PROPERTY).value_or(L"");

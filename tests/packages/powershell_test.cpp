@@ -39,6 +39,12 @@ TEST(PowerShell, runs_a_script_as_the_user_and_ends_it_when_its_time_is_over)
             EXPECT_STREQ(startup->lpDesktop, LR"(winsta0\default)");
             return std::nullopt;
         }};
+    const test_support::intercepted_import<"CreateFileW", decltype(CreateFileW)> open{
+        module, [](LPCWSTR path, auto...) -> std::optional<HANDLE> {
+            const bool is_log = std::wstring_view{path}.ends_with(L".log");
+            EXPECT_EQ(test_support::thread_is_impersonating(), is_log) << "with whose rights it is opened";
+            return std::nullopt;
+        }};
     const test_support::played_clock clock{module};
     test_support::watched_session session{module};
     const test_support::upgrade_scene scene;
@@ -62,6 +68,13 @@ TEST(PowerShell, runs_a_script_as_the_user_and_ends_it_when_its_time_is_over)
     EXPECT_EQ(output.size(), 300'003U) << "all of it, with its byte-order mark";
     EXPECT_EQ(run(L"PrintOut", L"0 capture"), "");
     EXPECT_EQ(output, "\xEF\xBB\xBF") << "of this run alone";
+    EXPECT_EQ(run(L"PrintOut", L"16777213 capture"), "") << "16 MiB with the mark";
+    EXPECT_EQ(run(L"PrintOut", L"16777214 capture"), failed);
+    {
+        const test_support::failing_import<"GetFileType", decltype(GetFileType)> pipe{
+            module, FILE_TYPE_PIPE, {0, 1, 0}};
+        EXPECT_EQ(run(L"PrintOut", L"0 capture"), failed) << "what looks like a log and is none";
+    }
     EXPECT_EQ(run(L"Die", L"4294967295 capture"), failed);
     const DWORD elevation =
         toy_powershell::state_key{}.number(L"ElevationType").value_or(TokenElevationTypeFull);

@@ -35,6 +35,16 @@ TEST(StrictListing, tells_a_process_that_has_gone_from_one_that_cannot_be_read)
         "Unstable modules for PID " + std::to_string(GetCurrentProcessId()) + " (24)");
 }
 
+TEST(Modules, are_those_of_32_bit_programs_too)
+{
+    const test_support::intercepted_import<"CreateToolhelp32Snapshot", decltype(CreateToolhelp32Snapshot)>
+        snapshots{GetModuleHandleW(nullptr), [](DWORD what, DWORD) -> std::optional<HANDLE> {
+                      EXPECT_EQ(what, DWORD{TH32CS_SNAPMODULE | TH32CS_SNAPMODULE32});
+                      return std::nullopt;
+                  }};
+    EXPECT_TRUE(process_has_module(GetCurrentProcessId(), {L"kernel32.dll"}, listing::strict));
+}
+
 TEST(DebugPrivilege, is_put_back_and_not_required)
 {
     std::vector<DWORD> attributes;

@@ -88,8 +88,6 @@ TEST_F(PropertyHandler, comes_with_its_lists_and_leaves_what_others_and_the_user
     plant(handlers + L".xyz", L"", OURS_IN_OTHER_LETTERS);
     plant(TYPES + L".arw", L"InfoTip", list);
     plant(TYPES + L".arw", L"FullDetails", list);
-    plant(TYPES + L".heic", L"InfoTip", list + L'\0' + list); // not to be understood
-    plant(TYPES + L".heic", L"FullDetails", list, REG_MULTI_SZ);
     plant(TYPES + L".jpeg", L"FullDetails", L"prop:My.Own");
     plant(TYPES + L".mp3", L"Other", L"a value of somebody's");
     // What is left of the lists that the user edits below.
@@ -113,6 +111,28 @@ TEST_F(PropertyHandler, comes_with_its_lists_and_leaves_what_others_and_the_user
     plant(TYPES + L".webp", L"InfoTip", L"System.Calendar.Location");
     EXPECT_EQ(remove(), 0U);
     EXPECT_EQ(dump_registry(root), left);
+}
+
+TEST_F(PropertyHandler, takes_what_it_finds_for_text_and_loses_nothing_that_is_long)
+{
+    const std::wstring nul(1, L'\0');
+    const std::wstring longer(1'100'000, L'x');
+    plant(handlers + L".heic", L"", OURS);
+    plant(TYPES + L".heic", L"InfoTip", L"prop:A" + nul + L"B", REG_MULTI_SZ);
+    plant(handlers + L".webp", L"", nul + L"x"); // by its size a handler, and no text to be kept
+    plant(handlers + L".arw", L"", longer);
+    plant(handlers + L".tif", L"", FOREIGN);
+    plant_value(root, handlers + L".tif", L"OriginalPropertyHandler", {}, REG_NONE);
+    EXPECT_EQ(install(), 0U);
+    EXPECT_TRUE(has(TYPES + L".heic", L"InfoTip", L"prop:A;System.Calendar.Location"));
+    const std::wstring lists = TYPES + L".heic";
+    EXPECT_EQ(RegGetValueW(root, lists.c_str(), L"InfoTip", RRF_RT_REG_SZ, nullptr, nullptr, nullptr), 0);
+    EXPECT_TRUE(has(handlers + L".webp", L"", OURS));
+    EXPECT_EQ(planted_value(root, handlers + L".webp", L"OriginalPropertyHandler"), std::nullopt);
+    EXPECT_EQ(planted_value(root, handlers + L".tif", L"OriginalPropertyHandler"), "") << "the earlier one";
+    EXPECT_EQ(remove(), 0U);
+    EXPECT_TRUE(has(handlers + L".arw", L"", longer));
+    EXPECT_EQ(planted_value(root, handlers + L".tif", L""), std::nullopt) << "no backup that can be read";
 }
 
 TEST_F(PropertyHandler, goes_on_where_a_key_resists)
@@ -182,6 +202,7 @@ TEST_F(IconHandler, serves_its_types_and_their_progids_and_leaves_the_hive_as_it
     plant(slots[0], L"", FOREIGN);
     plant(slots[1], L"", ours_in_other_letters);
     plant(slots[2], L"", std::wstring(5000, L'x'));
+    plant(slots[3], L"", FOREIGN);
     const std::wstring longest = CLASSES + std::wstring(255, L'n');
     plant(longest, L"Other", L"somebody's");
     plant(CLASSES + LR"(shared\ShellEx\Other)", L"", FOREIGN);
@@ -190,6 +211,8 @@ TEST_F(IconHandler, serves_its_types_and_their_progids_and_leaves_the_hive_as_it
     plant(TYPES + L".ini", mark, ZERO, REG_DWORD);
     plant(TYPES + L".png" + thumbnail_slot, L"", FOREIGN);
     const auto before = dump_registry(root);
+    const wchar_t* const backup = L"sorvane_original_icon_handler";
+    plant(slots[3], backup, L"no text, and so no backup", REG_BINARY);
 
     custom_actions::register_icon_handler(session.handle());
     plant(slots[0], L"", L"a newer one, which is not kept");
@@ -200,9 +223,10 @@ TEST_F(IconHandler, serves_its_types_and_their_progids_and_leaves_the_hive_as_it
     }
     plant(longest + icon_slot, L"", ours_in_other_letters);
     plant(longest + thumbnail_slot, L"", ours);
+    plant(longest + thumbnail_slot, backup, L"no text", REG_BINARY);
     plant(CLASSES + L"shared" + icon_slot, L"", ours);
     plant(TYPES + L".png" + thumbnail_slot, L"", ours);
-    plant(TYPES + L".png" + thumbnail_slot, L"sorvane_original_icon_handler", FOREIGN);
+    plant(TYPES + L".png" + thumbnail_slot, backup, FOREIGN);
     plant(TYPES + L".png", L"Treatment", L"ours");
     plant(TYPES + L".png", mark, ONE, REG_DWORD);
     EXPECT_EQ(remove(), 0U);
@@ -218,7 +242,7 @@ TEST_F(IconHandler, gives_back_the_icons_of_drives_and_the_new_menu)
     const auto apply = [&](wchar_t letter, const wchar_t* icon, const std::wstring& had_original) {
         plant(drive(letter), L"", icon);
         plant(drive(letter), L"sorvane_drive_icon_applied", L"ours.ico");
-        plant(drive(letter), L"sorvane_drive_icon_had_original", had_original, REG_DWORD);
+        plant(drive(letter), L"sorvane_drive_icon_had_original", had_original, REG_BINARY); // of any type
     };
     const std::wstring new_menu = CLASSES + LR"(Directory\Background\ShellEx\ContextMenuHandlers\New)";
     plant(drive(L'A'), L"", L"before.ico");

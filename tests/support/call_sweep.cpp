@@ -1,5 +1,6 @@
 #include "tests/support/call_sweep.h"
 
+#include "custom_actions/common/text.h"
 #include "support/import_patch.h"
 #include "support/pe_image.h"
 
@@ -24,13 +25,13 @@ bool is_left_alone(std::string_view name)
 {
     return begins_with_one(
         name,
-        {"AddVec",     "Compare",    "CoUninit",    "CreateEvent", "CreateSem",  "CryptAcq",   "CryptGen",
-         "CryptRel",   "DeleteCrit", "DestroyEnv",  "Duplicate",   "EnterCrit",  "GetCurrent", "GetHandle",
-         "GetLast",    "GetModule",  "GetProcAddr", "GetProcessA", "GetSystemT", "GetThread",  "GetTick",
-         "Initialize", "IsD",        "LeaveCrit",   "LoadLib",     "LocalFree",  "OutputDeb",  "RaiseExc",
-         "ReleaseSem", "RemoveVec",  "ResetEvent",  "ResumeThr",   "Rtl",        "SetEvent",   "SetLast",
-         "SetProcess", "SetThread",  "SHChange",    "Sleep",       "Suspend",    "SysFree",    "Tls",
-         "TryEnter",   "Virtual",    "WaitForMul",  "WideChar",    "__C_spec"});
+        {"AddVec",    "Compare",    "CoUninit",   "CreateEvent", "CreateSem",   "CryptAcq",   "CryptGen",
+         "CryptRel",  "DeleteCrit", "DestroyEnv", "Duplicate",   "EnterCrit",   "EqualSid",   "GetCurrent",
+         "GetHandle", "GetLast",    "GetModule",  "GetProcAddr", "GetProcessA", "GetSystemT", "GetThread",
+         "GetTick",   "Initialize", "IsD",        "IsWellKnown", "LeaveCrit",   "LoadLib",    "LocalFree",
+         "OutputDeb", "RaiseExc",   "ReleaseSem", "RemoveVec",   "ResetEvent",  "ResumeThr",  "Rtl",
+         "SetEvent",  "SetLast",    "SetProcess", "SetThread",   "SHChange",    "Sleep",      "Suspend",
+         "SysFree",   "Tls",        "TryEnter",   "Virtual",     "WaitForMul",  "WideChar",   "__C_spec"});
 }
 
 // What a function returns when it fails. One that nothing is said of returns FALSE, no handle or no
@@ -43,8 +44,8 @@ ULONG_PTR failure_of(std::string_view name)
             name, {"CreateFile", "CreateTool", "GetFileAttr", "MsiGetComp", "MsiProcess", "WaitForSing"})) {
         return ~ULONG_PTR{0};
     }
-    // An LSTATUS or an installer code; an HRESULT.
-    if (begins_with_one(name, {"MsiClose", "MsiGet", "MsiRecord", "MsiSet", "Reg"})) {
+    // A status or an installer code; an HRESULT.
+    if (begins_with_one(name, {"GetSecurityI", "MsiClose", "MsiGet", "MsiRecord", "MsiSet", "Reg"})) {
         return ERROR_ACCESS_DENIED;
     }
     return begins_with_one(name, {"AssocQuery", "CoCreate", "CoInitialize"}) ? 0x80070005 : 0;
@@ -56,6 +57,34 @@ using word = ULONG_PTR;
 using any_function = word WINAPI(word, word, word, word, word, word, word, word, word, word, word, word);
 
 constexpr std::size_t MOST_FUNCTIONS = 160;
+
+// The path of the key that a call to the registry is about, or is to be opened:
+// "...\\Software\\Classes\\.ini".
+std::wstring key_of(std::string_view call, word key, word subkey)
+{
+    using query_key = LONG WINAPI(word, int, void*, ULONG, ULONG*);
+
+    struct {
+        ULONG size;
+        wchar_t text[1024];
+    } name{};
+
+    ULONG size = 0;
+    constexpr int name_information = 3;
+    auto* const ntdll = GetModuleHandleW(L"ntdll.dll");
+    const auto query =
+        reinterpret_cast<query_key*>(reinterpret_cast<void*>(GetProcAddress(ntdll, "NtQueryKey")));
+    query(key, name_information, &name, sizeof name - sizeof(wchar_t), &size);
+    std::wstring path = name.text;
+    if (call.starts_with("RegOpen") || call.starts_with("RegCreate")) {
+        // NOLINTBEGIN(performance-no-int-to-ptr): what comes in a register
+        path += L'\\';
+        path += call.ends_with('A') ? custom_actions::widen(reinterpret_cast<const char*>(subkey))
+                                    : reinterpret_cast<const wchar_t*>(subkey);
+        // NOLINTEND(performance-no-int-to-ptr)
+    }
+    return path;
+}
 
 } // namespace
 
@@ -70,8 +99,12 @@ template <std::size_t Index, class... Words>
 word WINAPI call_sweep::stub(Words... words)
 {
     const auto& [name, patch] = active_->functions_[Index];
-    if (!active_->fails(name, std::get<0>(std::tuple{words...}))) {
+    const std::tuple arguments{words...};
+    if (!active_->fails(name, std::get<0>(arguments))) {
         return patch->original()(words...);
+    }
+    if (name.starts_with("Reg")) {
+        active_->failed_keys_.push_back(key_of(name, std::get<0>(arguments), std::get<1>(arguments)));
     }
     if (name.find("Close") != std::string::npos) {
         patch->original()(words...);
@@ -103,6 +136,7 @@ void call_sweep::plan(std::size_t nth, fault what)
 {
     calls_.clear();
     failed_ = 0;
+    failed_keys_.clear();
     nth_ = nth;
     planned_ = what;
 }

@@ -41,6 +41,9 @@ public:
     // How many of them have failed.
     [[nodiscard]] std::size_t failed() const noexcept { return failed_; }
 
+    // The keys that its failed calls to the registry were about, by their paths.
+    [[nodiscard]] const std::vector<std::wstring>& failed_keys() const noexcept { return failed_keys_; }
+
 private:
     struct function;
 
@@ -55,6 +58,7 @@ private:
     std::mutex counting_;
     std::vector<std::string> calls_;
     std::size_t failed_ = 0;
+    std::vector<std::wstring> failed_keys_;
     std::size_t nth_ = 0;
     fault planned_ = fault::passing;
 };

@@ -16,6 +16,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <psapi.h>
 #include <sddl.h>
 
 #include <deque>
@@ -138,6 +139,21 @@ TEST_F(UpgradePhases, refuse_what_comes_again_and_do_not_mind_what_goes)
     const toy_process host{
         L"dllhost.exe", L"--load=" + test_support::toy_library(L"Sorvane.Tag.ShellExtension.dll")};
     EXPECT_EQ(THROWN_WITH(calling(stop), OpenProcess, nullptr, {ERROR_INVALID_PARAMETER, 1, 0}), "");
+}
+
+TEST_F(UpgradePhases, do_not_mind_a_program_that_ends_while_it_is_looked_at)
+{
+    const toy_process program{scene->program(L"Quorbel.exe")};
+    const test_support::intercepted_import<"QueryFullProcessImageNameW", decltype(QueryFullProcessImageNameW)>
+        look{this_module, [&](auto...) {
+                 test_support::end_programs(L"Quorbel.exe");
+                 SetLastError(ERROR_GEN_FAILURE);
+                 return std::optional{FALSE};
+             }};
+    const test_support::failing_import<"K32EnumProcessModulesEx", decltype(K32EnumProcessModulesEx)>
+        no_modules{this_module, FALSE, {ERROR_GEN_FAILURE}};
+    EXPECT_EQ(thrown_by(calling(stop)), "");
+    EXPECT_EQ(no_modules.calls(), 1U);
 }
 
 TEST_F(UpgradePhases, undo_what_was_done_and_no_more)

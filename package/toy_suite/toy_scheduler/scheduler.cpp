@@ -154,6 +154,7 @@ table_of<ITaskSettings>& settings_methods()
         table.put_DisallowStartIfOnBatteries = put<L"ITaskSettings::put_DisallowStartIfOnBatteries">;
         table.put_StopIfGoingOnBatteries = put<L"ITaskSettings::put_StopIfGoingOnBatteries">;
         table.put_ExecutionTimeLimit = put<L"ITaskSettings::put_ExecutionTimeLimit">;
+        table.put_Priority = put<L"ITaskSettings::put_Priority">;
         return completed<L"ITaskSettings", ITaskSettings>(table);
     }();
     return methods;
