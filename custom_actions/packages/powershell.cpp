@@ -79,7 +79,7 @@ running_script start_script(const controlled_upgrade::context& context, const st
 // asks who is there, gets no more than the user's rights.
 std::optional<std::string> read_log(HANDLE user, const std::wstring& path)
 {
-    constexpr std::size_t longest = 16 * 1024 * 1024;
+    constexpr std::size_t longest = std::size_t{16} * 1024 * 1024;
     thread_identity identity{RESULT_FAILURE};
     identity.impersonate(user, RESULT_FAILURE);
     const kernel_handle file{CreateFileW(

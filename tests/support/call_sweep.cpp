@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <memory>
 #include <tuple>
 #include <utility>
@@ -72,8 +73,7 @@ std::wstring key_of(std::string_view call, word key, word subkey)
     ULONG size = 0;
     constexpr int name_information = 3;
     auto* const ntdll = GetModuleHandleW(L"ntdll.dll");
-    const auto query =
-        reinterpret_cast<query_key*>(reinterpret_cast<void*>(GetProcAddress(ntdll, "NtQueryKey")));
+    auto* const query = std::bit_cast<query_key*>(GetProcAddress(ntdll, "NtQueryKey"));
     query(key, name_information, &name, sizeof name - sizeof(wchar_t), &size);
     std::wstring path = name.text;
     if (call.starts_with("RegOpen") || call.starts_with("RegCreate")) {
