@@ -16,14 +16,14 @@ UINT __stdcall check_upgrade_type(MSIHANDLE session);
 // Shows the notice that a restart is advisable after a removal. Always returns ERROR_SUCCESS.
 UINT __stdcall notify_restart_recommended(MSIHANDLE session);
 
-// Registers the suite's property handler and its detail lists for the whole machine. With a session it returns
-// ERROR_SUCCESS even if a registration failed, which is posted as an error; without one (0), as a build script
-// calls it, ERROR_INSTALL_FAILURE if and only if a registration failed. Returns ERROR_INSTALL_FAILURE also if
-// memory ran out.
+// Registers the suite's property handler and its detail lists for the whole machine. With a session it
+// returns ERROR_SUCCESS even if a registration failed, which is posted as an error; without one (0), as a
+// build script calls it, ERROR_INSTALL_FAILURE if and only if a registration failed. Returns
+// ERROR_INSTALL_FAILURE also if memory ran out.
 UINT __stdcall propertyhandler_update_registry(MSIHANDLE session);
 
-// Undoes that registration. Returns ERROR_INSTALL_FAILURE, and posts an error, if the handlers cannot be opened
-// or an extension's cannot be deleted.
+// Undoes that registration. Returns ERROR_INSTALL_FAILURE, and posts an error, if the handlers cannot be
+// opened or an extension's cannot be deleted.
 UINT __stdcall propertyhandler_remove_registry(MSIHANDLE session);
 
 // Makes the suite's icon handler the current user's for ".ini", ".ico" and the ProgIds that serve them.

@@ -39,9 +39,15 @@ std::wstring token_user_sid(HANDLE token)
     if (!GetTokenInformation(token, TokenUser, buffer.data(), size, &size)) {
         throw_last_error("Cannot read Explorer user identity");
     }
+    return sid_text(
+        reinterpret_cast<const TOKEN_USER*>(buffer.data())->User.Sid, "Cannot format Explorer user identity");
+}
+
+std::wstring sid_text(PSID sid, const char* failure)
+{
     wchar_t* text = nullptr;
-    if (!ConvertSidToStringSidW(reinterpret_cast<const TOKEN_USER*>(buffer.data())->User.Sid, &text)) {
-        throw_last_error("Cannot format Explorer user identity");
+    if (!ConvertSidToStringSidW(sid, &text)) {
+        throw_last_error(failure);
     }
     const local_memory owner{text};
     return text;

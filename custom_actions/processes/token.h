@@ -19,6 +19,9 @@ kernel_handle linked_token(HANDLE token) noexcept;
 // or "Cannot format Explorer user identity".
 std::wstring token_user_sid(HANDLE token);
 
+// A SID in its string form. Throws windows_error `failure`.
+std::wstring sid_text(PSID sid, const char* failure);
+
 // What each step of getting a session's user that fails is called.
 struct session_user_failures {
     const char* query;      // nobody is logged on there, or the caller may not ask

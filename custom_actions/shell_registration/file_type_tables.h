@@ -31,52 +31,21 @@ inline constexpr auto PROPERTY_HANDLER_EXTENSIONS = [] {
 
 // Where somebody else's handler is replaced, and kept in a backup; everywhere else it stays in place.
 inline constexpr std::array<std::string_view, 11> FORCE_OVERRIDE_EXTENSIONS{
-    ".arw",
-    ".bmp",
-    ".gif",
-    ".heic",
-    ".ico",
-    ".jpeg",
-    ".jpg",
-    ".tif",
-    ".tiff",
-    ".url",
-    ".webp",
-};
+    ".arw", ".bmp", ".gif", ".heic", ".ico", ".jpeg", ".jpg", ".tif", ".tiff", ".url", ".webp"};
 
 // The images whose lists get the place and the address besides.
 inline constexpr std::array<std::string_view, 7> EXTENDED_DETAILS_EXTENSIONS{
-    ".arw",
-    ".heic",
-    ".jpeg",
-    ".jpg",
-    ".tif",
-    ".tiff",
-    ".webp",
-};
+    ".arw", ".heic", ".jpeg", ".jpg", ".tif", ".tiff", ".webp"};
 
 // Stands beside the others; no action reads it.
 inline constexpr std::array<std::string_view, 11> MEDIA_EXTENSIONS{
-    ".arw",
-    ".heic",
-    ".jpeg",
-    ".jpg",
-    ".jxl",
-    ".mp3",
-    ".mp4",
-    ".tif",
-    ".tiff",
-    ".wma",
-    ".wmv",
-};
+    ".arw", ".heic", ".jpeg", ".jpg", ".jxl", ".mp3", ".mp4", ".tif", ".tiff", ".wma", ".wmv"};
 
 inline constexpr std::string_view FULL_DETAILS_LIST =
-    "prop:System.PropGroup.Description;System.Rating;System.Keywords;System.Comment;System.PropGroup."
-    "FileSystem;"
-    "System.ItemNameDisplay;System.ItemType;System.ItemFolderPathDisplay;System.DateCreated;System."
-    "DateModified;"
-    "System.Size;System.FileAttributes;System.OfflineAvailability;System.OfflineStatus;System.SharedWith;"
-    "System.FileOwner;System.ComputerName";
+    "prop:System.PropGroup.Description;System.Rating;System.Keywords;System.Comment;"
+    "System.PropGroup.FileSystem;System.ItemNameDisplay;System.ItemType;System.ItemFolderPathDisplay;"
+    "System.DateCreated;System.DateModified;System.Size;System.FileAttributes;"
+    "System.OfflineAvailability;System.OfflineStatus;System.SharedWith;System.FileOwner;System.ComputerName";
 
 // The same five properties in two orders, both as they should be.
 inline constexpr std::string_view PREVIEW_DETAILS_LIST =

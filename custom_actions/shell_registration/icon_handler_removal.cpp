@@ -24,13 +24,8 @@ enum class slot_state { left_alone, restored, to_be_deleted };
 slot_state restore_slot(const std::wstring& path)
 {
     registry_key key;
-    registry_value value;
     if (key.open(HKEY_CURRENT_USER, path, KEY_READ_WRITE) != ERROR_SUCCESS ||
-        key.read(L"", 2048, value) != ERROR_SUCCESS) {
-        return slot_state::left_alone;
-    }
-    if (const auto handler = value.wide_text();
-        !handler || !equal_ignoring_case(*handler, ICON_HANDLER_CLSID)) {
+        !equal_ignoring_case(key.whole_text(L"", 2048), ICON_HANDLER_CLSID)) {
         return slot_state::left_alone;
     }
     const std::wstring backup = key.whole_text(ICON_HANDLER_BACKUP_VALUE, 2048);

@@ -3,6 +3,7 @@
 #include "custom_actions/common/path.h"
 #include "custom_actions/common/scoped_handle.h"
 #include "custom_actions/common/windows_error.h"
+#include "custom_actions/processes/token.h"
 
 #include <aclapi.h>
 #include <sddl.h>
@@ -31,22 +32,8 @@ BY_HANDLE_FILE_INFORMATION information_of(const kernel_handle& file, const char*
 // to one of them.
 bool is_trusted_owner(PSID owner)
 {
-    if (IsWellKnownSid(owner, WinLocalSystemSid) || IsWellKnownSid(owner, WinBuiltinAdministratorsSid)) {
-        return true;
-    }
-
-    struct {
-        TOKEN_USER user;
-        BYTE sid[SECURITY_MAX_SID_SIZE];
-    } own{};
-
-    kernel_handle token;
-    DWORD size = 0;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put()) ||
-        !GetTokenInformation(token.get(), TokenUser, &own, sizeof own, &size)) {
-        throw_last_error(READ_FAILURE);
-    }
-    return EqualSid(owner, own.user.User.Sid) != FALSE;
+    const std::wstring sid = sid_text(owner, READ_FAILURE);
+    return sid == L"S-1-5-18" || sid == L"S-1-5-32-544" || sid == token_user_sid(GetCurrentProcessToken());
 }
 
 // Whether the workspace is there and is one that we made. The user can know its name, and anybody may make a

@@ -40,7 +40,7 @@ void create_secure_directory(const std::wstring& path, const std::wstring& user_
 void write_marker(const context& context, const std::wstring& name);
 
 // False for every marker if the workspace is not there or not ours. Throws windows_error "Cannot read upgrade
-// recovery state" if that or the marker cannot be told.
+// recovery state" if that or the marker cannot be told, and what token_user_sid throws.
 bool has_marker(const context& context, const std::wstring& name);
 
 // The list of the folder windows that were open, which the user's scripts write and read.
