@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 #include <psapi.h>
 #include <sddl.h>
+#include <tlhelp32.h>
 
 #include <deque>
 #include <filesystem>
@@ -100,6 +101,11 @@ TEST_F(UpgradePhases, stop_nothing_before_all_is_saved)
                         access.emplace_back(text);
                         return std::optional<BOOL>{};
                     }};
+    EXPECT_EQ( // is it running, how does it start, does it start delayed
+        THROWN_WITH(calling(begin), OpenServiceW, nullptr, {ERROR_ACCESS_DENIED, 3}),
+        "Cannot read Windows Search delayed start (5)");
+    std::filesystem::remove_all(upgrade.workspace);
+    access.clear();
     CharUpperW(upgrade.product_directory.data());
     EXPECT_EQ(thrown_by(calling(begin)), "");
     EXPECT_TRUE(has_marker(upgrade, marker::SEARCH_DELAYED_START));
@@ -127,9 +133,12 @@ TEST_F(UpgradePhases, refuse_what_comes_again_and_do_not_mind_what_goes)
             }
             return std::optional{WaitForSingleObjectEx(process, limit == 1000 ? 10 : limit, FALSE)};
         }};
+    const test_support::failing_import<"Process32FirstW", decltype(Process32FirstW)> listings{
+        this_module, FALSE, {0, 100}};
     const auto refuse = testing::ThrowsMessage<std::runtime_error>(
         "QBL processes survived shutdown; refusing to replace their files");
     EXPECT_THAT(calling(stop), refuse);
+    EXPECT_EQ(listings.calls(), 8U) << "programs and hosts, before and after each of two passes";
     EXPECT_THAT(limits, ElementsAre(5000U, 0U, 1000U, 5000U, 0U));
     EXPECT_EQ(latecomers.front().exit_code(), 1U) << "it was ended";
 
@@ -200,6 +209,9 @@ TEST_F(UpgradePhases, undo_all_that_can_be_undone)
         ElementsAre(L"Quorbel.Paste 1.5.0.0 Ok", L"Sorvane.Icon 1.5.0.0 Ok"));
     EXPECT_EQ(read_search_start_type(), DWORD{SERVICE_DEMAND_START});
     EXPECT_EQ(search.starts(), 0U);
+    EXPECT_EQ(
+        THROWN_WITH(calling(restore_runtime), OpenServiceW, nullptr, {ERROR_ACCESS_DENIED, 1, 0}),
+        "Cannot change Windows Search startup type; Cannot open Windows Search; ");
 }
 
 } // namespace
