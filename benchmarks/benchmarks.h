@@ -6,7 +6,6 @@
 namespace benchmarks {
 
 void measure_property_handler(report& results);
-void measure_icon_sweep(report& results);
 void measure_processes(report& results);
 void measure_hidden_process(report& results);
 void measure_action_costs(report& results);
@@ -17,8 +16,5 @@ void print_as_child(std::size_t bytes);
 
 // Runs an action, "<library>:<function>", and prints the most memory that this process has had, in kilobytes.
 void print_peak_memory(const std::string& action);
-
-// ProgIds of the user's, every tenth with an icon handler of somebody else.
-void plant_progids(int count);
 
 } // namespace benchmarks

@@ -61,6 +61,25 @@ double peak_memory(const char* library, const char* function)
     return std::stod(child.output);
 }
 
+// ProgIds of the user's, every tenth with an icon handler of somebody else, which a removal leaves.
+void plant_progids(int count)
+{
+    for (int i = 0; i != count; ++i) {
+        const std::wstring progid =
+            std::wstring{LR"(Software\Classes)"} + LR"(\some.program.)" + std::to_wstring(i);
+        if (i % 10 == 0) {
+            test_support::plant_value(
+                HKEY_CURRENT_USER,
+                progid + LR"(\ShellEx\IconHandler)",
+                L"",
+                test_support::registry_text(L"{11111111-2222-3333-4444-555555555555}"));
+        } else {
+            test_support::plant_value(
+                HKEY_CURRENT_USER, progid, L"", test_support::registry_text(L"a program"));
+        }
+    }
+}
+
 } // namespace
 
 void print_peak_memory(const std::string& action)

@@ -16,7 +16,6 @@ constexpr std::pair<const char*, void (*)(benchmarks::report&)> BENCHMARKS[]{
     {"library", benchmarks::measure_library},
     {"action_costs", benchmarks::measure_action_costs},
     {"property_handler", benchmarks::measure_property_handler},
-    {"icon_sweep", benchmarks::measure_icon_sweep},
     {"processes", benchmarks::measure_processes},
     {"hidden_process", benchmarks::measure_hidden_process},
 };

@@ -4,6 +4,7 @@
 #include "benchmarks/benchmarks.h"
 #include "custom_actions/processes/process_closing.h"
 #include "custom_actions/processes/process_inventory.h"
+#include "custom_actions/processes/program_tables.h"
 #include "support/toy_suite.h"
 
 #include <tlhelp32.h>
@@ -42,11 +43,12 @@ void measure_inventory(report& results)
 {
     std::deque<toy_process> programs;
     start(programs, 200, L"--window=none");
-    const auto images = custom_actions::our_process_images();
     const auto times = median_times(
         {[&] {
              return std::vector{milliseconds([&] {
-                 if (find_processes_by_image(images, custom_actions::listing::strict).size() != 200) {
+                 if (find_processes_by_image(
+                         custom_actions::our_process_images, custom_actions::listing::strict)
+                         .size() != 200) {
                      throw std::runtime_error{"a program was not found"};
                  }
              })};

@@ -30,8 +30,8 @@ struct life {
 
 life our_life()
 {
-    const auto register_all = [] { require(register_property_handler(0), "registration failed"); };
-    const auto remove_all = [] { require(remove_property_handler(0), "removal failed"); };
+    const auto register_all = [] { require(register_property_handler({0, L""}), "registration failed"); };
+    const auto remove_all = [] { require(remove_property_handler({0, L""}), "removal failed"); };
     return {.register_on_clean_hive = register_all, .register_again = register_all, .remove = remove_all};
 }
 

@@ -6,21 +6,20 @@
 UINT __stdcall iconhandler_add_defaults_to_registry(MSIHANDLE session)
 {
     using namespace custom_actions;
-    return run_action(session, report_action_line{L"iconhandler_add_defaults_to_registry"}, [&] {
-        register_icon_handler(session);
-        return UINT{ERROR_SUCCESS};
-    });
+    const action_log log{session, L"iconhandler_add_defaults_to_registry"};
+    return run_action(log, [&] { register_icon_handler(log); });
 }
 
 UINT __stdcall iconhandler_remove_registry(MSIHANDLE session)
 {
     using namespace custom_actions;
-    return run_action(session, report_action_line{L"iconhandler_remove_registry"}, [&] {
-        return remove_icon_handler(session);
-    });
+    const action_log log{session, L"iconhandler_remove_registry"};
+    return run_action(log, [&] { return remove_icon_handler(log); });
 }
 
 UINT __stdcall restore_built_in_new_context_menu(MSIHANDLE session)
 {
-    return custom_actions::run_harmless_action([&] { custom_actions::restore_new_menu(session); });
+    using namespace custom_actions;
+    const action_log log{session, L"restore_built_in_new_context_menu"};
+    return run_harmless_action([&] { restore_new_menu(log); });
 }

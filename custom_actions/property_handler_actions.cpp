@@ -2,20 +2,18 @@
 #include "custom_actions/exports.h"
 #include "custom_actions/shell_registration/property_handler.h"
 
-// The log lines of both actions spell their names without the second underscore.
+// The labels of both actions lack the second underscore.
 
 UINT __stdcall propertyhandler_update_registry(MSIHANDLE session)
 {
     using namespace custom_actions;
-    return run_action(session, report_action_line{L"propertyhandler_updateregistry"}, [&] {
-        return register_property_handler(session);
-    });
+    const action_log log{session, L"propertyhandler_updateregistry"};
+    return run_action(log, [&] { return register_property_handler(log); });
 }
 
 UINT __stdcall propertyhandler_remove_registry(MSIHANDLE session)
 {
     using namespace custom_actions;
-    return run_action(session, report_action_line{L"propertyhandler_removeregistry"}, [&] {
-        return remove_property_handler(session);
-    });
+    const action_log log{session, L"propertyhandler_removeregistry"};
+    return run_action(log, [&] { return remove_property_handler(log); });
 }

@@ -1,5 +1,4 @@
 #include "custom_actions/common/export_boundary.h"
-#include "custom_actions/common/installer_session.h"
 #include "custom_actions/exports.h"
 #include "custom_actions/upgrade/context.h"
 #include "custom_actions/upgrade/phases.h"
@@ -12,7 +11,6 @@ UINT run_phase(MSIHANDLE session, void (*phase)(MSIHANDLE, const controlled_upgr
 {
     return run_action(session, report_upgrade_failure, [&] {
         phase(session, controlled_upgrade::load_context(read_property(session, L"CustomActionData")));
-        return UINT{ERROR_SUCCESS};
     });
 }
 
@@ -22,10 +20,7 @@ UINT run_phase(MSIHANDLE session, void (*phase)(MSIHANDLE, const controlled_upgr
 UINT __stdcall prepare_controlled_upgrade(MSIHANDLE session)
 {
     using namespace custom_actions;
-    return run_action(session, report_upgrade_failure, [&] {
-        controlled_upgrade::prepare(session);
-        return UINT{ERROR_SUCCESS};
-    });
+    return run_action(session, report_upgrade_failure, [&] { controlled_upgrade::prepare(session); });
 }
 
 UINT __stdcall begin_controlled_upgrade(MSIHANDLE session)

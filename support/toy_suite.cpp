@@ -3,6 +3,7 @@
 #include "custom_actions/processes/process_inventory.h"
 #include "support/child_process.h"
 
+#include <array>
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
@@ -54,9 +55,10 @@ std::size_t end_programs(const std::wstring& name)
 {
     using custom_actions::find_processes_by_image;
     using custom_actions::listing;
-    const std::size_t at_first = find_processes_by_image({name}, listing::strict).size();
+    const std::array<std::wstring_view, 1> names{name};
+    const std::size_t at_first = find_processes_by_image(names, listing::strict).size();
     for (int tries = 0; tries != 100; ++tries) {
-        const auto running = find_processes_by_image({name}, listing::strict);
+        const auto running = find_processes_by_image(names, listing::strict);
         if (running.empty()) {
             return at_first;
         }

@@ -11,37 +11,17 @@
 
 namespace custom_actions {
 
-// Throws windows_error `message` with the code where a COM call has failed.
-inline void require(HRESULT result, const char* message)
+inline void release_com_object(IUnknown* object) noexcept
 {
-    if (FAILED(result)) {
-        throw windows_error{message, static_cast<DWORD>(result)};
-    }
+    object->Release();
 }
 
 // A reference to a COM object.
 template <class Interface>
-struct com_traits {
-    using handle_type = Interface*;
-
-    static bool is_open(handle_type object) noexcept { return object != nullptr; }
-
-    static void close(handle_type object) noexcept { object->Release(); }
-};
-
-template <class Interface>
-using com_pointer = scoped_handle<com_traits<Interface>>;
+using com_pointer = scoped_handle<Interface*, release_com_object>;
 
 // A string as COM takes it.
-struct com_string_traits {
-    using handle_type = BSTR;
-
-    static bool is_open(const wchar_t* text) noexcept { return text != nullptr; }
-
-    static void close(handle_type text) noexcept { SysFreeString(text); }
-};
-
-using com_string = scoped_handle<com_string_traits>;
+using com_string = scoped_handle<BSTR, SysFreeString>;
 
 // Throws std::bad_alloc.
 inline com_string make_com_string(const std::wstring& text)
@@ -53,22 +33,21 @@ inline com_string make_com_string(const std::wstring& text)
     return made;
 }
 
-// COM on this thread. A thread that somebody has already set up for the other model is left as it is.
+// COM on this thread, until the scope ends. A thread that somebody has already set up for the other threading
+// model is left as it is.
 class com_apartment {
 public:
     // Throws windows_error `failure`.
-    explicit com_apartment(const char* failure)
+    explicit com_apartment(const char* failure) : result_{CoInitializeEx(nullptr, COINIT_MULTITHREADED)}
     {
-        const HRESULT result = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-        initialized_ = SUCCEEDED(result);
-        if (!initialized_ && result != RPC_E_CHANGED_MODE) {
-            throw windows_error{failure, static_cast<DWORD>(result)};
+        if (result_ != RPC_E_CHANGED_MODE) {
+            check_hresult(result_, failure);
         }
     }
 
     ~com_apartment()
     {
-        if (initialized_) {
+        if (SUCCEEDED(result_)) {
             CoUninitialize();
         }
     }
@@ -77,7 +56,7 @@ public:
     com_apartment& operator=(const com_apartment&) = delete;
 
 private:
-    bool initialized_ = false;
+    HRESULT result_;
 };
 
 } // namespace custom_actions

@@ -1,7 +1,5 @@
 #include "custom_actions/common/export_boundary.h"
 
-#include "custom_actions/common/installer_session.h"
-
 namespace custom_actions {
 
 void report_upgrade_failure(MSIHANDLE session, const std::wstring& message)
@@ -26,10 +24,5 @@ void report_error_record(MSIHANDLE session, const std::wstring& message)
 }
 
 void report_nothing(MSIHANDLE /*session*/, const std::wstring& /*message*/) noexcept {}
-
-void report_action_line::operator()(MSIHANDLE session, const std::wstring& message) const
-{
-    msi_log(session, std::wstring{L"Custom action: "} + label_ + L": " + message);
-}
 
 } // namespace custom_actions

@@ -11,11 +11,10 @@ namespace custom_actions {
 
 std::wstring new_guid(const char* creation_failure, const char* formatting_failure)
 {
+    constexpr std::size_t guid_size = 40; // 38 characters and a zero, rounded up
     GUID guid{};
-    if (const HRESULT created = CoCreateGuid(&guid); FAILED(created)) {
-        throw windows_error{creation_failure, static_cast<DWORD>(created)};
-    }
-    std::array<wchar_t, 40> text{};
+    check_hresult(CoCreateGuid(&guid), creation_failure);
+    std::array<wchar_t, guid_size> text{};
     if (StringFromGUID2(guid, text.data(), static_cast<int>(text.size())) == 0) {
         throw std::runtime_error{formatting_failure};
     }

@@ -28,35 +28,32 @@ void msi_log(MSIHANDLE session, const std::wstring& text) noexcept
     msi_message(session, INSTALLMESSAGE_INFO, text);
 }
 
-UINT upgrade_log(MSIHANDLE session, const std::wstring& text)
+void upgrade_log(MSIHANDLE session, const std::wstring& text)
 {
     const std::wstring line = L"Controlled upgrade: " + text;
-    record_handle record{MsiCreateRecord(1)};
+    const record_handle record{MsiCreateRecord(1)};
     MsiRecordSetStringW(record.get(), 0, line.c_str());
-    const int posted = MsiProcessMessage(session, INSTALLMESSAGE_INFO, record.get());
-    return record ? MsiCloseHandle(record.release()) : static_cast<UINT>(posted);
+    MsiProcessMessage(session, INSTALLMESSAGE_INFO, record.get());
 }
 
 std::wstring read_property(MSIHANDLE session, const wchar_t* name)
 {
-    const auto require = [](UINT result) {
-        if (result != ERROR_SUCCESS) {
-            throw windows_error{"Cannot read installer property", result};
-        }
-    };
-
+    constexpr const char* failure = "Cannot read installer property";
     wchar_t probe[] = L"";
     DWORD count = 0;
-    const UINT probed = MsiGetPropertyW(session, name, probe, &count);
-    if (probed != ERROR_MORE_DATA) {
-        require(probed);
+    if (const UINT probed = MsiGetPropertyW(session, name, probe, &count); probed != ERROR_MORE_DATA) {
+        check_win32(probed, failure);
     }
-
     std::wstring value(std::size_t{count} + 1, L'\0');
     count += 1;
-    require(MsiGetPropertyW(session, name, value.data(), &count));
+    check_win32(MsiGetPropertyW(session, name, value.data(), &count), failure);
     value.resize(std::wcslen(value.c_str()));
     return value;
+}
+
+void set_property(MSIHANDLE session, const wchar_t* name, const std::wstring& value, const char* failure)
+{
+    check_win32(MsiSetPropertyW(session, name, value.c_str()), failure);
 }
 
 } // namespace custom_actions

@@ -10,8 +10,8 @@
 #include <functional>
 #include <string>
 
-// What an action may do with the installer session that called it: write log lines, post messages and read
-// properties. Logging never fails an action, so the results of its calls are ignored.
+// What an action does with the installer session that called it: it writes log lines, posts messages, and
+// reads and sets properties. Logging never fails an action, so the results of its calls are ignored.
 //
 // Field 0 of a record is a template to the installer: text in square brackets that names no property
 // disappears from the line.
@@ -21,37 +21,65 @@ namespace custom_actions {
 // thread that runs the routine.
 using log_callback = std::function<void(const std::wstring&)>;
 
-// Posts one record whose field 0 is `text`, as a message of `type`; does nothing when no record can be made.
+// Posts one record with `text` in field 0 as a message of `type`. Does nothing if no record can be made.
 void post_record(MSIHANDLE session, INSTALLMESSAGE type, const wchar_t* text) noexcept;
 
-// Posts `text` as one record of `type`; does nothing when there is no session (0) or no record can be made.
+// The same, but does nothing without a session (0).
 void msi_message(MSIHANDLE session, INSTALLMESSAGE type, const std::wstring& text) noexcept;
 
-// Writes one information line to the installer log; does nothing without a session.
+// Writes one information line to the installer log. Does nothing without a session.
 void msi_log(MSIHANDLE session, const std::wstring& text) noexcept;
 
-// Writes the information line "Controlled upgrade: <text>". Neither the session nor the record is tested
-// first. Returns what closing the record returned, or what posting it returned where no record could be made;
-// throws std::bad_alloc alone.
-UINT upgrade_log(MSIHANDLE session, const std::wstring& text);
+// Writes the information line "Controlled upgrade: <text>". Tests neither the session nor the record first.
+// Throws std::bad_alloc alone.
+void upgrade_log(MSIHANDLE session, const std::wstring& text);
 
-// Returns the value of the property `name` ("CustomActionData" in a deferred action), up to its first zero
+// The lines of one action: "Custom action: <label>: <text>". The label is the action's name as its lines
+// spell it, which is not always the name of its export.
+class action_log {
+public:
+    action_log(MSIHANDLE session, const wchar_t* label) noexcept : session_{session}, label_{label} {}
+
+    // Write an information line, or an error. Both do nothing without a session; they throw std::bad_alloc
+    // alone.
+    void line(const std::wstring& text) const { msi_log(session_, prefixed(text)); }
+
+    void error(const std::wstring& text) const
+    {
+        msi_message(session_, INSTALLMESSAGE_ERROR, prefixed(text));
+    }
+
+    // The whole line, for a message that is posted in another way.
+    [[nodiscard]] std::wstring prefixed(const std::wstring& text) const
+    {
+        return std::wstring{L"Custom action: "} + label_ + L": " + text;
+    }
+
+    [[nodiscard]] MSIHANDLE session() const noexcept { return session_; }
+
+private:
+    MSIHANDLE session_;
+    const wchar_t* label_;
+};
+
+// Returns the value of the property `name` ("CustomActionData" in a deferred action) up to its first zero
 // character; an unset property is an empty string. Throws windows_error "Cannot read installer property" with
 // the installer's code.
 std::wstring read_property(MSIHANDLE session, const wchar_t* name);
 
-// Returns the value of a property that is never long, read at once into `Size` characters. Throws
-// windows_error `failure` with the installer's code, ERROR_MORE_DATA where it does not fit with its
-// terminating zero.
+// Returns the value of a property that is never long, read in one call into `Size` characters. Throws
+// windows_error `failure` with the installer's code: ERROR_MORE_DATA if the value and its terminating zero do
+// not fit.
 template <DWORD Size>
 std::wstring read_short_property(MSIHANDLE session, const wchar_t* name, const char* failure)
 {
     std::array<wchar_t, Size> value{};
     DWORD length = Size;
-    if (const UINT result = MsiGetPropertyW(session, name, value.data(), &length); result != ERROR_SUCCESS) {
-        throw windows_error{failure, result};
-    }
+    check_win32(MsiGetPropertyW(session, name, value.data(), &length), failure);
     return value.data();
 }
+
+// Throws windows_error `failure` with the installer's code.
+void set_property(MSIHANDLE session, const wchar_t* name, const std::wstring& value, const char* failure);
 
 } // namespace custom_actions

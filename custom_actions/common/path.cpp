@@ -20,7 +20,7 @@ bool begins_with_drive(std::wstring_view path) noexcept
            ((path[0] >= L'A' && path[0] <= L'Z') || (path[0] >= L'a' && path[0] <= L'z'));
 }
 
-// How long the drive or the server's name at the path's beginning is.
+// The length of the drive or the server's name at the beginning.
 std::size_t root_name_length(std::wstring_view path) noexcept
 {
     if (begins_with_drive(path)) {
@@ -32,7 +32,7 @@ std::size_t root_name_length(std::wstring_view path) noexcept
     return 0;
 }
 
-// The root's name and the separators behind it.
+// The length of the root's name and the separators behind it.
 std::size_t root_length(std::wstring_view path) noexcept
 {
     return std::min(path.find_first_not_of(SEPARATORS, root_name_length(path)), path.size());

@@ -5,6 +5,13 @@
 #include <utility>
 
 namespace custom_actions {
+namespace {
+
+// In characters, with the terminating zero: no name is longer.
+constexpr DWORD LONGEST_KEY_NAME = 256;
+constexpr DWORD LONGEST_VALUE_NAME = 16384;
+
+} // namespace
 
 REGSAM native_registry_view() noexcept
 {
@@ -75,7 +82,7 @@ LSTATUS query_whole_value(Query* query, HKEY key, const Char* name, DWORD size, 
 template <class Enumerate, class Char>
 LSTATUS subkey_name(Enumerate* enumerate, HKEY key, DWORD index, std::basic_string<Char>& name)
 {
-    std::array<Char, 256> buffer{};
+    std::array<Char, LONGEST_KEY_NAME> buffer{};
     auto length = static_cast<DWORD>(buffer.size());
     const LSTATUS status = enumerate(key, index, buffer.data(), &length, nullptr, nullptr, nullptr, nullptr);
     if (status == ERROR_SUCCESS) {
@@ -191,7 +198,7 @@ LSTATUS registry_key::enumerate_subkey(DWORD index, std::wstring& name) const
 
 LSTATUS registry_key::enumerate_value_name(DWORD index, std::wstring& name) const
 {
-    std::wstring buffer(16384, L'\0'); // no name is longer
+    std::wstring buffer(LONGEST_VALUE_NAME, L'\0');
     auto length = static_cast<DWORD>(buffer.size());
     const LSTATUS status =
         RegEnumValueW(handle_.get(), index, buffer.data(), &length, nullptr, nullptr, nullptr, nullptr);

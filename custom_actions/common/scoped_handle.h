@@ -3,21 +3,19 @@
 #include <windows.h>
 #include <msi.h>
 
+#include <type_traits>
 #include <utility>
 
 namespace custom_actions {
 
-// Owns one handle from the line that makes it, and closes it when the scope ends. Closing leaves the thread's
-// last-error value as it was. `Traits` names the kind: its handle type (whose zero value means "none"), which
-// values are open handles, and how one is closed.
-template <class Traits>
+// Owns one handle from the line that makes it, and closes it with `Close` when the scope ends. Closing leaves
+// the thread's last error as it was.
+template <class Handle, auto Close>
 class scoped_handle {
 public:
-    using handle_type = typename Traits::handle_type;
-
     scoped_handle() noexcept = default;
 
-    explicit scoped_handle(handle_type handle) noexcept : handle_{handle} {}
+    explicit scoped_handle(Handle handle) noexcept : handle_{handle} {}
 
     scoped_handle(scoped_handle&& other) noexcept : handle_{other.release()} {}
 
@@ -35,16 +33,24 @@ public:
 
     ~scoped_handle() { close(); }
 
-    [[nodiscard]] explicit operator bool() const noexcept { return Traits::is_open(handle_); }
+    // Whether there is a handle. Windows has two values for none of a kernel object.
+    [[nodiscard]] explicit operator bool() const noexcept
+    {
+        if constexpr (std::is_same_v<Handle, HANDLE>) {
+            return handle_ != nullptr && handle_ != INVALID_HANDLE_VALUE;
+        } else {
+            return handle_ != Handle{};
+        }
+    }
 
-    [[nodiscard]] handle_type get() const noexcept { return handle_; }
+    [[nodiscard]] Handle get() const noexcept { return handle_; }
 
     // Gives the handle up; the caller closes it.
-    [[nodiscard]] handle_type release() noexcept { return std::exchange(handle_, handle_type{}); }
+    [[nodiscard]] Handle release() noexcept { return std::exchange(handle_, Handle{}); }
 
-    // For calls that hand a new handle back through a pointer: closes the one that is held and returns where
-    // the new one goes.
-    [[nodiscard]] handle_type* put() noexcept
+    // For calls that hand a new handle back through a pointer: closes the handle that is held and returns the
+    // place for the new one.
+    [[nodiscard]] Handle* put() noexcept
     {
         close();
         return &handle_;
@@ -53,61 +59,21 @@ public:
 private:
     void close() noexcept
     {
-        if (const handle_type handle = release(); Traits::is_open(handle)) {
+        if (*this) {
             const DWORD last_error = GetLastError();
-            Traits::close(handle);
+            Close(release());
             SetLastError(last_error);
         }
+        handle_ = Handle{};
     }
 
-    handle_type handle_{};
+    Handle handle_{};
 };
 
-// An installer record.
-struct record_traits {
-    using handle_type = MSIHANDLE;
-
-    static bool is_open(handle_type handle) noexcept { return handle != 0; }
-
-    static void close(handle_type handle) noexcept { MsiCloseHandle(handle); }
-};
-
-using record_handle = scoped_handle<record_traits>;
-
-// A kernel object: a process, a token, a file, a snapshot.
-struct kernel_traits {
-    using handle_type = HANDLE;
-
-    static bool is_open(handle_type handle) noexcept
-    {
-        return handle != nullptr && handle != INVALID_HANDLE_VALUE;
-    }
-
-    static void close(handle_type handle) noexcept { CloseHandle(handle); }
-};
-
-using kernel_handle = scoped_handle<kernel_traits>;
-
-// Memory that the system gave out by LocalAlloc.
-struct local_memory_traits {
-    using handle_type = void*;
-
-    static bool is_open(handle_type handle) noexcept { return handle != nullptr; }
-
-    static void close(handle_type handle) noexcept { LocalFree(handle); }
-};
-
-using local_memory = scoped_handle<local_memory_traits>;
-
-// An open registry key.
-struct registry_key_traits {
-    using handle_type = HKEY;
-
-    static bool is_open(handle_type handle) noexcept { return handle != nullptr; }
-
-    static void close(handle_type handle) noexcept { RegCloseKey(handle); }
-};
-
-using registry_key_handle = scoped_handle<registry_key_traits>;
+using record_handle = scoped_handle<MSIHANDLE, MsiCloseHandle>; // an installer record
+using kernel_handle = scoped_handle<HANDLE, CloseHandle>;       // a process, a token, a file, a snapshot
+using local_memory = scoped_handle<void*, LocalFree>; // memory that the system gave out by LocalAlloc
+using registry_key_handle = scoped_handle<HKEY, RegCloseKey>;
+using service_handle = scoped_handle<SC_HANDLE, CloseServiceHandle>; // a service, or the service manager
 
 } // namespace custom_actions

@@ -11,7 +11,7 @@ namespace {
 // `read` is GetWindowsDirectoryW or GetSystemDirectoryW.
 std::wstring read_directory(decltype(GetSystemDirectoryW)* read, const char* failure)
 {
-    std::array<wchar_t, 260> path{};
+    std::array<wchar_t, MAX_PATH> path{};
     const UINT length = read(path.data(), static_cast<UINT>(path.size()));
     if (length == 0 || length >= path.size()) {
         throw std::runtime_error{failure};

@@ -7,7 +7,7 @@ namespace custom_actions {
 version parse_version(const wchar_t* text) noexcept
 {
     version parsed;
-    // A field that cannot be read stays 0: the count of those that could says nothing more.
+    // Fields that cannot be read stay 0, so the count of those that could adds nothing.
     // NOLINTNEXTLINE(cert-err33-c,cert-err34-c)
     std::swscanf(
         text, L"%d.%d.%d.%d", &parsed.major_number, &parsed.minor_number, &parsed.build, &parsed.revision);

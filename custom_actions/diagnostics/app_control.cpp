@@ -1,6 +1,9 @@
 #include "custom_actions/diagnostics/app_control.h"
 
 #include "custom_actions/common/installer_session.h"
+#include "custom_actions/common/registry_key.h"
+
+#include <string>
 
 namespace custom_actions {
 namespace {
@@ -24,27 +27,21 @@ const wchar_t* describe(LSTATUS status, DWORD state) noexcept
 
 } // namespace
 
-std::wstring app_control_line(LSTATUS status, DWORD state)
-{
-    const std::wstring value = status == ERROR_SUCCESS ? std::to_wstring(state) : L"absent";
-    return std::wstring{L"Smart App Control: "} + describe(status, state) +
-           L" (VerifiedAndReputablePolicyState=" + value + L", RegGetValueW returned " +
-           std::to_wstring(status) + L").";
-}
-
 void report_app_control_state(MSIHANDLE session)
 {
     DWORD state = 0;
-    DWORD size = sizeof state;
-    const LSTATUS status = RegGetValueW(
+    const LSTATUS status = read_number(
         HKEY_LOCAL_MACHINE,
         LR"(SYSTEM\CurrentControlSet\Control\CI\Policy)",
         L"VerifiedAndReputablePolicyState",
         RRF_RT_REG_DWORD,
-        nullptr,
-        &state,
-        &size);
-    msi_log(session, app_control_line(status, state));
+        state);
+    const std::wstring value = status == ERROR_SUCCESS ? std::to_wstring(state) : L"absent";
+    msi_log(
+        session,
+        std::wstring{L"Smart App Control: "} + describe(status, state) +
+            L" (VerifiedAndReputablePolicyState=" + value + L", RegGetValueW returned " +
+            std::to_wstring(status) + L").");
 }
 
 } // namespace custom_actions

@@ -12,11 +12,13 @@
 namespace custom_actions {
 namespace {
 
+constexpr std::size_t PIECE_SIZE = 4095; // bytes
+
 struct output_pipe {
     kernel_handle read_end;
     kernel_handle write_end; // the child's
 
-    // False where it cannot be made.
+    // False if it cannot be made.
     bool create() noexcept
     {
         SECURITY_ATTRIBUTES inheritable{
@@ -26,16 +28,14 @@ struct output_pipe {
     }
 };
 
-// Reads one pipe to its end on a thread of its own, so that the child never waits for room in it.
+// Reads one pipe to its end on a thread of its own, so that the child never waits for room in the pipe.
 class pipe_reader {
 public:
     // Throws windows_error "Cannot read output of a hidden process"; the pipe is then closed.
     explicit pipe_reader(kernel_handle read_end)
         : pipe_{std::move(read_end)}, thread_{CreateThread(nullptr, 0, run, this, 0, nullptr)}
     {
-        if (!thread_) {
-            throw_last_error("Cannot read output of a hidden process");
-        }
+        check_bool(thread_, "Cannot read output of a hidden process");
     }
 
     ~pipe_reader() { WaitForSingleObject(thread_.get(), INFINITE); }
@@ -60,11 +60,11 @@ private:
         return 0;
     }
 
-    // Reads on without memory for the text, since the child waits for room in the pipe.
+    // Reads on if there is no memory for the text: the child waits for room in the pipe.
     void read_all() noexcept
     {
-        std::array<char, 4095> bytes{};
-        std::array<wchar_t, 4095> characters{}; // there are never more of them than bytes
+        std::array<char, PIECE_SIZE> bytes{};
+        std::array<wchar_t, PIECE_SIZE> characters{}; // there are never more of them than bytes
         DWORD size = 0;
         while (ReadFile(pipe_.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &size, nullptr)) {
             const int length = MultiByteToWideChar(
@@ -90,10 +90,10 @@ private:
     kernel_handle pipe_;
     std::wstring text_;
     bool out_of_memory_ = false;
-    kernel_handle thread_; // last, so that it finds the others there
+    kernel_handle thread_; // last, since it uses the others
 };
 
-// An empty handle where the process cannot be started.
+// An empty handle if the process cannot be started.
 kernel_handle start_hidden(std::wstring command_line, HANDLE output, HANDLE error) noexcept
 {
     STARTUPINFOW startup{};

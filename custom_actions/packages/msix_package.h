@@ -1,21 +1,17 @@
 #pragma once
 
-#include <string>
-#include <string_view>
+#include "custom_actions/common/installer_session.h"
 
-// The PowerShell commands that register and remove a sparse package: an MSIX package whose files stay in the
-// installation folder.
+// The bodies of the two actions for sparse packages: MSIX packages whose files stay in the installation
+// folder. Each runs one PowerShell command as the caller and logs what it printed. They return ERROR_SUCCESS
+// if the command's exit code is 0, ERROR_INVALID_PARAMETER if "CustomActionData" cannot be used, and
+// ERROR_INSTALL_FAILURE otherwise; they throw what run_hidden_process throws.
 namespace custom_actions {
 
-// The command that registers the package file `msix`, an absolute path, with its own folder as the place of
-// its files.
-std::wstring install_package_command(std::wstring_view msix);
+// Registers the package file that "CustomActionData" names, with its own folder as the place of its files.
+UINT install_msix_package(const action_log& log);
 
-// Whether `name` has none but the characters that the name of a package's identity may have.
-bool is_package_name(std::wstring_view name) noexcept;
-
-// The command that removes every package of this name that the user has, and fails where one is left. `name`
-// must be a package name.
-std::wstring uninstall_package_command(std::wstring_view name);
+// Removes every package of the user's with the name in "CustomActionData".
+UINT uninstall_msix_package(const action_log& log);
 
 } // namespace custom_actions

@@ -19,8 +19,10 @@ namespace custom_actions {
 namespace {
 
 constexpr const char* RESULT_FAILURE = "Cannot read user operation result";
+constexpr std::size_t LONGEST_LOG = std::size_t{16} * 1024 * 1024; // bytes
+constexpr DWORD TERMINATION_LIMIT_MS = 5000;
 
-// What the script prints goes to the log, and so does the error that ends it, behind what was printed before.
+// What the script prints goes to the log; so does the error that ends it, after what was printed before.
 std::wstring logged_script(std::wstring_view script, const std::wstring& log)
 {
     const std::wstring quoted_log = quote_powershell_literal(log);
@@ -41,14 +43,10 @@ std::wstring base64_of_utf16(std::wstring_view text, const char* failure)
     const auto size = static_cast<DWORD>(text.size() * sizeof(wchar_t));
     constexpr DWORD format = CRYPT_STRING_BASE64 | CRYPT_STRING_NOCRLF;
     DWORD length = 0;
-    if (!CryptBinaryToStringW(bytes, size, format, nullptr, &length)) {
-        throw_last_error(failure);
-    }
+    check_bool(CryptBinaryToStringW(bytes, size, format, nullptr, &length), failure);
     std::wstring encoded(length, L'\0');
-    if (!CryptBinaryToStringW(bytes, size, format, encoded.data(), &length)) {
-        throw_last_error(failure);
-    }
-    encoded.resize(encoded.find(L'\0')); // the length that is told counts the terminator
+    check_bool(CryptBinaryToStringW(bytes, size, format, encoded.data(), &length), failure);
+    encoded.resize(encoded.find(L'\0')); // the first call counts the terminator
     return encoded;
 }
 
@@ -74,12 +72,11 @@ running_script start_script(const controlled_upgrade::context& context, const st
     return {.user = std::move(user), .process = std::move(process)};
 }
 
-// A log as the user could have replaced it: nothing unless it is a file on a disk of at most 16 MiB that can
-// be read to its end. It is opened under the user's own identity, so that a link to elsewhere, or a pipe that
-// asks who is there, gets no more than the user's rights.
+// The whole log; nothing unless it is a file on a disk, of at most 16 MiB, that can be read to its end. The
+// user could have put anything else in its place. It is opened under the user's own identity, so that a link
+// to another file, or a pipe that asks who is there, gets no more than the user's rights.
 std::optional<std::string> read_log(HANDLE user, const std::wstring& path)
 {
-    constexpr std::size_t longest = std::size_t{16} * 1024 * 1024;
     thread_identity identity{RESULT_FAILURE};
     identity.impersonate(user, RESULT_FAILURE);
     const kernel_handle file{CreateFileW(
@@ -96,7 +93,7 @@ std::optional<std::string> read_log(HANDLE user, const std::wstring& path)
     std::string content;
     std::array<char, 4096> chunk{};
     DWORD read = 0;
-    while (content.size() <= longest &&
+    while (content.size() <= LONGEST_LOG &&
            ReadFile(file.get(), chunk.data(), static_cast<DWORD>(chunk.size()), &read, nullptr)) {
         if (read == 0) {
             return content;
@@ -142,7 +139,7 @@ std::string run_powershell(
     const ULONGLONG start = GetTickCount64();
     if (WaitForSingleObject(process.get(), timeout_ms) != WAIT_OBJECT_0) {
         TerminateProcess(process.get(), ERROR_TIMEOUT);
-        WaitForSingleObject(process.get(), 5000);
+        WaitForSingleObject(process.get(), TERMINATION_LIMIT_MS);
         upgrade_log(
             session,
             L"Operation timed out; AppX service work may still be pending. Retaining recovery state at " +
@@ -150,9 +147,7 @@ std::string run_powershell(
         throw std::runtime_error{"User operation timed out; see retained upgrade recovery logs"};
     }
     DWORD exit_code = 0;
-    if (!GetExitCodeProcess(process.get(), &exit_code)) {
-        throw_last_error(RESULT_FAILURE);
-    }
+    check_bool(GetExitCodeProcess(process.get(), &exit_code), RESULT_FAILURE);
     std::optional<std::string> output = read_log(user.get(), log);
     upgrade_log(
         session,

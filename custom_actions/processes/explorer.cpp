@@ -1,28 +1,34 @@
 #include "custom_actions/processes/explorer.h"
 
+#include "custom_actions/common/installer_session.h"
 #include "custom_actions/common/scoped_handle.h"
 #include "custom_actions/common/system_directory.h"
 #include "custom_actions/common/text.h"
-#include "custom_actions/common/windows_error.h"
 #include "custom_actions/processes/process_inventory.h"
+#include "custom_actions/processes/program_tables.h"
 #include "custom_actions/processes/token.h"
 #include "custom_actions/processes/user_process.h"
 
 #include <algorithm>
 #include <stdexcept>
+#include <string_view>
 
 namespace custom_actions {
 namespace {
 
-// The thread's token, or the process's where the thread has none.
+constexpr const wchar_t* UNCHANGED = L"unchanged";
+constexpr ULONGLONG RETURN_LIMIT_MS = 10'000;
+constexpr DWORD RETURN_POLL_MS = 250;
+constexpr DWORD RECORD_SIZE = 256; // characters; no session id and SID are as long
+
+// The thread's token, or the process's if the thread has none.
 kernel_handle current_token()
 {
     kernel_handle token;
-    if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()) &&
-        (GetLastError() != ERROR_NO_TOKEN ||
-         !OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put()))) {
-        throw_last_error("Cannot determine installer user session");
-    }
+    const bool opened =
+        OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()) ||
+        (GetLastError() == ERROR_NO_TOKEN && OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put()));
+    check_bool(opened, "Cannot determine installer user session");
     return token;
 }
 
@@ -47,12 +53,12 @@ kernel_handle start_explorer(HANDLE user)
          .start_failure = "Cannot restart Explorer as the interactive user"});
 }
 
-// The first Explorer may hand over to another, so any of the session will do.
+// Waits for any Explorer in the session: the one that was started may hand over to another.
 void wait_for_explorer(DWORD session)
 {
-    const ULONGLONG deadline = GetTickCount64() + 10'000;
+    const ULONGLONG deadline = GetTickCount64() + RETURN_LIMIT_MS;
     for (;;) {
-        Sleep(250);
+        Sleep(RETURN_POLL_MS);
         if (explorer_running_in_session(session)) {
             return;
         }
@@ -62,28 +68,7 @@ void wait_for_explorer(DWORD session)
     }
 }
 
-} // namespace
-
-std::wstring explorer_session_record()
-{
-    const kernel_handle token = current_token();
-    DWORD session = 0;
-    DWORD size = 0;
-    if (!GetTokenInformation(token.get(), TokenSessionId, &session, sizeof session, &size)) {
-        throw_last_error("Cannot read installer session");
-    }
-    if (session == 0 || !explorer_running_in_session(session)) {
-        return UNCHANGED_EXPLORER;
-    }
-    return explorer_record(session, token_user_sid(token.get()));
-}
-
-std::wstring explorer_record(DWORD session, const std::wstring& user_sid)
-{
-    return std::to_wstring(session) + L'|' + user_sid;
-}
-
-explorer_session parse_explorer_record(std::wstring_view record)
+explorer_session parse_record(std::wstring_view record)
 {
     const std::size_t separator = record.find(L'|');
     const std::wstring_view digits = record.substr(0, separator);
@@ -98,27 +83,57 @@ explorer_session parse_explorer_record(std::wstring_view record)
     return {.session = session, .user_sid = std::wstring{record.substr(separator + 1)}};
 }
 
-void restart_explorer_from_record(const std::wstring& record)
+} // namespace
+
+std::optional<explorer_session> find_explorer_session()
 {
-    if (record == UNCHANGED_EXPLORER) {
-        return;
+    const kernel_handle token = current_token();
+    DWORD session = 0;
+    DWORD size = 0;
+    check_bool(
+        GetTokenInformation(token.get(), TokenSessionId, &session, sizeof session, &size),
+        "Cannot read installer session");
+    if (session == 0 || !explorer_running_in_session(session)) {
+        return std::nullopt;
     }
-    const explorer_session recorded = parse_explorer_record(record);
-    const kernel_handle user = unelevated_session_user(recorded.session, recorded.user_sid, USER_FAILURES);
-    if (explorer_running_in_session(recorded.session)) {
+    return explorer_session{.session = session, .user_sid = token_user_sid(token.get())};
+}
+
+std::wstring explorer_session_record()
+{
+    const std::optional<explorer_session> found = find_explorer_session();
+    return found ? std::to_wstring(found->session) + L'|' + found->user_sid : UNCHANGED;
+}
+
+void restart_explorer(const explorer_session& wanted)
+{
+    const kernel_handle user = unelevated_session_user(wanted.session, wanted.user_sid, USER_FAILURES);
+    if (explorer_running_in_session(wanted.session)) {
         return;
     }
     const kernel_handle explorer = start_explorer(user.get());
-    wait_for_explorer(recorded.session);
+    wait_for_explorer(wanted.session);
+}
+
+void restart_explorer_from_record(const std::wstring& record)
+{
+    if (record != UNCHANGED) {
+        restart_explorer(parse_record(record));
+    }
+}
+
+void restore_explorer_session(MSIHANDLE session)
+{
+    restart_explorer_from_record(read_short_property<RECORD_SIZE>(
+        session, L"CustomActionData", "Cannot read Explorer restoration data"));
+    msi_log(session, L"Explorer restoration completed for the original interactive session.");
 }
 
 bool explorer_running_in_session(DWORD session)
 {
     return std::ranges::any_of(
-        find_processes_by_image({L"explorer.exe"}, listing::lenient), [&](DWORD process) {
-            DWORD found = 0;
-            return ProcessIdToSessionId(process, &found) && found == session;
-        });
+        find_processes_by_image(EXPLORER_IMAGES, listing::lenient),
+        [session](DWORD process) { return runs_in_session(process, session); });
 }
 
 } // namespace custom_actions

@@ -1,43 +1,47 @@
 #pragma once
 
 #include <windows.h>
+#include <msi.h>
 
+#include <optional>
 #include <string>
-#include <string_view>
 
-// Whether Explorer ran for the user who installs, and how it comes back. The record of it travels from the
-// immediate action that closes Explorer to the deferred ones that bring it back, as their CustomActionData.
+// Whether Explorer ran for the user who installs, and how it comes back. The immediate action that closes
+// Explorer hands this to the deferred ones that bring it back, as a record in their CustomActionData:
+// "<session id>|<user SID>", or "unchanged" if there is nothing to bring back.
 namespace custom_actions {
-
-// The record where there is nothing to bring back.
-inline constexpr const wchar_t* UNCHANGED_EXPLORER = L"unchanged";
-
-// The record of an Explorer that is to run for this user: "<session id>|<user SID>".
-std::wstring explorer_record(DWORD session, const std::wstring& user_sid);
-
-// The record of what is: of the user who installs, or that there is nothing to bring back. Throws
-// windows_error "Cannot determine installer user session" or "Cannot read installer session", and what
-// token_user_sid throws.
-std::wstring explorer_session_record();
 
 struct explorer_session {
     DWORD session;
     std::wstring user_sid;
 };
 
-// Reads a record other than "unchanged". Throws std::runtime_error "Invalid Explorer session data" or
-// "Explorer cannot start in session zero", and std::out_of_range for a session id beyond 32 bits.
-explorer_session parse_explorer_record(std::wstring_view record);
+// The session and the user of whoever installs; nothing if no Explorer runs in that session, or if it is the
+// services session (0). Throws windows_error "Cannot determine installer user session" or "Cannot read
+// installer session", and what token_user_sid throws.
+std::optional<explorer_session> find_explorer_session();
 
-// Starts Explorer in the recorded session, as its user and without elevation, unless one is running there,
-// and waits up to 10 seconds for it. Does nothing for "unchanged". Throws what parse_explorer_record and
-// token_user_sid throw, std::runtime_error "Explorer session user changed during installation", "Cannot
-// resolve Windows directory" or "Explorer did not return after launch", and windows_error "Cannot obtain
-// logged-in Explorer user token", "Cannot inspect Explorer token elevation", "Cannot obtain filtered Explorer
-// token", "Cannot create Explorer environment" or "Cannot restart Explorer as the interactive user".
+// The record of that. Throws what find_explorer_session throws.
+std::wstring explorer_session_record();
+
+// Starts Explorer in the session, as its user and without elevation, and waits up to 10 seconds for it. Does
+// nothing if an Explorer already runs there. Throws std::runtime_error "Explorer session user changed during
+// installation", "Cannot resolve Windows directory" or "Explorer did not return after launch", windows_error
+// "Cannot obtain logged-in Explorer user token", "Cannot inspect Explorer token elevation", "Cannot obtain
+// filtered Explorer token", "Cannot create Explorer environment" or "Cannot restart Explorer as the
+// interactive user", and what token_user_sid throws.
+void restart_explorer(const explorer_session& wanted);
+
+// The same for a record; does nothing for "unchanged". Also throws std::runtime_error "Invalid Explorer
+// session data" or "Explorer cannot start in session zero", and std::out_of_range for a session id beyond 32
+// bits.
 void restart_explorer_from_record(const std::wstring& record);
 
-// Whether any "explorer.exe" runs in the session; false where that cannot be told.
+// The body of the action restore_explorer: restarts Explorer from the record in "CustomActionData". Throws
+// windows_error "Cannot read Explorer restoration data", and what restart_explorer_from_record throws.
+void restore_explorer_session(MSIHANDLE session);
+
+// Whether any "explorer.exe" runs in the session; false also if that cannot be determined.
 bool explorer_running_in_session(DWORD session);
 
 } // namespace custom_actions

@@ -1,26 +1,24 @@
 #include "custom_actions/processes/inspection_identity.h"
 
 #include "custom_actions/common/windows_error.h"
+#include "custom_actions/processes/process_inventory.h"
 #include "custom_actions/processes/token.h"
 
 #include <wtsapi32.h>
 
 #include <stdexcept>
-#include <string>
 
 namespace custom_actions {
 namespace {
 
-std::string about(const char* message, DWORD process)
-{
-    return message + std::to_string(process);
-}
-
+// The session whose user owns the process; 0 if it is unknown.
 DWORD find_owner_session(DWORD process, DWORD fallback_session) noexcept
 {
     DWORD session = 0;
-    const DWORD asked = ProcessIdToSessionId(process, &session) ? ERROR_SUCCESS : GetLastError();
-    return owner_session(asked, session, fallback_session);
+    if (ProcessIdToSessionId(process, &session)) {
+        return session;
+    }
+    return GetLastError() == ERROR_ACCESS_DENIED ? fallback_session : 0;
 }
 
 // The token of the session's user, with all rights that the user has.
@@ -29,44 +27,34 @@ kernel_handle full_user_token(DWORD session, DWORD process)
     kernel_handle token;
     if (!WTSQueryUserToken(session, token.put())) {
         const DWORD code = GetLastError();
-        throw windows_error{about("Cannot obtain host session token for PID ", process), code};
+        throw windows_error{with_pid("Cannot obtain host session token for PID ", process), code};
     }
-    switch (token_elevation_type(token.get())) {
-    case TokenElevationTypeDefault:
-    case TokenElevationTypeFull:
-        return token;
-    case TokenElevationTypeLimited: {
-        kernel_handle full = linked_token(token.get());
-        if (!full) {
-            throw_last_error("Cannot inspect elevated host owner");
-        }
-        return full;
+    if (token_elevation_type(token.get(), "Cannot inspect host user token") == TokenElevationTypeLimited) {
+        token = linked_token(token.get(), "Cannot inspect elevated host owner");
     }
-    default:
-        throw_last_error("Cannot inspect host user token");
-    }
+    return token;
 }
 
 } // namespace
 
 debug_privilege_scope::debug_privilege_scope()
 {
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, token_.put())) {
-        throw_last_error("Cannot open installer token");
-    }
+    check_bool(
+        OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, token_.put()),
+        "Cannot open installer token");
     TOKEN_PRIVILEGES wanted{};
     wanted.PrivilegeCount = 1;
     wanted.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
-    if (!LookupPrivilegeValueW(nullptr, L"SeDebugPrivilege", &wanted.Privileges[0].Luid)) {
-        throw_last_error("Cannot resolve process inspection privilege");
-    }
+    check_bool(
+        LookupPrivilegeValueW(nullptr, L"SeDebugPrivilege", &wanted.Privileges[0].Luid),
+        "Cannot resolve process inspection privilege");
     DWORD size = sizeof previous_;
     const BOOL adjusted =
         AdjustTokenPrivileges(token_.get(), FALSE, &wanted, sizeof previous_, &previous_, &size);
     const DWORD code = GetLastError();
-    if (!adjusted || (code != ERROR_SUCCESS && code != ERROR_NOT_ALL_ASSIGNED)) {
-        throw windows_error{"Cannot enable process inspection privilege", code};
-    }
+    check_bool(
+        adjusted && (code == ERROR_SUCCESS || code == ERROR_NOT_ALL_ASSIGNED),
+        "Cannot enable process inspection privilege");
 }
 
 debug_privilege_scope::~debug_privilege_scope()
@@ -74,24 +62,16 @@ debug_privilege_scope::~debug_privilege_scope()
     AdjustTokenPrivileges(token_.get(), FALSE, &previous_, 0, nullptr, nullptr);
 }
 
-DWORD owner_session(DWORD asked, DWORD session, DWORD fallback) noexcept
-{
-    if (asked == ERROR_SUCCESS) {
-        return session;
-    }
-    return asked == ERROR_ACCESS_DENIED ? fallback : 0;
-}
-
 host_owner_impersonation::host_owner_impersonation(DWORD process, DWORD fallback_session)
 {
     const DWORD session = find_owner_session(process, fallback_session);
     if (session == 0) {
-        throw std::runtime_error{about("Cannot resolve interactive owner of host PID ", process)};
+        throw std::runtime_error{with_pid("Cannot resolve interactive owner of host PID ", process)};
     }
     const kernel_handle user = full_user_token(session, process);
     identity_.impersonate(user.get(), "Cannot inspect as host owner");
     if (!ProcessIdToSessionId(process, &session_) || session_ != session) {
-        throw std::runtime_error{about("Cannot verify interactive owner of host PID ", process)};
+        throw std::runtime_error{with_pid("Cannot verify interactive owner of host PID ", process)};
     }
 }
 

@@ -8,8 +8,8 @@
 // The rights to look into processes of other users, each for as long as its scope object lives.
 namespace custom_actions {
 
-// Holds "SeDebugPrivilege", where the process's token has it at all: without it the later steps take the
-// identity of a host's owner. The end of the scope puts the privilege back to its former state.
+// Holds "SeDebugPrivilege" if the process's token has it at all; without it, later steps take the identity of
+// a host's owner. The end of the scope restores the privilege's former state.
 class debug_privilege_scope {
 public:
     // Throws windows_error "Cannot open installer token", "Cannot resolve process inspection privilege" or
@@ -26,8 +26,7 @@ private:
 };
 
 // Lets the current thread act as the interactive user in whose session a process runs, with all of that
-// user's rights. The end of the scope puts the thread's former identity back; where that fails, the process
-// ends at once. No two may live at a time on one thread.
+// user's rights, until the scope ends.
 class host_owner_impersonation {
 public:
     // `fallback_session` stands for the session of a process that may not be asked for it. Throws
@@ -38,20 +37,16 @@ public:
     // identity is then as it was.
     host_owner_impersonation(DWORD process, DWORD fallback_session);
 
-    // The session that the process runs in.
+    // The process's session, as read back under the user's identity.
     [[nodiscard]] DWORD session() const noexcept { return session_; }
 
 private:
     thread_identity identity_{"Cannot preserve inspection identity"};
-    DWORD session_ = 0; // as read back under the user's identity
+    DWORD session_ = 0;
 };
 
-// Opens a process, as its interactive owner where the caller is denied. An empty handle, with the last error
-// of the last attempt, where that fails. Throws what host_owner_impersonation throws.
+// Opens a process; if the caller is denied, tries again as its interactive owner. Returns an empty handle,
+// with the last error of the last attempt, if that fails. Throws what host_owner_impersonation throws.
 kernel_handle open_process_as_host_owner(DWORD access, DWORD process, DWORD fallback_session);
-
-// The session whose user owns a process: `asked` is what asking for it returned (ERROR_SUCCESS with
-// `session`), and `fallback` stands for a session that may not be asked for. 0 where it is unknown.
-DWORD owner_session(DWORD asked, DWORD session, DWORD fallback) noexcept;
 
 } // namespace custom_actions

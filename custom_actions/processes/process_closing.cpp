@@ -1,16 +1,21 @@
 #include "custom_actions/processes/process_closing.h"
 
+#include "custom_actions/common/contains.h"
 #include "custom_actions/common/scoped_handle.h"
 #include "custom_actions/processes/explorer.h"
 #include "custom_actions/processes/hook_release.h"
+#include "custom_actions/processes/program_tables.h"
 
-#include <algorithm>
 #include <array>
 #include <utility>
 #include <vector>
 
 namespace custom_actions {
 namespace {
+
+constexpr DWORD RESIDENT_LIMIT_MS = 5000;
+constexpr DWORD HOST_LIMIT_MS = 1000;
+constexpr DWORD TERMINATION_LIMIT_MS = 5000;
 
 struct close_request {
     const process_list* processes;
@@ -24,7 +29,7 @@ bool is_desktop_window(HWND window) noexcept
     }
     std::array<wchar_t, 64> window_class{};
     const int length = GetClassNameW(window, window_class.data(), static_cast<int>(window_class.size()));
-    return length != 0 && is_desktop_class(window_class.data());
+    return length != 0 && contains(DESKTOP_CLASSES, std::wstring_view{window_class.data()});
 }
 
 BOOL CALLBACK ask_to_close(HWND window, LPARAM parameter)
@@ -33,7 +38,7 @@ BOOL CALLBACK ask_to_close(HWND window, LPARAM parameter)
     const auto& request = *reinterpret_cast<const close_request*>(parameter);
     DWORD owner = 0;
     GetWindowThreadProcessId(window, &owner);
-    if (std::ranges::find(*request.processes, owner) != request.processes->end() &&
+    if (contains(*request.processes, owner) &&
         (request.windows == asked_windows::all || !is_desktop_window(window))) {
         PostMessageW(window, WM_CLOSE, 0, 0);
     }
@@ -52,13 +57,6 @@ std::vector<kernel_handle> open_all(const process_list& processes)
 }
 
 } // namespace
-
-bool is_desktop_class(std::wstring_view window_class) noexcept
-{
-    static constexpr std::array<std::wstring_view, 4> classes{
-        L"Progman", L"WorkerW", L"Shell_TrayWnd", L"Shell_SecondaryTrayWnd"};
-    return std::ranges::find(classes, window_class) != classes.end();
-}
 
 void ask_windows_to_close(const process_list& processes, asked_windows windows) noexcept
 {
@@ -83,7 +81,7 @@ void close_processes(const process_list& processes, DWORD timeout_ms)
     for (kernel_handle& process : opened) {
         if (WaitForSingleObject(process.get(), time_left(deadline)) != WAIT_OBJECT_0 &&
             TerminateProcess(process.get(), 1)) {
-            WaitForSingleObject(process.get(), 5000);
+            WaitForSingleObject(process.get(), TERMINATION_LIMIT_MS);
         }
         process = {};
     }
@@ -91,42 +89,30 @@ void close_processes(const process_list& processes, DWORD timeout_ms)
 
 void log_process_group(const log_callback& log, const std::wstring& label, const process_list& processes)
 {
-    if (!log) {
-        return;
+    if (log) {
+        log(label + (processes.empty() ? L": none running." : L": closing") + process_ids_text(processes));
     }
-    std::wstring line = label + (processes.empty() ? L": none running." : L": closing");
-    for (const DWORD process : processes) {
-        line.append(L" ").append(std::to_wstring(process));
-    }
-    log(line);
 }
 
-UINT close_our_processes(MSIHANDLE session)
+void close_our_processes(const action_log& log)
 {
     const std::wstring record = explorer_session_record();
     for (const wchar_t* property : {L"restore_explorer", L"rollback_explorer"}) {
-        if (MsiSetPropertyW(session, property, record.c_str()) != ERROR_SUCCESS) {
-            return ERROR_INSTALL_FAILURE;
-        }
+        set_property(log.session(), property, record, "Cannot record Explorer session");
     }
-    const log_callback log = [&](const std::wstring& text) {
-        msi_log(session, L"Custom action: close_and_kill_our_processes: " + text);
-    };
-    log(L"Starting...");
+    const auto line = [&log](const std::wstring& text) { log.line(text); };
+    line(L"Starting...");
 
-    name_list residents = our_process_images();
-    residents.emplace_back(L"Quorbel.SystemTray.exe"); // only here is the tray closed
-    const process_list running = find_processes_by_image(residents, listing::lenient);
-    log_process_group(log, L"Resident processes", running);
-    close_processes(running, 5000);
+    const process_list residents = find_processes_by_image(RESIDENT_IMAGES, listing::lenient);
+    log_process_group(line, L"Resident processes", residents);
+    close_processes(residents, RESIDENT_LIMIT_MS);
 
-    const process_list hosts = find_shell_hosts(shell_host_images(), our_shell_modules());
-    log_process_group(log, L"Shell extension hosts", hosts);
-    close_processes(hosts, 1000);
+    const process_list hosts = find_shell_hosts(shell_host_images, our_shell_modules);
+    log_process_group(line, L"Shell extension hosts", hosts);
+    close_processes(hosts, HOST_LIMIT_MS);
 
-    release_hook(session);
-    log(L"Completed.");
-    return ERROR_SUCCESS;
+    release_hook(log.session());
+    line(L"Completed.");
 }
 
 } // namespace custom_actions

@@ -8,10 +8,10 @@ namespace custom_actions {
 
 thread_identity::thread_identity(const char* failure)
 {
-    if (!OpenThreadToken(GetCurrentThread(), TOKEN_IMPERSONATE | TOKEN_QUERY, TRUE, saved_token_.put()) &&
-        GetLastError() != ERROR_NO_TOKEN) {
-        throw_last_error(failure);
-    }
+    check_bool(
+        OpenThreadToken(GetCurrentThread(), TOKEN_IMPERSONATE | TOKEN_QUERY, TRUE, saved_token_.put()) ||
+            GetLastError() == ERROR_NO_TOKEN,
+        failure);
 }
 
 thread_identity::~thread_identity()
@@ -25,9 +25,7 @@ thread_identity::~thread_identity()
 
 void thread_identity::impersonate(HANDLE user, const char* failure)
 {
-    if (!ImpersonateLoggedOnUser(user)) {
-        throw_last_error(failure);
-    }
+    check_bool(ImpersonateLoggedOnUser(user), failure);
     impersonating_ = true;
 }
 

@@ -7,31 +7,22 @@
 namespace custom_actions {
 namespace {
 
-struct environment_block_traits {
-    using handle_type = void*;
-
-    static bool is_open(handle_type handle) noexcept { return handle != nullptr; }
-
-    static void close(handle_type handle) noexcept { DestroyEnvironmentBlock(handle); }
-};
-
-using environment_block = scoped_handle<environment_block_traits>;
+using environment_block = scoped_handle<void*, DestroyEnvironmentBlock>;
 
 } // namespace
 
 kernel_handle start_as_user(HANDLE user, const user_program& program)
 {
     environment_block environment;
-    if (!CreateEnvironmentBlock(environment.put(), user, FALSE)) {
-        throw_last_error(program.environment_failure);
-    }
+    check_bool(CreateEnvironmentBlock(environment.put(), user, FALSE), program.environment_failure);
     std::wstring command_line = program.command_line;
     std::wstring desktop = LR"(winsta0\default)";
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     startup.lpDesktop = desktop.data();
     PROCESS_INFORMATION started{};
-    if (!CreateProcessAsUserW(
+    check_bool(
+        CreateProcessAsUserW(
             user,
             program.path.c_str(),
             command_line.data(),
@@ -42,9 +33,8 @@ kernel_handle start_as_user(HANDLE user, const user_program& program)
             environment.get(),
             program.directory.c_str(),
             &startup,
-            &started)) {
-        throw_last_error(program.start_failure);
-    }
+            &started),
+        program.start_failure);
     const kernel_handle thread{started.hThread};
     return kernel_handle{started.hProcess};
 }

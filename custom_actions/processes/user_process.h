@@ -8,18 +8,18 @@
 
 namespace custom_actions {
 
-// A program to start on the desktop of the user whose token is at hand.
+// A program to start on a user's desktop.
 struct user_program {
     std::wstring path;
-    std::wstring command_line; // quoted as need be, with the program in front
-    std::wstring directory;    // where it starts
+    std::wstring command_line; // the quoted program and its arguments
+    std::wstring directory;    // its current directory
     DWORD creation_flags;      // besides CREATE_UNICODE_ENVIRONMENT
     const char* environment_failure;
     const char* start_failure;
 };
 
-// Starts the program with the user's own environment and without any handle of ours, and returns its process.
-// Throws windows_error `environment_failure` or `start_failure`.
+// Starts the program with the user's own environment; it inherits no handle. Returns its process. Throws
+// windows_error `environment_failure` or `start_failure`.
 kernel_handle start_as_user(HANDLE user, const user_program& program);
 
 } // namespace custom_actions

@@ -1,6 +1,8 @@
 #include "custom_actions/search/search_service.h"
 
+#include "custom_actions/common/scoped_handle.h"
 #include "custom_actions/common/windows_error.h"
+#include "custom_actions/search/transition.h"
 
 #include <cstddef>
 #include <stdexcept>
@@ -10,19 +12,45 @@
 namespace custom_actions {
 namespace {
 
-constexpr ULONGLONG TRANSITION_LIMIT_MS = 60'000;
 constexpr DWORD POLL_MS = 250;
-constexpr const char* START_TYPE_FAILURE = "Cannot change Windows Search startup type";
+
+// An empty handle if the service is not installed.
+service_handle open_search_service(DWORD access)
+{
+    const service_handle manager{OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT)};
+    check_bool(manager, "Cannot open service manager");
+    service_handle service{OpenServiceW(manager.get(), L"WSearch", access)};
+    check_bool(service || GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST, "Cannot open Windows Search");
+    return service;
+}
+
+// Throws windows_error `failure` if the service cannot be opened or is not installed.
+service_handle require_search_service(DWORD access, const char* failure)
+{
+    try {
+        if (service_handle service = open_search_service(access)) {
+            return service;
+        }
+    } catch (const windows_error& error) {
+        throw windows_error{failure, error.code()};
+    }
+    throw windows_error{failure, ERROR_SERVICE_DOES_NOT_EXIST};
+}
 
 SERVICE_STATUS_PROCESS query_status(SC_HANDLE service)
 {
     SERVICE_STATUS_PROCESS status{};
     DWORD size = 0;
-    if (!QueryServiceStatusEx(
-            service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof status, &size)) {
-        throw_last_error("Cannot query Windows Search");
-    }
+    check_bool(
+        QueryServiceStatusEx(
+            service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof status, &size),
+        "Cannot query Windows Search");
     return status;
+}
+
+DWORD query_search_state(SC_HANDLE service)
+{
+    return query_status(service).dwCurrentState;
 }
 
 [[noreturn]] void throw_timed_out(DWORD expected, const SERVICE_STATUS_PROCESS& last, ULONGLONG elapsed)
@@ -42,78 +70,56 @@ SERVICE_STATUS_PROCESS query_status(SC_HANDLE service)
     throw std::runtime_error{message};
 }
 
+void wait_for_search_state(SC_HANDLE service, DWORD expected)
+{
+    using enum service_transition::verdict;
+    const ULONGLONG start = GetTickCount64();
+    service_transition transition{expected, query_status(service), start};
+    for (;;) {
+        const SERVICE_STATUS_PROCESS status = query_status(service);
+        const ULONGLONG now = GetTickCount64();
+        switch (transition.observe(status, now)) {
+        case reached:
+            return;
+        case give_up:
+            throw_timed_out(expected, status, transition.elapsed(now));
+        case wait:
+            Sleep(POLL_MS);
+        }
+    }
+}
+
 bool is_start_type(DWORD type) noexcept
 {
     return type == SERVICE_AUTO_START || type == SERVICE_DEMAND_START || type == SERVICE_DISABLED;
 }
 
-void require_start_type(DWORD type)
+// Returns the service, open for further changes of its configuration.
+service_handle change_start_type(DWORD type)
 {
+    constexpr const char* failure = "Cannot change Windows Search startup type";
     if (!is_start_type(type)) {
         throw std::runtime_error{"Invalid Windows Search startup type"};
     }
-}
-
-} // namespace
-
-service_handle open_search_service(DWORD access)
-{
-    const service_handle manager{OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT)};
-    if (!manager) {
-        throw_last_error("Cannot open service manager");
-    }
-    service_handle service{OpenServiceW(manager.get(), L"WSearch", access)};
-    if (!service && GetLastError() != ERROR_SERVICE_DOES_NOT_EXIST) {
-        throw_last_error("Cannot open Windows Search");
-    }
+    service_handle service = require_search_service(SERVICE_CHANGE_CONFIG, failure);
+    check_bool(
+        ChangeServiceConfigW(
+            service.get(),
+            SERVICE_NO_CHANGE,
+            type,
+            SERVICE_NO_CHANGE,
+            nullptr,
+            nullptr,
+            nullptr,
+            nullptr,
+            nullptr,
+            nullptr,
+            nullptr),
+        failure);
     return service;
 }
 
-service_handle require_search_service(DWORD access, const char* failure)
-{
-    try {
-        if (service_handle service = open_search_service(access)) {
-            return service;
-        }
-    } catch (const windows_error& error) {
-        throw windows_error{failure, error.code()};
-    }
-    throw windows_error{failure, ERROR_SERVICE_DOES_NOT_EXIST};
-}
-
-DWORD query_search_state(SC_HANDLE service)
-{
-    return query_status(service).dwCurrentState;
-}
-
-DWORD search_stall_limit(DWORD wait_hint_ms) noexcept
-{
-    return wait_hint_ms >= 1000 && wait_hint_ms <= 30'000 ? wait_hint_ms : 30'000;
-}
-
-void wait_for_search_state(SC_HANDLE service, DWORD expected)
-{
-    const ULONGLONG start = GetTickCount64();
-    ULONGLONG last_progress = start;
-    SERVICE_STATUS_PROCESS last_seen = query_status(service);
-    for (;;) {
-        const SERVICE_STATUS_PROCESS status = query_status(service);
-        if (status.dwCurrentState == expected) {
-            return;
-        }
-        const ULONGLONG now = GetTickCount64();
-        if (status.dwCurrentState != last_seen.dwCurrentState ||
-            status.dwCheckPoint > last_seen.dwCheckPoint) {
-            last_progress = now;
-        }
-        if (now - start >= TRANSITION_LIMIT_MS ||
-            now - last_progress >= search_stall_limit(status.dwWaitHint)) {
-            throw_timed_out(expected, status, now - start);
-        }
-        last_seen = status;
-        Sleep(POLL_MS);
-    }
-}
+} // namespace
 
 bool search_is_running()
 {
@@ -135,40 +141,57 @@ std::optional<DWORD> read_search_start_type()
         return std::nullopt;
     }
     DWORD size = 0;
-    if (QueryServiceConfigW(service.get(), nullptr, 0, &size) ||
-        GetLastError() != ERROR_INSUFFICIENT_BUFFER || size == 0) {
-        throw_last_error("Cannot size Windows Search configuration");
-    }
+    check_bool(
+        !QueryServiceConfigW(service.get(), nullptr, 0, &size) &&
+            GetLastError() == ERROR_INSUFFICIENT_BUFFER && size != 0,
+        "Cannot size Windows Search configuration");
     std::vector<std::byte> buffer(size);
     auto* const configuration = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
-    if (!QueryServiceConfigW(service.get(), configuration, size, &size)) {
-        throw_last_error("Cannot read Windows Search configuration");
-    }
+    check_bool(
+        QueryServiceConfigW(service.get(), configuration, size, &size),
+        "Cannot read Windows Search configuration");
     if (!is_start_type(configuration->dwStartType)) {
         throw std::runtime_error{"Unexpected Windows Search startup type"};
     }
     return configuration->dwStartType;
 }
 
-service_handle set_search_start_type(DWORD type)
+bool search_is_installed()
 {
-    require_start_type(type);
-    service_handle service = require_search_service(SERVICE_CHANGE_CONFIG, START_TYPE_FAILURE);
-    if (!ChangeServiceConfigW(
+    return read_search_start_type().has_value();
+}
+
+bool search_starts_delayed()
+{
+    constexpr const char* failure = "Cannot read Windows Search delayed start";
+    const service_handle service = require_search_service(SERVICE_QUERY_CONFIG, failure);
+    SERVICE_DELAYED_AUTO_START_INFO delayed{};
+    DWORD size = 0;
+    check_bool(
+        QueryServiceConfig2W(
             service.get(),
-            SERVICE_NO_CHANGE,
-            type,
-            SERVICE_NO_CHANGE,
-            nullptr,
-            nullptr,
-            nullptr,
-            nullptr,
-            nullptr,
-            nullptr,
-            nullptr)) {
-        throw_last_error(START_TYPE_FAILURE);
+            SERVICE_CONFIG_DELAYED_AUTO_START_INFO,
+            reinterpret_cast<BYTE*>(&delayed),
+            sizeof delayed,
+            &size),
+        failure);
+    return delayed.fDelayedAutostart != FALSE;
+}
+
+void set_search_start_type(DWORD type)
+{
+    change_start_type(type);
+}
+
+void restore_search_start_type(DWORD type, bool delayed)
+{
+    const service_handle service = change_start_type(type);
+    if (type == SERVICE_AUTO_START) {
+        SERVICE_DELAYED_AUTO_START_INFO info{.fDelayedAutostart = delayed};
+        check_bool(
+            ChangeServiceConfig2W(service.get(), SERVICE_CONFIG_DELAYED_AUTO_START_INFO, &info),
+            "Cannot restore Windows Search delayed start");
     }
-    return service;
 }
 
 void stop_search_service()
@@ -182,9 +205,9 @@ void stop_search_service()
         return;
     }
     SERVICE_STATUS status{};
-    if (state != SERVICE_STOP_PENDING && !ControlService(service.get(), SERVICE_CONTROL_STOP, &status)) {
-        throw_last_error("Cannot stop Windows Search");
-    }
+    check_bool(
+        state == SERVICE_STOP_PENDING || ControlService(service.get(), SERVICE_CONTROL_STOP, &status),
+        "Cannot stop Windows Search");
     wait_for_search_state(service.get(), SERVICE_STOPPED);
 }
 
@@ -202,9 +225,9 @@ void start_search_service()
     if (state == SERVICE_RUNNING) {
         return;
     }
-    if (!StartServiceW(service.get(), 0, nullptr) && GetLastError() != ERROR_SERVICE_ALREADY_RUNNING) {
-        throw_last_error("Cannot restart Windows Search");
-    }
+    check_bool(
+        StartServiceW(service.get(), 0, nullptr) || GetLastError() == ERROR_SERVICE_ALREADY_RUNNING,
+        "Cannot restart Windows Search");
     wait_for_search_state(service.get(), SERVICE_RUNNING);
 }
 

@@ -9,6 +9,7 @@
 namespace custom_actions {
 namespace {
 
+constexpr DWORD TEXT_SIZE = 8192; // bytes
 constexpr const wchar_t* APPLIED_VALUE = L"sorvane_drive_icon_applied";
 constexpr const wchar_t* HAD_ORIGINAL_VALUE = L"sorvane_drive_icon_had_original";
 constexpr const wchar_t* ORIGINAL_VALUE = L"sorvane_drive_icon_original";
@@ -16,7 +17,7 @@ constexpr const wchar_t* ORIGINAL_VALUE = L"sorvane_drive_icon_original";
 std::optional<std::wstring> read_text(const registry_key& key, const wchar_t* name)
 {
     registry_value value;
-    return key.read(name, 8192, value) == ERROR_SUCCESS ? value.wide_text() : std::nullopt;
+    return key.read(name, TEXT_SIZE, value) == ERROR_SUCCESS ? value.wide_text() : std::nullopt;
 }
 
 bool had_original_icon(const registry_key& key)
@@ -59,8 +60,8 @@ bool restore_drive_icon(wchar_t letter)
     if (!(had_original_icon(key) ? restore_original_icon(key) : delete_applied_icon(key))) {
         return false;
     }
-    for (const wchar_t* note : {HAD_ORIGINAL_VALUE, ORIGINAL_VALUE, APPLIED_VALUE}) {
-        key.delete_value(note);
+    for (const wchar_t* name : {HAD_ORIGINAL_VALUE, ORIGINAL_VALUE, APPLIED_VALUE}) {
+        key.delete_value(name);
     }
     return true;
 }

@@ -8,10 +8,10 @@
 // with their dot and stand in registry paths as they are.
 namespace custom_actions {
 
-// Compared byte for byte: the same class in other letters is not ours.
+// Compared byte for byte: the same class in another case is not ours.
 inline constexpr std::string_view PROPERTY_HANDLER_CLSID = "{73A6EEEE-36B5-4536-A731-8F92EF883087}";
 
-// In the order of registration, which is not quite alphabetical: it stays as it is.
+// In the order of registration, which is deliberately not quite alphabetical.
 inline constexpr std::array<std::string_view, 63> SHARED_EXTENSIONS{
     ".arw",  ".asm",  ".aspx",        ".avi",  ".bat",  ".bmp",    ".c",    ".cmd",  ".config",
     ".cpp",  ".cs",   ".csv",         ".d64",  ".dll",  ".doc",    ".docx", ".gif",  ".gfie",
@@ -29,15 +29,15 @@ inline constexpr auto PROPERTY_HANDLER_EXTENSIONS = [] {
     return extensions;
 }();
 
-// Where somebody else's handler is replaced, and kept in a backup; everywhere else it stays in place.
+// The types for which somebody else's handler is replaced, and kept in a backup.
 inline constexpr std::array<std::string_view, 11> FORCE_OVERRIDE_EXTENSIONS{
     ".arw", ".bmp", ".gif", ".heic", ".ico", ".jpeg", ".jpg", ".tif", ".tiff", ".url", ".webp"};
 
-// The images whose lists get the place and the address besides.
+// The images whose lists get the place and the address as well.
 inline constexpr std::array<std::string_view, 7> EXTENDED_DETAILS_EXTENSIONS{
     ".arw", ".heic", ".jpeg", ".jpg", ".tif", ".tiff", ".webp"};
 
-// Stands beside the others; no action reads it.
+// Kept with the others; no action reads it.
 inline constexpr std::array<std::string_view, 11> MEDIA_EXTENSIONS{
     ".arw", ".heic", ".jpeg", ".jpg", ".jxl", ".mp3", ".mp4", ".tif", ".tiff", ".wma", ".wmv"};
 
@@ -47,11 +47,23 @@ inline constexpr std::string_view FULL_DETAILS_LIST =
     "System.DateCreated;System.DateModified;System.Size;System.FileAttributes;"
     "System.OfflineAvailability;System.OfflineStatus;System.SharedWith;System.FileOwner;System.ComputerName";
 
-// The same five properties in two orders, both as they should be.
+// The same five properties, deliberately in two orders.
 inline constexpr std::string_view PREVIEW_DETAILS_LIST =
     "prop:System.ItemType;System.Comment;System.Keywords;System.Rating;System.Size";
 inline constexpr std::string_view INFOTIP_LIST =
     "prop:System.ItemType;System.Keywords;System.Rating;System.Comment;System.Size";
+
+struct details_list {
+    const char* value; // its name in the registry
+    std::string_view text;
+};
+
+// The lists as they are written under each type, in this order.
+inline constexpr std::array<details_list, 3> DETAILS_LISTS{{
+    {.value = "FullDetails", .text = FULL_DETAILS_LIST},
+    {.value = "PreviewDetails", .text = PREVIEW_DETAILS_LIST},
+    {.value = "InfoTip", .text = INFOTIP_LIST},
+}};
 
 inline constexpr std::string_view INFOTIP_EXTRA_PROPERTY = "System.Calendar.Location";
 

@@ -1,7 +1,5 @@
-#include "custom_actions/common/installer_session.h"
 #include "custom_actions/common/registry_key.h"
 #include "custom_actions/common/text.h"
-#include "custom_actions/common/windows_error.h"
 #include "custom_actions/shell_registration/icon_handler.h"
 
 #include <shlobj.h>
@@ -9,22 +7,25 @@
 
 #include <algorithm>
 #include <cwchar>
+#include <string>
+#include <vector>
 
 namespace custom_actions {
 namespace {
 
-// The text of a value of at most 2048 bytes; empty where it is not there, cannot be read or is no text.
+// The text of a value; empty if it is not there, cannot be read or is no text.
 std::wstring text_of(HKEY root, const std::wstring& path, const wchar_t* name)
 {
     registry_key key;
     registry_value value;
-    if (key.open(root, path, KEY_READ) != ERROR_SUCCESS || key.read(name, 2048, value) != ERROR_SUCCESS) {
+    if (key.open(root, path, KEY_READ) != ERROR_SUCCESS ||
+        key.read(name, ICON_HANDLER_SIZE, value) != ERROR_SUCCESS) {
         return {};
     }
     return value.wide_text().value_or(L"");
 }
 
-// The ProgId by which the shell opens files of the type; empty where it names none.
+// The ProgId by which the shell opens files of the type; empty if there is none.
 std::wstring associated_progid(const std::wstring& type)
 {
     DWORD length = 0;
@@ -57,38 +58,8 @@ std::vector<std::wstring> value_names(const std::wstring& path)
     return names;
 }
 
-void register_for_type(std::wstring type)
-{
-    if (!type.starts_with(L'.')) {
-        type.insert(0, 1, L'.');
-    }
-    const auto set_handler = [](const std::wstring& path) {
-        set_handler_with_backup(
-            path + LR"(\ShellEx\IconHandler)", L"", ICON_HANDLER_CLSID, ICON_HANDLER_BACKUP_VALUE);
-    };
-    set_handler(LR"(Software\Classes\SystemFileAssociations\)" + type);
-    for (const std::wstring& progid : collect_progids(type)) {
-        set_handler(LR"(Software\Classes\)" + progid);
-    }
-}
-
-} // namespace
-
-void set_handler_with_backup(
-    const std::wstring& path, const wchar_t* name, const std::wstring& data, const wchar_t* backup_name)
-{
-    registry_key key;
-    if (const LSTATUS status = key.create(HKEY_CURRENT_USER, path, KEY_READ_WRITE | native_registry_view());
-        status != ERROR_SUCCESS) {
-        throw windows_error{"Failed to create/open registry key", static_cast<DWORD>(status)};
-    }
-    const std::wstring current = key.whole_text(name, 2048);
-    if (!current.empty() && current != data && key.whole_text(backup_name, 2048).empty()) {
-        key.write_text(backup_name, current);
-    }
-    key.write_text(name, data);
-}
-
+// Adds a ProgId unless it is empty, "*", a packaged application's ("AppX...") or known already. Case does not
+// count.
 void add_progid(std::vector<std::wstring>& progids, const std::wstring& progid)
 {
     const bool known = std::ranges::any_of(
@@ -99,17 +70,15 @@ void add_progid(std::vector<std::wstring>& progids, const std::wstring& progid)
     }
 }
 
+// The ProgIds that serve the file type (".ico"), each once, in the spelling that was found first.
 std::vector<std::wstring> collect_progids(const std::wstring& type)
 {
     const std::wstring classes = LR"(Software\Classes\)" + type;
+    const std::wstring choice =
+        LR"(Software\Microsoft\Windows\CurrentVersion\Explorer\FileExts\)" + type + LR"(\UserChoice)";
     std::vector<std::wstring> progids;
     add_progid(progids, associated_progid(type));
-    add_progid(
-        progids,
-        text_of(
-            HKEY_CURRENT_USER,
-            LR"(Software\Microsoft\Windows\CurrentVersion\Explorer\FileExts\)" + type + LR"(\UserChoice)",
-            L"ProgId"));
+    add_progid(progids, text_of(HKEY_CURRENT_USER, choice, L"ProgId"));
     add_progid(progids, text_of(HKEY_CURRENT_USER, classes, L""));
     add_progid(progids, text_of(HKEY_CLASSES_ROOT, type, L""));
     for (const std::wstring& name : value_names(classes + LR"(\OpenWithProgids)")) {
@@ -118,14 +87,36 @@ std::vector<std::wstring> collect_progids(const std::wstring& type)
     return progids;
 }
 
-void register_icon_handler(MSIHANDLE session)
+// Makes the suite's handler the one of `HKEY_CURRENT_USER\<path>`. Another handler is kept beside it, unless
+// there is an earlier backup that can be read. Throws windows_error "Failed to create/open registry key".
+void set_handler_with_backup(const std::wstring& path)
 {
-    msi_log(session, L"Custom action: iconhandler_add_defaults_to_registry: Starting...");
-    for (const wchar_t* type : {L".ini", L".ico"}) {
-        register_for_type(type);
+    const std::wstring slot = path + LR"(\ShellEx\IconHandler)";
+    registry_key key;
+    check_win32(
+        key.create(HKEY_CURRENT_USER, slot, KEY_READ_WRITE | native_registry_view()),
+        "Failed to create/open registry key");
+    const std::wstring current = key.whole_text(L"", ICON_HANDLER_SIZE);
+    if (!current.empty() && current != ICON_HANDLER_CLSID &&
+        key.whole_text(ICON_HANDLER_BACKUP_VALUE, ICON_HANDLER_SIZE).empty()) {
+        key.write_text(ICON_HANDLER_BACKUP_VALUE, current);
+    }
+    key.write_text(L"", ICON_HANDLER_CLSID);
+}
+
+} // namespace
+
+void register_icon_handler(const action_log& log)
+{
+    log.line(L"Starting...");
+    for (const std::wstring type : {L".ini", L".ico"}) {
+        set_handler_with_backup(LR"(Software\Classes\SystemFileAssociations\)" + type);
+        for (const std::wstring& progid : collect_progids(type)) {
+            set_handler_with_backup(LR"(Software\Classes\)" + progid);
+        }
     }
     SHChangeNotify(SHCNE_ASSOCCHANGED, SHCNF_IDLIST, nullptr, nullptr);
-    msi_log(session, L"Custom action: iconhandler_add_defaults_to_registry: Registry updated successfully.");
+    log.line(L"Registry updated successfully.");
 }
 
 } // namespace custom_actions

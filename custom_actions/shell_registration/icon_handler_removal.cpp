@@ -1,10 +1,12 @@
-#include "custom_actions/common/installer_session.h"
 #include "custom_actions/common/registry_key.h"
 #include "custom_actions/common/text.h"
 #include "custom_actions/shell_registration/drive_icons.h"
 #include "custom_actions/shell_registration/icon_handler.h"
 
 #include <shlobj.h>
+
+#include <string>
+#include <vector>
 
 namespace custom_actions {
 namespace {
@@ -17,37 +19,51 @@ std::wstring below(const std::wstring& path, const std::wstring& name)
     return path + L'\\' + name;
 }
 
-enum class slot_state { left_alone, restored, to_be_deleted };
-
-// Looks into one slot, and gives back the handler that the suite's replaced. The backup goes only when its
-// content is back in its place.
-slot_state restore_slot(const std::wstring& path)
+// Looks into one slot, and gives back the handler that the suite's replaced. Returns whether the slot is the
+// suite's and there is nothing to give back: it is to be deleted. The backup goes only once its content is
+// back in its place.
+bool restore_slot(const std::wstring& path)
 {
     registry_key key;
     if (key.open(HKEY_CURRENT_USER, path, KEY_READ_WRITE) != ERROR_SUCCESS ||
-        !equal_ignoring_case(key.whole_text(L"", 2048), ICON_HANDLER_CLSID)) {
-        return slot_state::left_alone;
+        !equal_ignoring_case(key.whole_text(L"", ICON_HANDLER_SIZE), ICON_HANDLER_CLSID)) {
+        return false;
     }
-    const std::wstring backup = key.whole_text(ICON_HANDLER_BACKUP_VALUE, 2048);
+    const std::wstring backup = key.whole_text(ICON_HANDLER_BACKUP_VALUE, ICON_HANDLER_SIZE);
     if (backup.empty()) {
-        return slot_state::to_be_deleted;
+        return true;
     }
     if (key.write_text(L"", backup) == ERROR_SUCCESS) {
         key.delete_value(ICON_HANDLER_BACKUP_VALUE);
     }
-    return slot_state::restored;
+    return false;
 }
 
-// Deletes the slot of one type or ProgId, and "ShellEx" with it once that has no subkeys.
+// Deletes the slot of one type or ProgId, and "ShellEx" with it if that has no other subkeys.
 void delete_slot(const std::wstring& owner, const std::wstring& slot)
 {
     registry_key key;
-    if (key.open(HKEY_CURRENT_USER, owner + LR"(\ShellEx)", KEY_WRITE | KEY_QUERY_VALUE) != ERROR_SUCCESS ||
-        key.delete_subkey(slot.c_str()) != ERROR_SUCCESS) {
+    if (key.open(HKEY_CURRENT_USER, owner + LR"(\ShellEx)", KEY_WRITE | KEY_QUERY_VALUE) == ERROR_SUCCESS &&
+        key.delete_subkey(slot.c_str()) == ERROR_SUCCESS && key.has_no_subkeys() &&
+        key.open(HKEY_CURRENT_USER, owner, KEY_WRITE) == ERROR_SUCCESS) {
+        key.delete_subkey(L"ShellEx");
+    }
+}
+
+// Takes the suite's handler out of the slot of every key below HKEY_CURRENT_USER\`root`. The keys themselves
+// stay, so that enumerating them by index is safe.
+void sweep_handler_slot(const std::wstring& root, const std::wstring& slot)
+{
+    registry_key key;
+    if (key.open(HKEY_CURRENT_USER, root, KEY_READ) != ERROR_SUCCESS) {
         return;
     }
-    if (key.has_no_subkeys() && key.open(HKEY_CURRENT_USER, owner, KEY_WRITE) == ERROR_SUCCESS) {
-        key.delete_subkey(L"ShellEx");
+    std::wstring name;
+    for (DWORD index = 0; key.enumerate_subkey(index, name) == ERROR_SUCCESS; ++index) {
+        const std::wstring owner = below(root, name);
+        if (restore_slot(below(owner + LR"(\ShellEx)", slot))) {
+            delete_slot(owner, slot);
+        }
     }
 }
 
@@ -72,16 +88,9 @@ void clear_treatment(const std::wstring& type)
 {
     const std::wstring path = below(FILE_ASSOCIATIONS, type);
     DWORD marker = 0;
-    DWORD size = sizeof marker;
     registry_key key;
-    if (RegGetValueW(
-            HKEY_CURRENT_USER,
-            path.c_str(),
-            TREATMENT_MARKER_VALUE,
-            RRF_RT_REG_DWORD,
-            nullptr,
-            &marker,
-            &size) == ERROR_SUCCESS &&
+    if (read_number(HKEY_CURRENT_USER, path.c_str(), TREATMENT_MARKER_VALUE, RRF_RT_REG_DWORD, marker) ==
+            ERROR_SUCCESS &&
         marker != 0 && key.open(HKEY_CURRENT_USER, path, KEY_READ_WRITE) == ERROR_SUCCESS) {
         key.delete_value(L"Treatment");
         key.delete_value(TREATMENT_MARKER_VALUE);
@@ -90,24 +99,9 @@ void clear_treatment(const std::wstring& type)
 
 } // namespace
 
-void sweep_handler_slot(const std::wstring& root, const std::wstring& slot)
+UINT remove_icon_handler(const action_log& log)
 {
-    registry_key key;
-    if (key.open(HKEY_CURRENT_USER, root, KEY_READ) != ERROR_SUCCESS) {
-        return;
-    }
-    std::wstring name;
-    for (DWORD index = 0; key.enumerate_subkey(index, name) == ERROR_SUCCESS; ++index) {
-        const std::wstring owner = below(root, name);
-        if (restore_slot(below(owner + LR"(\ShellEx)", slot)) == slot_state::to_be_deleted) {
-            delete_slot(owner, slot);
-        }
-    }
-}
-
-UINT remove_icon_handler(MSIHANDLE session)
-{
-    msi_log(session, L"Custom action: iconhandler_remove_registry: Starting...");
+    log.line(L"Starting...");
     for (const wchar_t* root : {CLASSES, FILE_ASSOCIATIONS}) {
         sweep_handler_slot(root, L"IconHandler");
     }
@@ -119,14 +113,11 @@ UINT remove_icon_handler(MSIHANDLE session)
     }
 
     if (!restore_drive_icons()) {
-        msi_message(
-            session,
-            INSTALLMESSAGE_ERROR,
-            L"Custom action: iconhandler_remove_registry: Failed to update registry.");
+        log.error(L"Failed to update registry.");
         return ERROR_INSTALL_FAILURE;
     }
     SHChangeNotify(SHCNE_ASSOCCHANGED, SHCNF_IDLIST, nullptr, nullptr);
-    msi_log(session, L"Custom action: iconhandler_remove_registry: Registry updated successfully.");
+    log.line(L"Registry updated successfully.");
     return ERROR_SUCCESS;
 }
 

@@ -1,4 +1,3 @@
-#include "custom_actions/common/installer_session.h"
 #include "custom_actions/shell_registration/file_type_tables.h"
 #include "custom_actions/shell_registration/property_handler.h"
 #include "custom_actions/shell_registration/property_lists.h"
@@ -8,10 +7,10 @@
 namespace custom_actions {
 namespace {
 
-// Every key is opened without a view flag: the library is a 64-bit one, and removal leaves it at that.
+// Every key is opened without a view flag: the library is a 64-bit one, and removal relies on that.
 
-// The extensions whose handler is the suite's, in the order of the registry, complete before anything is
-// changed.
+// The extensions whose handler is the suite's, in the order of the registry. The list is complete before
+// anything is changed.
 std::vector<std::string> our_extensions(const registry_key& handlers)
 {
     std::vector<std::string> extensions;
@@ -20,16 +19,17 @@ std::vector<std::string> our_extensions(const registry_key& handlers)
         registry_key key;
         registry_value handler;
         if (key.open(handlers.get(), extension, KEY_READ) == ERROR_SUCCESS &&
-            key.read("", 1024, handler) == ERROR_SUCCESS && handler.text() == PROPERTY_HANDLER_CLSID) {
+            key.read("", HANDLER_SIZE, handler) == ERROR_SUCCESS &&
+            handler.text() == PROPERTY_HANDLER_CLSID) {
             extensions.push_back(extension);
         }
     }
     return extensions;
 }
 
-// Writes the detail list back as `change` has it, where it changes anything.
+// Writes the detail list back as `change` returns it; nothing means that it stays as it is.
 template <class Change>
-void change_details_list(const std::string& extension, const char* name, DWORD limit, const Change& change)
+void change_details_list(const std::string& extension, const char* name, DWORD limit, Change change)
 {
     registry_key key;
     if (key.open(HKEY_LOCAL_MACHINE, file_association_path(extension), KEY_READ_WRITE) != ERROR_SUCCESS) {
@@ -40,14 +40,15 @@ void change_details_list(const std::string& extension, const char* name, DWORD l
     }
 }
 
-// Gives the extension the handler back that it had before; false if none is kept that can be read. The backup
-// goes only when its content is back in its place.
+// Gives the extension the handler back that it had before; false if no backup can be read. The backup goes
+// only once its content is back in its place.
 bool restore_foreign_handler(const std::string& extension)
 {
     registry_key key;
     registry_value original;
     if (key.open(HKEY_LOCAL_MACHINE, property_handler_path(extension), KEY_READ_WRITE) != ERROR_SUCCESS ||
-        key.read_whole(ORIGINAL_HANDLER_VALUE, 1024, original) != ERROR_SUCCESS || original.text().empty()) {
+        key.read_whole(ORIGINAL_HANDLER_VALUE, HANDLER_SIZE, original) != ERROR_SUCCESS ||
+        original.text().empty()) {
         return false;
     }
     if (key.write_raw_text("", original.data) == ERROR_SUCCESS) {
@@ -56,27 +57,23 @@ bool restore_foreign_handler(const std::string& extension)
     return true;
 }
 
+// Deletes the list if it is exactly the suite's; returns whether it did.
+bool delete_value_if_matches(const registry_key& key, const char* name, std::string_view expected)
+{
+    return read_details_list(key, name, FULL_DETAILS_LIMIT) == expected &&
+           key.delete_value(name) == ERROR_SUCCESS;
+}
+
 void remove_details_lists(const std::string& extension)
 {
-    struct row {
-        const char* value;
-        std::string_view list;
-    };
-
-    static constexpr row rows[]{
-        {.value = "FullDetails", .list = FULL_DETAILS_LIST},
-        {.value = "PreviewDetails", .list = PREVIEW_DETAILS_LIST},
-        {.value = "InfoTip", .list = INFOTIP_LIST},
-    };
-
     const std::string path = file_association_path(extension);
     registry_key key;
     if (key.open(HKEY_LOCAL_MACHINE, path, KEY_READ_WRITE) != ERROR_SUCCESS) {
         return;
     }
-    for (const auto& [value, list] : rows) {
-        if (delete_value_if_matches(key, value, list)) {
-            write_console_line("  - Removed matching " + std::string{value} + ".");
+    for (const auto& [name, list] : DETAILS_LISTS) {
+        if (delete_value_if_matches(key, name, list)) {
+            write_console_line("  - Removed matching " + std::string{name} + ".");
         }
     }
     if (key.is_empty()) {
@@ -85,12 +82,12 @@ void remove_details_lists(const std::string& extension)
     }
 }
 
-// Whether the extension's handler is gone.
+// Returns whether the suite's handler is gone.
 bool remove_extension(const registry_key& handlers, const std::string& extension)
 {
-    change_details_list(extension, "InfoTip", 2048, without_infotip_extra);
+    change_details_list(extension, "InfoTip", INFOTIP_LIMIT, without_infotip_extra);
     for (const std::string_view property : FULL_DETAILS_EXTRA_PROPERTIES) {
-        change_details_list(extension, "FullDetails", 4096, [&](const std::string& list) {
+        change_details_list(extension, "FullDetails", FULL_DETAILS_LIMIT, [&](const std::string& list) {
             return without_full_details_extra(list, property);
         });
     }
@@ -118,27 +115,14 @@ bool remove_handlers()
 
 } // namespace
 
-bool delete_value_if_matches(const registry_key& key, const char* name, std::string_view expected)
+UINT remove_property_handler(const action_log& log)
 {
-    registry_value value;
-    if (key.read(name, 4096, value) != ERROR_SUCCESS) {
-        return false;
-    }
-    const std::string text = value.text();
-    return !text.empty() && text == expected && key.delete_value(name) == ERROR_SUCCESS;
-}
-
-UINT remove_property_handler(MSIHANDLE session)
-{
-    msi_log(session, L"Custom action: propertyhandler_removeregistry: Starting...");
+    log.line(L"Starting...");
     if (remove_handlers()) {
-        msi_log(session, L"Custom action: propertyhandler_removeregistry: Registry updated successfully.");
+        log.line(L"Registry updated successfully.");
         return ERROR_SUCCESS;
     }
-    msi_message(
-        session,
-        INSTALLMESSAGE_ERROR,
-        L"Custom action: propertyhandler_removeregistry: Failed to update registry.");
+    log.error(L"Failed to update registry.");
     return ERROR_INSTALL_FAILURE;
 }
 

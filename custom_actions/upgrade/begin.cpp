@@ -3,6 +3,7 @@
 #include "custom_actions/common/windows_error.h"
 #include "custom_actions/packages/powershell.h"
 #include "custom_actions/processes/process_inventory.h"
+#include "custom_actions/processes/program_tables.h"
 #include "custom_actions/search/search_service.h"
 #include "custom_actions/upgrade/maintenance_key.h"
 #include "custom_actions/upgrade/phases.h"
@@ -19,12 +20,14 @@
 namespace custom_actions::controlled_upgrade {
 namespace {
 
+constexpr DWORD FOLDERS_SCRIPT_LIMIT_MS = 15'000;
+
 void save_package(MSIHANDLE session, const context& context, std::size_t index)
 {
     const std::wstring saved = saved_package(context, index);
-    if (!CopyFileW(installed_package(context, index).c_str(), saved.c_str(), TRUE)) {
-        throw_last_error("Cannot back up installed package before upgrade");
-    }
+    check_bool(
+        CopyFileW(installed_package(context, index).c_str(), saved.c_str(), TRUE),
+        "Cannot back up installed package before upgrade");
     const std::wstring digit = std::to_wstring(index);
     const std::string output =
         run_powershell(session, context, capture_script(saved), L"capture-" + digit, PACKAGE_SCRIPT_LIMIT_MS);
@@ -44,35 +47,14 @@ void save_package(MSIHANDLE session, const context& context, std::size_t index)
 
 void record_helper(const context& context)
 {
-    const process_list helpers =
-        find_processes_by_image({L"Quorbel.Kindra.HelperService.exe"}, listing::lenient);
-    const bool running = std::ranges::any_of(helpers, [&](DWORD process) {
-        DWORD session = 0;
-        return ProcessIdToSessionId(process, &session) && session == context.session_id;
-    });
-    if (running) {
+    const process_list helpers = find_processes_by_image(HELPER_IMAGES, listing::lenient);
+    if (std::ranges::any_of(
+            helpers, [&](DWORD process) { return runs_in_session(process, context.session_id); })) {
         write_marker(context, marker::HELPER_RUNNING);
     }
 }
 
-bool search_starts_delayed()
-{
-    constexpr const char* failure = "Cannot read Windows Search delayed start";
-    const service_handle service = require_search_service(SERVICE_QUERY_CONFIG, failure);
-    SERVICE_DELAYED_AUTO_START_INFO delayed{};
-    DWORD size = 0;
-    if (!QueryServiceConfig2W(
-            service.get(),
-            SERVICE_CONFIG_DELAYED_AUTO_START_INFO,
-            reinterpret_cast<BYTE*>(&delayed),
-            sizeof delayed,
-            &size)) {
-        throw_last_error(failure);
-    }
-    return delayed.fDelayedAutostart != FALSE;
-}
-
-// Returns the start type; nothing where the service is not installed.
+// Returns the start type; nothing if the service is not installed.
 std::optional<DWORD> record_search(const context& context)
 {
     if (search_is_running()) {
@@ -111,7 +93,7 @@ void begin(MSIHANDLE session, const context& context)
     if (guard_is_live()) {
         throw std::runtime_error{"Another controlled upgrade is active"};
     }
-    // Whatever would stop the phase later anyhow, before anything changes.
+    // Whatever would stop the phase later is to stop it now, before anything changes.
     const kernel_handle user = interactive_user_token(context);
     upgrade_processes(context);
 
@@ -125,7 +107,8 @@ void begin(MSIHANDLE session, const context& context)
 
     record_helper(context);
     const std::optional<DWORD> search_start_type = record_search(context);
-    run_powershell(session, context, capture_folders_script(context), L"capture-folders", 15'000);
+    run_powershell(
+        session, context, capture_folders_script(context), L"capture-folders", FOLDERS_SCRIPT_LIMIT_MS);
 
     upgrade_guard(true);
     write_marker(context, marker::SHUTDOWN_STARTED);

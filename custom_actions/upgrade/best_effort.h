@@ -1,20 +1,19 @@
 #pragma once
 
 #include <exception>
-#include <optional>
 #include <string>
 
 namespace custom_actions::controlled_upgrade {
 
-// Runs one step of a sequence that goes on whatever fails; returns the failure's message.
+// Runs one step of a sequence that goes on whatever fails. The message of a failure is appended to
+// `failures`, between `before` and `after`.
 template <class Step>
-std::optional<std::string> failure_of(const Step& step)
+void attempt(std::string& failures, Step step, const char* before = "", const char* after = "")
 {
     try {
         step();
-        return std::nullopt;
     } catch (const std::exception& error) {
-        return error.what();
+        failures.append(before).append(error.what()).append(after);
     }
 }
 

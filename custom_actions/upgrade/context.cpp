@@ -16,6 +16,8 @@
 namespace custom_actions::controlled_upgrade {
 namespace {
 
+constexpr std::size_t GUID_LENGTH = 38; // characters, with its braces
+
 std::vector<std::wstring_view> split_fields(std::wstring_view text)
 {
     std::vector<std::wstring_view> fields;
@@ -34,12 +36,10 @@ bool consists_of(std::wstring_view text, std::wstring_view characters) noexcept
     return text.find_first_not_of(characters) == std::wstring_view::npos;
 }
 
-void require_sid(const std::wstring& text)
+void check_sid(const std::wstring& text)
 {
     PSID sid = nullptr;
-    if (!ConvertStringSidToSidW(text.c_str(), &sid)) {
-        throw_last_error("Invalid upgrade user SID");
-    }
+    check_bool(ConvertStringSidToSidW(text.c_str(), &sid), "Invalid upgrade user SID");
     const local_memory owner{sid};
 }
 
@@ -58,7 +58,7 @@ context load_context(std::wstring_view custom_action_data)
 {
     const std::vector<std::wstring_view> fields = split_fields(custom_action_data);
     if (fields.size() != 4 || fields[1].empty() || !consists_of(fields[1], L"0123456789") ||
-        fields[3].size() != 38 || !consists_of(fields[3], L"{}-0123456789ABCDEFabcdef")) {
+        fields[3].size() != GUID_LENGTH || !consists_of(fields[3], L"{}-0123456789ABCDEFabcdef")) {
         throw std::runtime_error{"Invalid upgrade transaction data"};
     }
     context loaded{
@@ -66,7 +66,7 @@ context load_context(std::wstring_view custom_action_data)
         .workspace = {},
         .session_id = parse_unsigned(fields[1]),
         .user_sid = std::wstring{fields[2]}};
-    require_sid(loaded.user_sid);
+    check_sid(loaded.user_sid);
     if (!is_absolute_path(loaded.product_directory) || loaded.session_id == 0) {
         throw std::runtime_error{"An interactive user and absolute product directory are required"};
     }

@@ -9,7 +9,7 @@
 
 namespace custom_actions::controlled_upgrade {
 
-// What every phase of one upgrade knows. Each phase makes it anew from its CustomActionData.
+// What every phase of one upgrade knows. Each phase reads it anew from its CustomActionData.
 struct context {
     std::wstring product_directory; // absolute and normalised
     std::wstring workspace;         // the folder of this upgrade's markers, saved packages and logs
@@ -25,8 +25,9 @@ std::wstring format_context(
     const std::wstring& transaction);
 
 // Reads "<product directory>|<session id>|<user SID>|<transaction GUID>". Throws std::runtime_error "Invalid
-// upgrade transaction data", "Invalid upgrade user SID", "An interactive user and absolute product directory
-// are required" or "Cannot resolve Windows directory", and std::out_of_range for a session id beyond 32 bits.
+// upgrade transaction data", "An interactive user and absolute product directory are required" or "Cannot
+// resolve Windows directory", windows_error "Invalid upgrade user SID", and std::out_of_range for a session
+// id beyond 32 bits.
 context load_context(std::wstring_view custom_action_data);
 
 // The token of the upgrade's interactive user, without elevation. Throws windows_error "Cannot obtain

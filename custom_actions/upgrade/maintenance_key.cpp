@@ -1,11 +1,13 @@
 #include "custom_actions/upgrade/maintenance_key.h"
 
+#include "custom_actions/common/registry_key.h"
 #include "custom_actions/common/scoped_handle.h"
 #include "custom_actions/common/windows_error.h"
 
 #include <windows.h>
 
 #include <optional>
+#include <string>
 
 namespace custom_actions::controlled_upgrade {
 namespace {
@@ -25,57 +27,33 @@ std::optional<ULONGLONG> creation_time(HANDLE process) noexcept
     return ULONGLONG{created.dwHighDateTime} << 32U | created.dwLowDateTime;
 }
 
-template <class Number>
-std::optional<Number> read_number(const wchar_t* name, DWORD type) noexcept
-{
-    Number value{};
-    DWORD size = sizeof value;
-    const LSTATUS status = RegGetValueW(
-        HKEY_LOCAL_MACHINE, MAINTENANCE_KEY, name, type | RRF_SUBKEY_WOW6464KEY, nullptr, &value, &size);
-    return status == ERROR_SUCCESS ? std::optional{value} : std::nullopt;
-}
-
-template <class Number>
-LSTATUS write_number(HKEY key, const wchar_t* name, DWORD type, Number value) noexcept
-{
-    return RegSetValueExW(key, name, 0, type, reinterpret_cast<const BYTE*>(&value), sizeof value);
-}
-
 void take_key()
 {
-    registry_key_handle key;
-    LSTATUS status = RegCreateKeyExW(
-        HKEY_LOCAL_MACHINE,
-        MAINTENANCE_KEY,
-        0,
-        nullptr,
-        REG_OPTION_NON_VOLATILE,
-        KEY_SET_VALUE | KEY_WOW64_64KEY,
-        nullptr,
-        key.put(),
-        nullptr);
-    if (status != ERROR_SUCCESS) {
-        throw windows_error{"Cannot establish upgrade guard", static_cast<DWORD>(status)};
-    }
+    constexpr const char* failure = "Cannot persist upgrade guard";
+    registry_key key;
+    check_win32(
+        key.create(HKEY_LOCAL_MACHINE, std::wstring{MAINTENANCE_KEY}, KEY_SET_VALUE | KEY_WOW64_64KEY),
+        "Cannot establish upgrade guard");
     const std::optional<ULONGLONG> created = creation_time(GetCurrentProcess());
-    if (!created) {
-        throw_last_error("Cannot persist upgrade guard");
-    }
-    status = write_number(key.get(), L"Created", REG_QWORD, *created);
-    if (status == ERROR_SUCCESS) {
-        status = write_number(key.get(), L"Process", REG_DWORD, GetCurrentProcessId());
-    }
-    if (status != ERROR_SUCCESS) {
-        throw windows_error{"Cannot persist upgrade guard", static_cast<DWORD>(status)};
-    }
+    check_bool(created, failure);
+    check_win32(key.write_number(L"Created", REG_QWORD, *created), failure);
+    check_win32(key.write_number(L"Process", REG_DWORD, GetCurrentProcessId()), failure);
 }
 
 void release_key()
 {
     const LSTATUS status = RegDeleteKeyExW(HKEY_LOCAL_MACHINE, MAINTENANCE_KEY, KEY_WOW64_64KEY, 0);
-    if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
-        throw windows_error{"Cannot release upgrade guard", static_cast<DWORD>(status)};
+    if (status != ERROR_FILE_NOT_FOUND) {
+        check_win32(status, "Cannot release upgrade guard");
     }
+}
+
+// `type` is RRF_RT_REG_DWORD or RRF_RT_REG_QWORD.
+template <class Number>
+bool read_value(const wchar_t* name, DWORD type, Number& number) noexcept
+{
+    return read_number(HKEY_LOCAL_MACHINE, MAINTENANCE_KEY, name, type | RRF_SUBKEY_WOW6464KEY, number) ==
+           ERROR_SUCCESS;
 }
 
 } // namespace
@@ -87,15 +65,13 @@ void upgrade_guard(bool acquire)
 
 bool guard_is_live()
 {
-    const auto owner = read_number<DWORD>(L"Process", RRF_RT_REG_DWORD);
-    if (!owner || *owner == 0) {
+    DWORD owner = 0;
+    ULONGLONG created = 0;
+    if (!read_value(L"Process", RRF_RT_REG_DWORD, owner) || owner == 0 ||
+        !read_value(L"Created", RRF_RT_REG_QWORD, created)) {
         return false;
     }
-    const auto created = read_number<ULONGLONG>(L"Created", RRF_RT_REG_QWORD);
-    if (!created) {
-        return false;
-    }
-    const kernel_handle process{OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, *owner)};
+    const kernel_handle process{OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, owner)};
     if (!process) {
         return GetLastError() == ERROR_ACCESS_DENIED;
     }
@@ -103,7 +79,7 @@ bool guard_is_live()
     if (!found) {
         return true; // better one refusal too many
     }
-    return *found == *created && WaitForSingleObject(process.get(), 0) == WAIT_TIMEOUT;
+    return *found == created && WaitForSingleObject(process.get(), 0) == WAIT_TIMEOUT;
 }
 
 } // namespace custom_actions::controlled_upgrade

@@ -11,6 +11,8 @@
 namespace custom_actions::controlled_upgrade {
 namespace {
 
+constexpr DWORD LONGEST_PATH = 32768; // characters
+
 DWORD first_module_path(HANDLE process, std::wstring& path) noexcept
 {
     HMODULE first = nullptr;
@@ -23,35 +25,33 @@ DWORD first_module_path(HANDLE process, std::wstring& path) noexcept
 
 } // namespace
 
-std::optional<std::wstring> image_path(DWORD process, DWORD fallback_session)
+image_location find_image(DWORD process, DWORD fallback_session)
 {
     const kernel_handle opened =
         open_process_as_host_owner(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, process, fallback_session);
     if (!opened) {
-        return std::nullopt;
+        return {.path = {}, .error = GetLastError()};
     }
-    std::wstring path(32768, L'\0');
-    auto length = static_cast<DWORD>(path.size());
+    std::wstring path(LONGEST_PATH, L'\0');
+    DWORD length = LONGEST_PATH;
     if (!QueryFullProcessImageNameW(opened.get(), 0, path.data(), &length)) {
         length = first_module_path(opened.get(), path);
     }
-    if (length == 0) {
-        return std::nullopt;
-    }
+    const DWORD error = GetLastError();
     path.resize(length);
-    return path;
+    return {.path = path, .error = error};
 }
 
 bool image_in_product_directory(DWORD process, const context& context)
 {
-    const std::optional<std::wstring> path = image_path(process, context.session_id);
-    if (!path) {
-        if (GetLastError() == ERROR_INVALID_PARAMETER) {
-            return false;
-        }
-        throw_last_error("Cannot identify original QBL image location");
+    const image_location image = find_image(process, context.session_id);
+    if (image.path.empty() && image.error == ERROR_INVALID_PARAMETER) {
+        return false;
     }
-    return equal_ignoring_case(parent_folder(*path), context.product_directory);
+    if (image.path.empty()) {
+        throw windows_error{"Cannot identify original QBL image location", image.error};
+    }
+    return equal_ignoring_case(parent_folder(image.path), context.product_directory);
 }
 
 } // namespace custom_actions::controlled_upgrade

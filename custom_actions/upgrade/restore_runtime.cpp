@@ -1,5 +1,4 @@
 #include "custom_actions/common/installer_session.h"
-#include "custom_actions/common/windows_error.h"
 #include "custom_actions/packages/powershell.h"
 #include "custom_actions/processes/explorer.h"
 #include "custom_actions/search/search_service.h"
@@ -17,7 +16,9 @@
 namespace custom_actions::controlled_upgrade {
 namespace {
 
-// The start type from before the upgrade; nothing where Windows Search was not installed.
+constexpr DWORD RUNTIME_SCRIPT_LIMIT_MS = 30'000;
+
+// The start type from before the upgrade; nothing if Windows Search was not installed.
 std::optional<DWORD> saved_search_start_type(const context& context)
 {
     for (const DWORD type :
@@ -31,19 +32,11 @@ std::optional<DWORD> saved_search_start_type(const context& context)
 
 void restore_search_startup(MSIHANDLE session, const context& context)
 {
-    const std::optional<DWORD> type = saved_search_start_type(context);
-    if (!type) {
-        return;
+    if (const std::optional<DWORD> type = saved_search_start_type(context)) {
+        const bool automatic = *type == SERVICE_AUTO_START;
+        restore_search_start_type(*type, automatic && has_marker(context, marker::SEARCH_DELAYED_START));
+        upgrade_log(session, L"Windows Search startup configuration restored: " + std::to_wstring(*type));
     }
-    const service_handle service = set_search_start_type(*type);
-    if (*type == SERVICE_AUTO_START) {
-        SERVICE_DELAYED_AUTO_START_INFO delayed{
-            .fDelayedAutostart = has_marker(context, marker::SEARCH_DELAYED_START)};
-        if (!ChangeServiceConfig2W(service.get(), SERVICE_CONFIG_DELAYED_AUTO_START_INFO, &delayed)) {
-            throw_last_error("Cannot restore Windows Search delayed start");
-        }
-    }
-    upgrade_log(session, L"Windows Search startup configuration restored: " + std::to_wstring(*type));
 }
 
 void restore_search_running(MSIHANDLE session, const context& context)
@@ -51,7 +44,7 @@ void restore_search_running(MSIHANDLE session, const context& context)
     if (has_marker(context, marker::SEARCH_RUNNING)) {
         start_search_service();
         upgrade_log(session, L"Windows Search restarted to its previous running state.");
-    } else if (read_search_start_type()) {
+    } else if (search_is_installed()) {
         upgrade_log(session, L"Windows Search was not running before the upgrade; left stopped.");
     } else {
         upgrade_log(session, L"Windows Search is not installed on this system; nothing to restore.");
@@ -62,7 +55,11 @@ void restore_desktop(MSIHANDLE session, const context& context)
 {
     const bool with_helper = has_marker(context, marker::HELPER_RUNNING);
     run_powershell(
-        session, context, restore_runtime_script(context, with_helper), L"restore-runtime", 30'000);
+        session,
+        context,
+        restore_runtime_script(context, with_helper),
+        L"restore-runtime",
+        RUNTIME_SCRIPT_LIMIT_MS);
 }
 
 } // namespace
@@ -70,17 +67,13 @@ void restore_desktop(MSIHANDLE session, const context& context)
 void restore_runtime(MSIHANDLE session, const context& context)
 {
     std::string failures;
-    const auto attempt = [&failures](const auto& step) {
-        if (const auto message = failure_of(step)) {
-            failures.append(*message).append("; ");
-        }
-    };
-    attempt([&] { stop(session, context); });
-    attempt([] { upgrade_guard(false); });
-    attempt([&] { restore_search_startup(session, context); });
-    attempt([&] { restore_search_running(session, context); });
-    attempt([&] { restart_explorer_from_record(explorer_record(context.session_id, context.user_sid)); });
-    attempt([&] { restore_desktop(session, context); });
+    const auto attempt_one = [&failures](auto step) { attempt(failures, step, "", "; "); };
+    attempt_one([&] { stop(session, context); });
+    attempt_one([] { upgrade_guard(false); });
+    attempt_one([&] { restore_search_startup(session, context); });
+    attempt_one([&] { restore_search_running(session, context); });
+    attempt_one([&] { restart_explorer({.session = context.session_id, .user_sid = context.user_sid}); });
+    attempt_one([&] { restore_desktop(session, context); });
     if (!failures.empty()) {
         throw std::runtime_error{failures};
     }

@@ -2,6 +2,7 @@
 #include "custom_actions/upgrade/best_effort.h"
 #include "custom_actions/upgrade/maintenance_key.h"
 #include "custom_actions/upgrade/phases.h"
+#include "custom_actions/upgrade/rollback_plan.h"
 #include "custom_actions/upgrade/scripts.h"
 #include "custom_actions/upgrade/suite_processes.h"
 #include "custom_actions/upgrade/upgrade_packages.h"
@@ -23,41 +24,39 @@ void restore_package(MSIHANDLE session, const context& context, std::size_t inde
     run_powershell(session, context, script, L"rollback-" + digit, PACKAGE_SCRIPT_LIMIT_MS);
 }
 
-// Returns the messages of what failed; only the packages' have a separator behind them.
-std::string restore_packages(MSIHANDLE session, const context& context)
+// Only the messages of the packages have a separator behind them.
+void restore_packages(MSIHANDLE session, const context& context, std::string& failures)
 {
-    std::string failures = failure_of([&] {
-                               upgrade_guard(true);
-                               stop(session, context);
-                           }).value_or("");
+    attempt(failures, [&] {
+        upgrade_guard(true);
+        stop(session, context);
+    });
     for (std::size_t index = 0; index != UPGRADE_PACKAGES.size(); ++index) {
-        if (const auto message = failure_of([&] { restore_package(session, context, index); })) {
-            failures.append(*message).append("; ");
-        }
+        attempt(failures, [&] { restore_package(session, context, index); }, "", "; ");
     }
-    return failures;
 }
 
 } // namespace
 
 void rollback(MSIHANDLE session, const context& context)
 {
-    if (!has_marker(context, marker::SHUTDOWN_STARTED)) {
-        // Between the two markers the key may have been taken.
-        if (has_marker(context, marker::BACKUP_COMPLETE)) {
-            upgrade_guard(false);
-        }
-        return;
+    const rollback_plan plan = plan_rollback([&](const wchar_t* name) { return has_marker(context, name); });
+    if (plan.releases_key) {
+        upgrade_guard(false);
     }
     std::string failures;
-    if (has_marker(context, marker::PACKAGES_TOUCHED)) {
-        failures = restore_packages(session, context);
+    if (plan.restores_packages) {
+        restore_packages(session, context, failures);
     }
-    failures += failure_of([&] { restore_runtime(session, context); }).value_or("");
+    if (plan.restores_runtime) {
+        attempt(failures, [&] { restore_runtime(session, context); });
+    }
     if (!failures.empty()) {
         throw std::runtime_error{"Rollback recovery incomplete: " + failures};
     }
-    write_marker(context, marker::ROLLBACK_COMPLETE);
+    if (plan.restores_runtime) {
+        write_marker(context, marker::ROLLBACK_COMPLETE);
+    }
 }
 
 } // namespace custom_actions::controlled_upgrade

@@ -2,12 +2,13 @@
 
 #include "custom_actions/common/path.h"
 #include "custom_actions/packages/powershell.h"
+#include "custom_actions/processes/program_tables.h"
 #include "custom_actions/upgrade/workspace.h"
 
 namespace custom_actions::controlled_upgrade {
 namespace {
 
-// Leaves the identity in the archive's manifest in $id.
+// Reads the identity in the archive's manifest into $id.
 std::wstring manifest_reader(std::wstring_view archive)
 {
     std::wstring script =
@@ -80,9 +81,9 @@ std::wstring restore_runtime_script(const context& context, bool with_helper)
                 L"$open) { "
                 L"$shell.Explore($url) } } }; ");
     if (with_helper) {
-        script.append(start_program(context, L"Quorbel.Kindra.HelperService.exe")).append(L"; ");
+        script.append(start_program(context, HELPER_PROGRAM)).append(L"; ");
     }
-    script.append(start_program(context, L"Quorbel.SystemTray.exe"))
+    script.append(start_program(context, TRAY_PROGRAM))
         .append(
             L"; $deadline=(Get-Date).AddSeconds(15); do { Start-Sleep -Milliseconds 250; $tray=Get-Process "
             L"Quorbel.SystemTray -ErrorAction SilentlyContinue | Where-Object SessionId -eq ")
@@ -94,7 +95,22 @@ std::wstring restore_runtime_script(const context& context, bool with_helper)
 
 std::wstring whats_new_script(const context& context)
 {
-    return start_program(context, L"Quorbel.exe") + L" -ArgumentList '--open-tab=what-new'";
+    return start_program(context, MAIN_PROGRAM) + L" -ArgumentList '--open-tab=what-new'";
+}
+
+std::wstring recovery_script(const std::vector<std::wstring>& programs)
+{
+    std::wstring script =
+        L"$ErrorActionPreference='Stop'; $session=(Get-Process -Id $PID).SessionId; foreach($path in @(";
+    for (const std::wstring& program : programs) {
+        script.append(&program == programs.data() ? L"" : L",").append(quote_powershell_literal(program));
+    }
+    return script.append(
+        L")) { $name=[IO.Path]::GetFileNameWithoutExtension($path); $running=@(Get-Process -Name $name "
+        L"-ErrorAction SilentlyContinue | Where-Object { $_.SessionId -eq $session -and $_.Path -eq $path "
+        L"}); "
+        L"if (!$running.Count -and (Test-Path -LiteralPath $path)) { Start-Process -FilePath $path "
+        L"-WorkingDirectory ([IO.Path]::GetDirectoryName($path)) | Out-Null } }");
 }
 
 } // namespace custom_actions::controlled_upgrade

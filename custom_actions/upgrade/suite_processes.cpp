@@ -5,6 +5,7 @@
 #include "custom_actions/common/windows_error.h"
 #include "custom_actions/processes/inspection_identity.h"
 #include "custom_actions/processes/process_closing.h"
+#include "custom_actions/processes/program_tables.h"
 #include "custom_actions/upgrade/process_location.h"
 
 #include <exception>
@@ -16,13 +17,9 @@
 namespace custom_actions::controlled_upgrade {
 namespace {
 
-name_list upgrade_images()
-{
-    name_list images = our_process_images();
-    images.emplace_back(L"Quorbel.SystemTray.exe");
-    images.emplace_back(L"Quorbel.ContextMenuReplacement.Controller.exe");
-    return images;
-}
+constexpr DWORD FIRST_POLITE_LIMIT_MS = 5000;
+constexpr DWORD SECOND_POLITE_LIMIT_MS = 1000;
+constexpr DWORD TERMINATION_LIMIT_MS = 5000;
 
 bool process_has_gone(DWORD process) noexcept
 {
@@ -31,8 +28,7 @@ bool process_has_gone(DWORD process) noexcept
                   : GetLastError() == ERROR_INVALID_PARAMETER;
 }
 
-// Answers a question about a process. One that has gone meanwhile is not ours, whatever the question then
-// threw.
+// Answers a question about a process. One that has gone meanwhile is not ours, whatever the question threw.
 template <class Question>
 bool holds_for(DWORD process, Question question)
 {
@@ -49,10 +45,10 @@ bool holds_for(DWORD process, Question question)
 bool host_has_our_modules(DWORD process, const context& context)
 {
     const host_owner_impersonation owner{process, context.session_id};
-    return process_has_module(process, our_shell_modules(), listing::strict);
+    return process_has_module(process, our_shell_modules, listing::strict);
 }
 
-// Nothing where the process has gone.
+// Nothing if the process has gone.
 std::optional<DWORD> process_session(DWORD process, const context& context)
 {
     DWORD session = 0;
@@ -74,7 +70,7 @@ bool runs_in_upgraded_session(DWORD process, const context& context)
     return session.has_value();
 }
 
-// Empty handles and what has gone are left out.
+// Leaves out what has gone.
 std::vector<kernel_handle> open_processes(const process_list& processes, const context& context)
 {
     std::vector<kernel_handle> opened;
@@ -96,12 +92,12 @@ void end_process(HANDLE process)
     if (WaitForSingleObject(process, 0) == WAIT_OBJECT_0) {
         return;
     }
-    if (!TerminateProcess(process, 1) || WaitForSingleObject(process, 5000) != WAIT_OBJECT_0) {
-        throw_last_error("QBL host did not exit after termination");
-    }
+    check_bool(
+        TerminateProcess(process, 1) && WaitForSingleObject(process, TERMINATION_LIMIT_MS) == WAIT_OBJECT_0,
+        "QBL host did not exit after termination");
 }
 
-// Keeps no handle to any of them: a process that has ended is there while a handle to it is.
+// Releases the handles: an exited process stays listed while one is open.
 void close_or_end(const process_list& processes, DWORD polite_limit_ms, const context& context)
 {
     const std::vector<kernel_handle> opened = open_processes(processes, context);
@@ -115,13 +111,13 @@ void close_or_end(const process_list& processes, DWORD polite_limit_ms, const co
 
 process_list upgrade_processes(const context& context)
 {
-    process_list found = find_processes_by_image(upgrade_images(), listing::strict);
+    process_list found = find_processes_by_image(UPGRADE_IMAGES, listing::strict);
     std::erase_if(found, [&](DWORD process) {
         return !holds_for(process, [&] { return image_in_product_directory(process, context); });
     });
 
     const debug_privilege_scope privilege;
-    for (const DWORD process : find_processes_by_image(shell_host_images(), listing::strict)) {
+    for (const DWORD process : find_processes_by_image(shell_host_images, listing::strict)) {
         if (holds_for(process, [&] { return host_has_our_modules(process, context); })) {
             found.push_back(process);
         }
@@ -135,7 +131,7 @@ process_list upgrade_processes(const context& context)
 void stop(MSIHANDLE session, const context& context)
 {
     const auto log = [session](const std::wstring& line) { upgrade_log(session, line); };
-    for (const DWORD polite_limit_ms : {DWORD{5000}, DWORD{1000}}) {
+    for (const DWORD polite_limit_ms : {FIRST_POLITE_LIMIT_MS, SECOND_POLITE_LIMIT_MS}) {
         const process_list processes = upgrade_processes(context);
         log_process_group(log, L"Upgrade processes", processes);
         if (processes.empty()) {

@@ -9,7 +9,8 @@
 
 namespace custom_actions::controlled_upgrade {
 
-// The package files that an upgrade replaces. A package's index names its marker and its scripts' logs.
+// The package files that an upgrade replaces. A package's index is part of the names of its marker and of its
+// scripts' logs.
 inline constexpr std::array<const wchar_t*, 8> UPGRADE_PACKAGES{
     L"Sorvane.Icon.Package.msix",
     L"Sorvane.Organize.Package.msix",
@@ -21,8 +22,8 @@ inline constexpr std::array<const wchar_t*, 8> UPGRADE_PACKAGES{
     L"Quorbel.Plexa.Package.msix",
 };
 
-// How long a script may work on one package, in milliseconds.
-inline constexpr unsigned PACKAGE_SCRIPT_LIMIT_MS = 120'000;
+// For a script that works on one package.
+inline constexpr DWORD PACKAGE_SCRIPT_LIMIT_MS = 120'000;
 
 // The package's file in the suite's folder.
 inline std::wstring installed_package(const context& context, std::size_t index)

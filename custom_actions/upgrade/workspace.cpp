@@ -22,9 +22,7 @@ bool is_not_found(DWORD code) noexcept
 BY_HANDLE_FILE_INFORMATION information_of(const kernel_handle& file, const char* failure)
 {
     BY_HANDLE_FILE_INFORMATION information{};
-    if (!GetFileInformationByHandle(file.get(), &information)) {
-        throw_last_error(failure);
-    }
+    check_bool(GetFileInformationByHandle(file.get(), &information), failure);
     return information;
 }
 
@@ -48,19 +46,18 @@ bool workspace_is_ours(const context& context)
         OPEN_EXISTING,
         FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT,
         nullptr)};
-    if (!folder) {
-        if (is_not_found(GetLastError())) {
-            return false;
-        }
-        throw_last_error(READ_FAILURE);
+    if (!folder && is_not_found(GetLastError())) {
+        return false;
     }
+    check_bool(folder, READ_FAILURE);
     constexpr DWORD kinds = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
     if ((information_of(folder, READ_FAILURE).dwFileAttributes & kinds) != FILE_ATTRIBUTE_DIRECTORY) {
         return false;
     }
     PSID owner = nullptr;
     PSECURITY_DESCRIPTOR descriptor = nullptr;
-    if (const DWORD status = GetSecurityInfo(
+    check_win32(
+        GetSecurityInfo(
             folder.get(),
             SE_FILE_OBJECT,
             OWNER_SECURITY_INFORMATION,
@@ -68,10 +65,8 @@ bool workspace_is_ours(const context& context)
             nullptr,
             nullptr,
             nullptr,
-            &descriptor);
-        status != ERROR_SUCCESS) {
-        throw windows_error{READ_FAILURE, status};
-    }
+            &descriptor),
+        READ_FAILURE);
     const local_memory holder{descriptor};
     return is_trusted_owner(owner);
 }
@@ -84,16 +79,14 @@ void create_secure_directory(const std::wstring& path, const std::wstring& user_
     const std::wstring text =
         L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;" + rights + L";;;" + user_sid + L")";
     PSECURITY_DESCRIPTOR descriptor = nullptr;
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(
-            text.c_str(), SDDL_REVISION_1, &descriptor, nullptr)) {
-        throw_last_error("Cannot secure recovery directory");
-    }
+    check_bool(
+        ConvertStringSecurityDescriptorToSecurityDescriptorW(
+            text.c_str(), SDDL_REVISION_1, &descriptor, nullptr),
+        "Cannot secure recovery directory");
     const local_memory owner{descriptor};
     SECURITY_ATTRIBUTES attributes{
         .nLength = sizeof attributes, .lpSecurityDescriptor = descriptor, .bInheritHandle = FALSE};
-    if (!CreateDirectoryW(path.c_str(), &attributes)) {
-        throw_last_error("Cannot create unique recovery directory");
-    }
+    check_bool(CreateDirectoryW(path.c_str(), &attributes), "Cannot create unique recovery directory");
 }
 
 void write_marker(const context& context, const std::wstring& name)
@@ -110,18 +103,16 @@ void write_marker(const context& context, const std::wstring& name)
         OPEN_ALWAYS,
         FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT,
         nullptr)};
-    if (!file) {
-        throw_last_error(WRITE_FAILURE);
-    }
+    check_bool(file, WRITE_FAILURE);
     const BY_HANDLE_FILE_INFORMATION found = information_of(file, WRITE_FAILURE);
     if ((found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 || found.nNumberOfLinks != 1) {
         throw windows_error{WRITE_FAILURE, ERROR_FILE_EXISTS};
     }
     DWORD written = 0;
-    if (!WriteFile(file.get(), "1", 1, &written, nullptr) || written != 1 || !SetEndOfFile(file.get()) ||
-        !CloseHandle(file.release())) {
-        throw_last_error(WRITE_FAILURE);
-    }
+    check_bool(
+        WriteFile(file.get(), "1", 1, &written, nullptr) && written == 1 && SetEndOfFile(file.get()) &&
+            CloseHandle(file.release()),
+        WRITE_FAILURE);
 }
 
 bool has_marker(const context& context, const std::wstring& name)
@@ -132,9 +123,7 @@ bool has_marker(const context& context, const std::wstring& name)
     if (GetFileAttributesW(join_path(context.workspace, name).c_str()) != INVALID_FILE_ATTRIBUTES) {
         return true;
     }
-    if (!is_not_found(GetLastError())) {
-        throw_last_error(READ_FAILURE);
-    }
+    check_bool(is_not_found(GetLastError()), READ_FAILURE);
     return false;
 }
 

@@ -5,8 +5,8 @@
 #include <string>
 
 // The folder in which one upgrade keeps its saved packages, its scripts' output and its markers: files whose
-// being there records that a step happened, for later phases to decide on, which may run in other processes.
-// It is never removed.
+// existence records that a step happened. Later phases, which may run in other processes, decide on them. The
+// folder is never removed.
 namespace custom_actions::controlled_upgrade {
 
 namespace marker {
@@ -26,9 +26,9 @@ inline constexpr const wchar_t* ROLLBACK_COMPLETE = L"rollback-complete";
 // What the user may do in a secure directory; the system and the administrators may do everything.
 enum class user_access { read, full };
 
-// Makes a new directory with an access list of its own, which what is made in it inherits. Throws
-// windows_error "Cannot secure recovery directory", or "Cannot create unique recovery directory" also where
-// there is something of this name.
+// Makes a new directory with an access list of its own, which everything made in it inherits. Throws
+// windows_error "Cannot secure recovery directory" or, also if the name is taken, "Cannot create unique
+// recovery directory".
 void create_secure_directory(const std::wstring& path, const std::wstring& user_sid, user_access access);
 
 // A workspace is believed, and written into, only if it is ours: a real folder that belongs to the system,

@@ -11,7 +11,6 @@
 // Stops, and the lines AtStart and AtStop of the file. The event Global\toy-search-end ends it.
 
 #include "custom_actions/common/scoped_handle.h"
-#include "custom_actions/search/search_service.h"
 #include "package/toy_suite/arguments.h"
 #include "package/toy_suite/registry_state.h"
 

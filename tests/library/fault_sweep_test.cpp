@@ -3,7 +3,6 @@
 // (fault_messages.txt), and to leave nothing behind.
 
 #include "custom_actions/common/text.h"
-#include "custom_actions/processes/explorer.h"
 #include "custom_actions/shell_registration/file_type_tables.h"
 #include "custom_actions/shell_registration/icon_handler.h"
 #include "custom_actions/upgrade/upgrade_packages.h"
@@ -142,7 +141,7 @@ struct stage {
         custom_actions::controlled_upgrade::load_context(upgrade_data);
     const std::map<std::string, std::wstring> data{
         // of the actions that do not take the upgrade's
-        {"restore_explorer", custom_actions::explorer_record(upgrade.session_id, upgrade.user_sid)},
+        {"restore_explorer", std::to_wstring(upgrade.session_id) + L'|' + upgrade.user_sid},
         {"stop_search", L"running"},
         {"restore_search", L"running"},
         {"msix_install_package", L"C:\\Suite\\Sorvane.Icon.Package.msix"},

@@ -98,7 +98,7 @@ TEST_F(ProcessActions, bring_explorer_back_where_it_ran_and_for_its_user_alone)
             const auto& [user, program, line, p, t, inherit, flags, environment, folder, startup, out] =
                 std::tie(arguments...);
             ++starts;
-            EXPECT_NE(custom_actions::token_elevation_type(user), TokenElevationTypeFull);
+            EXPECT_NE(custom_actions::token_elevation_type(user, "unreadable"), TokenElevationTypeFull);
             EXPECT_EQ(inherit, FALSE);
             EXPECT_EQ(flags, DWORD{CREATE_UNICODE_ENVIRONMENT});
             EXPECT_STREQ(startup->lpDesktop, LR"(winsta0\default)");

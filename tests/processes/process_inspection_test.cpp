@@ -1,18 +1,24 @@
 #include "custom_actions/processes/inspection_identity.h"
+#include "custom_actions/processes/module_pattern.h"
 #include "custom_actions/processes/process_inventory.h"
 #include "tests/support/faults.h"
 
 #include <gtest/gtest.h>
 #include <tlhelp32.h>
 
+#include <array>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace custom_actions {
 namespace {
 
 using test_support::thrown_by;
+
+constexpr std::array<std::wstring_view, 1> NO_MODULE{L"none"};
+constexpr std::array<std::wstring_view, 1> SYSTEM_MODULE{L"kernel32.dll"};
 
 TEST(ModulePattern, has_to_fit_the_whole_name)
 {
@@ -27,7 +33,7 @@ TEST(ModulePattern, has_to_fit_the_whole_name)
 
 TEST(StrictListing, tells_a_process_that_has_gone_from_one_that_cannot_be_read)
 {
-    const auto read = [] { process_has_module(GetCurrentProcessId(), {L"none"}, listing::strict); };
+    const auto read = [] { process_has_module(GetCurrentProcessId(), NO_MODULE, listing::strict); };
     EXPECT_EQ(THROWN_WITH(read, CreateToolhelp32Snapshot, INVALID_HANDLE_VALUE, {87}), "");
     EXPECT_EQ(THROWN_WITH(read, CreateToolhelp32Snapshot, INVALID_HANDLE_VALUE, {24, 1, 2}), "");
     EXPECT_EQ(
@@ -42,7 +48,7 @@ TEST(Modules, are_those_of_32_bit_programs_too)
                       EXPECT_EQ(what, DWORD{TH32CS_SNAPMODULE | TH32CS_SNAPMODULE32});
                       return std::nullopt;
                   }};
-    EXPECT_TRUE(process_has_module(GetCurrentProcessId(), {L"kernel32.dll"}, listing::strict));
+    EXPECT_TRUE(process_has_module(GetCurrentProcessId(), SYSTEM_MODULE, listing::strict));
 }
 
 TEST(DebugPrivilege, is_put_back_and_not_required)

@@ -49,6 +49,7 @@ protected:
     registry_sandbox classes_root{HKEY_CLASSES_ROOT}; // which does not follow the user's
     registry_sandbox hive{root};
     watched_session session{program};
+    const custom_actions::action_log log{session.handle(), L"tested"};
 };
 
 class PropertyHandler : public ShellRegistration {
@@ -62,10 +63,10 @@ protected:
 
     UINT remove() { return run(custom_actions::remove_property_handler); }
 
-    UINT run(UINT (*action)(MSIHANDLE))
+    UINT run(UINT (*action)(const custom_actions::action_log&))
     {
         testing::internal::CaptureStdout();
-        const UINT code = action(session.handle());
+        const UINT code = action(log);
         std::fflush(stdout);
         output = testing::internal::GetCapturedStdout();
         return code;
@@ -161,7 +162,7 @@ class IconHandler : public ShellRegistration {
 protected:
     IconHandler() : ShellRegistration{HKEY_CURRENT_USER} {}
 
-    UINT remove() { return custom_actions::remove_icon_handler(session.handle()); }
+    UINT remove() { return custom_actions::remove_icon_handler(log); }
 
     inline static unsigned notifications = 0;
     import_patch<decltype(SHChangeNotify)> notify{
@@ -214,10 +215,10 @@ TEST_F(IconHandler, serves_its_types_and_their_progids_and_leaves_the_hive_as_it
     const wchar_t* const backup = L"sorvane_original_icon_handler";
     plant(slots[3], backup, L"no text, and so no backup", REG_BINARY);
 
-    custom_actions::register_icon_handler(session.handle());
+    custom_actions::register_icon_handler(log);
     plant(slots[0], L"", L"a newer one, which is not kept");
     notifications = 0;
-    custom_actions::register_icon_handler(session.handle());
+    custom_actions::register_icon_handler(log);
     for (const std::wstring& slot : slots) {
         EXPECT_TRUE(has(slot, L"", ours));
     }
@@ -259,7 +260,7 @@ TEST_F(IconHandler, gives_back_the_icons_of_drives_and_the_new_menu)
     EXPECT_EQ(planted_value(root, drive(L'Z'), L""), std::nullopt);
     plant(drive(L'A'), L"sorvane_drive_icon_original", L"before.ico", REG_EXPAND_SZ);
     EXPECT_EQ(remove(), 0U);
-    custom_actions::restore_new_menu(session.handle());
+    custom_actions::restore_new_menu(log);
     EXPECT_EQ(dump_registry(root), before);
 }
 

@@ -1,5 +1,6 @@
 #include "tests/support/windows_search.h"
 
+#include "custom_actions/common/scoped_handle.h"
 #include "support/child_process.h"
 #include "support/registry_sandbox.h"
 
@@ -39,6 +40,16 @@ windows_search::~windows_search()
 void windows_search::start() const
 {
     run_service_program(L"--start");
+}
+
+DWORD windows_search::state() const
+{
+    const custom_actions::service_handle manager{OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT)};
+    const custom_actions::service_handle service{
+        OpenServiceW(manager.get(), L"WSearch", SERVICE_QUERY_STATUS)};
+    SERVICE_STATUS status{};
+    QueryServiceStatus(service.get(), &status);
+    return status.dwCurrentState;
 }
 
 DWORD windows_search::starts() const

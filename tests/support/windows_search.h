@@ -1,9 +1,6 @@
 #pragma once
 
-#include "custom_actions/search/search_service.h"
-
 #include <windows.h>
-#include <winsvc.h>
 
 // A service "WSearch" of the tests' own with the real service manager. Tests that install it need a machine
 // that is disposable and has no Windows Search.
@@ -24,11 +21,7 @@ public:
     // Starts it, waits until it runs, and forgets that it was asked. Throws std::runtime_error.
     void start() const;
 
-    [[nodiscard]] DWORD state() const
-    {
-        return custom_actions::query_search_state(
-            custom_actions::open_search_service(SERVICE_QUERY_STATUS).get());
-    }
+    [[nodiscard]] DWORD state() const;
 
     // How often it was asked to start since start() or, without that, since it was installed.
     [[nodiscard]] DWORD starts() const;

@@ -101,7 +101,7 @@ void succeeds(const std::string& action, const std::wstring& data)
     EXPECT_EQ(result.exit_code, 0U) << action << result.output;
 }
 
-std::vector<DWORD> running(const std::vector<std::wstring>& images)
+std::vector<DWORD> running(const std::vector<std::wstring_view>& images)
 {
     return custom_actions::find_processes_by_image(images, custom_actions::listing::strict);
 }
