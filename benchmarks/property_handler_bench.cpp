@@ -98,7 +98,7 @@ void compare(const life& ours, const life& floor)
 void plant_parents()
 {
     for (const char* path : {PROPERTY_HANDLERS_KEY, R"(SOFTWARE\Classes\SystemFileAssociations)"}) {
-        registry_key key;
+        ansi_registry_key key;
         require(key.create(HKEY_LOCAL_MACHINE, std::string{path}, KEY_WRITE), "cannot make a key");
     }
 }
@@ -141,7 +141,7 @@ std::vector<registry_row> registered_values()
     our_life().register_on_clean_hive();
     std::vector<registry_row> rows;
     const auto add = [&](const std::string& path, const wchar_t* name) {
-        registry_key key;
+        wide_registry_key key;
         registry_value value;
         require(key.open(HKEY_LOCAL_MACHINE, wide(path), KEY_READ), "a registered key is missing");
         require(key.read(name, 4096, value), "a registered value is missing");

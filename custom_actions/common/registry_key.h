@@ -4,13 +4,15 @@
 
 #include <windows.h>
 
+#include <array>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace custom_actions {
 
-// 0x2001F: for a key that is looked into and changed.
+// 0x2001F: for a key that is read and changed.
 inline constexpr REGSAM KEY_READ_WRITE = KEY_READ | KEY_WRITE;
 
 // KEY_WOW64_64KEY if this process runs under WOW64, so that a 32-bit process reaches the 64-bit view; else 0.
@@ -30,76 +32,162 @@ struct registry_value {
     [[nodiscard]] std::optional<std::wstring> wide_text() const;
 };
 
-// An open registry key, closed with its scope. Narrow names and texts go to Windows' ANSI functions, wide
-// ones to the wide functions. Every function returns the status of the Windows call. If that is not
-// ERROR_SUCCESS, an output is unchanged, and a key that was to be opened is closed. An empty value name is
-// the key's default value.
+// The functions of Windows for one kind of characters.
+template <class Char>
+struct registry_functions;
+
+template <>
+struct registry_functions<char> {
+    static constexpr auto open_key = RegOpenKeyExA;
+    static constexpr auto create_key = RegCreateKeyExA;
+    static constexpr auto query_value = RegQueryValueExA;
+    static constexpr auto set_value = RegSetValueExA;
+    static constexpr auto delete_value = RegDeleteValueA;
+    static constexpr auto enumerate_key = RegEnumKeyExA;
+    static constexpr auto query_key = RegQueryInfoKeyA;
+
+    static LSTATUS delete_key(HKEY key, const char* name) noexcept { return RegDeleteKeyA(key, name); }
+};
+
+template <>
+struct registry_functions<wchar_t> {
+    static constexpr auto open_key = RegOpenKeyExW;
+    static constexpr auto create_key = RegCreateKeyExW;
+    static constexpr auto query_value = RegQueryValueExW;
+    static constexpr auto set_value = RegSetValueExW;
+    static constexpr auto delete_value = RegDeleteValueW;
+    static constexpr auto enumerate_key = RegEnumKeyExW;
+    static constexpr auto query_key = RegQueryInfoKeyW;
+
+    static LSTATUS delete_key(HKEY key, const wchar_t* name) noexcept
+    {
+        return RegDeleteKeyExW(key, name, 0, 0);
+    }
+};
+
+// An open registry key, closed with its scope; every call goes to the functions for its characters. Every
+// function returns the status of the Windows call, unless it says otherwise. If that is not ERROR_SUCCESS, an
+// output is unchanged, and a key that was to be opened is closed. An empty value name is the key's default
+// value.
+template <class Char>
 class registry_key {
 public:
+    using text = std::basic_string<Char>;
+
     [[nodiscard]] HKEY get() const noexcept { return handle_.get(); }
 
-    LSTATUS open(HKEY parent, const std::string& path, REGSAM access) noexcept;
-    LSTATUS open(HKEY parent, const std::wstring& path, REGSAM access) noexcept;
+    LSTATUS open(HKEY parent, const text& path, REGSAM access) noexcept
+    {
+        return windows::open_key(parent, path.c_str(), 0, access, handle_.put());
+    }
 
     // Opens the key, or makes it if it is not there.
-    LSTATUS create(HKEY parent, const std::string& path, REGSAM access) noexcept;
-    LSTATUS create(HKEY parent, const std::wstring& path, REGSAM access) noexcept;
+    LSTATUS create(HKEY parent, const text& path, REGSAM access) noexcept
+    {
+        constexpr DWORD options = REG_OPTION_NON_VOLATILE;
+        HKEY* const key = handle_.put();
+        return windows::create_key(parent, path.c_str(), 0, nullptr, options, access, nullptr, key, nullptr);
+    }
 
     void close() noexcept { handle_ = {}; }
 
     // Reads a value of at most `limit` bytes; ERROR_MORE_DATA if it is longer.
-    LSTATUS read(const char* name, DWORD limit, registry_value& value) const;
-    LSTATUS read(const wchar_t* name, DWORD limit, registry_value& value) const;
+    LSTATUS read(const Char* name, DWORD limit, registry_value& value) const
+    {
+        return read_sized(name, limit, value);
+    }
 
     // Reads a value into `expected` bytes, and a longer one once more, whole: for what somebody else wrote
     // and what would be lost if it were not read.
-    LSTATUS read_whole(const char* name, DWORD expected, registry_value& value) const;
+    LSTATUS read_whole(const Char* name, DWORD expected, registry_value& value) const
+    {
+        DWORD size = expected;
+        const LSTATUS status = read_sized(name, size, value);
+        return status == ERROR_MORE_DATA ? read_sized(name, size, value) : status;
+    }
 
     // The wide text of a value that is read likewise; empty if there is none that can be read.
-    [[nodiscard]] std::wstring whole_text(const wchar_t* name, DWORD expected) const;
+    [[nodiscard]] std::wstring whole_text(const Char* name, DWORD expected) const
+    {
+        registry_value value;
+        read_whole(name, expected, value);
+        return value.wide_text().value_or(L"");
+    }
 
     // ERROR_SUCCESS if the value is there, whatever its content.
-    LSTATUS find_value(const char* name) const noexcept;
+    LSTATUS find_value(const Char* name) const noexcept
+    {
+        return windows::query_value(get(), name, nullptr, nullptr, nullptr, nullptr);
+    }
 
-    // Writes `text` and its terminating zero as REG_SZ.
-    LSTATUS write_text(const char* name, const std::string& text) const noexcept;
-    LSTATUS write_text(const wchar_t* name, const std::wstring& text) const noexcept;
+    // Writes these bytes, with nothing added.
+    LSTATUS write(const Char* name, DWORD type, std::string_view bytes) const noexcept
+    {
+        const auto* const data = reinterpret_cast<const BYTE*>(bytes.data());
+        return windows::set_value(get(), name, 0, type, data, static_cast<DWORD>(bytes.size()));
+    }
 
-    // Writes these bytes, with nothing added, as REG_SZ.
-    LSTATUS write_raw_text(const char* name, std::string_view bytes) const noexcept;
+    // Writes `content` and its terminating zero as REG_SZ.
+    LSTATUS write_text(const Char* name, const text& content) const noexcept
+    {
+        const auto* const bytes = reinterpret_cast<const char*>(content.c_str());
+        return write(name, REG_SZ, {bytes, (content.size() + 1) * sizeof(Char)});
+    }
 
     // Writes a number; `type` is REG_DWORD or REG_QWORD, as its size.
     template <class Number>
-    LSTATUS write_number(const wchar_t* name, DWORD type, Number number) const noexcept
+    LSTATUS write_number(const Char* name, DWORD type, const Number& number) const noexcept
     {
-        const auto* const bytes = reinterpret_cast<const BYTE*>(&number);
-        return RegSetValueExW(handle_.get(), name, 0, type, bytes, sizeof number);
+        return write(name, type, {reinterpret_cast<const char*>(&number), sizeof number});
     }
 
-    LSTATUS delete_value(const char* name) const noexcept;
-    LSTATUS delete_value(const wchar_t* name) const noexcept;
+    LSTATUS delete_value(const Char* name) const noexcept { return windows::delete_value(get(), name); }
 
     // Deletes a subkey that has no subkeys of its own.
-    LSTATUS delete_subkey(const std::string& name) const noexcept;
-    LSTATUS delete_subkey(const wchar_t* name) const noexcept;
+    LSTATUS delete_subkey(const Char* name) const noexcept { return windows::delete_key(get(), name); }
 
     // The name of the subkey with this index; ERROR_MORE_DATA if it has 256 characters or more.
-    LSTATUS enumerate_subkey(DWORD index, std::string& name) const;
-    LSTATUS enumerate_subkey(DWORD index, std::wstring& name) const;
+    LSTATUS enumerate_subkey(DWORD index, text& name) const
+    {
+        std::array<Char, 256> found{};
+        auto length = static_cast<DWORD>(found.size());
+        const LSTATUS status =
+            windows::enumerate_key(get(), index, found.data(), &length, nullptr, nullptr, nullptr, nullptr);
+        if (status == ERROR_SUCCESS) {
+            name.assign(found.data(), length);
+        }
+        return status;
+    }
 
-    // The name of the value with this index.
-    LSTATUS enumerate_value_name(DWORD index, std::wstring& name) const;
-
-    // Whether the key has no subkeys; asked by the wide function. False if that cannot be told.
-    [[nodiscard]] bool has_no_subkeys() const noexcept;
-
-    // Whether the key has neither subkeys nor values; asked by the ANSI function. False if that cannot be
-    // told.
-    [[nodiscard]] bool is_empty() const noexcept;
+    // How many subkeys and values the key has.
+    LSTATUS count(DWORD& subkeys, DWORD& values) const noexcept
+    {
+        const auto query = windows::query_key;
+        DWORD* const no = nullptr;
+        return query(get(), nullptr, no, no, &subkeys, no, no, &values, no, no, no, nullptr);
+    }
 
 private:
+    using windows = registry_functions<Char>;
+
+    // `size` has the size of the buffer and gets the value's.
+    LSTATUS read_sized(const Char* name, DWORD& size, registry_value& value) const
+    {
+        registry_value found{.type = REG_NONE, .data = std::string(size, '\0')};
+        auto* const data = reinterpret_cast<BYTE*>(found.data.data());
+        const LSTATUS status = windows::query_value(get(), name, nullptr, &found.type, data, &size);
+        if (status == ERROR_SUCCESS) {
+            found.data.resize(size);
+            value = std::move(found);
+        }
+        return status;
+    }
+
     registry_key_handle handle_;
 };
+
+using ansi_registry_key = registry_key<char>;
+using wide_registry_key = registry_key<wchar_t>;
 
 // Reads a number straight from a key. `flags` are those of RegGetValueW: the type, and the view if need be.
 // Returns its status; `number` is unchanged if that is not ERROR_SUCCESS.

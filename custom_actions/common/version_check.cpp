@@ -1,9 +1,9 @@
 #include "custom_actions/common/version_check.h"
 
 #include "custom_actions/common/scoped_handle.h"
-#include "custom_actions/common/version.h"
 
 #include <array>
+#include <cwchar>
 #include <string>
 
 namespace custom_actions {
@@ -24,6 +24,38 @@ struct version_property {
     std::array<wchar_t, VERSION_SIZE> text{};
     DWORD length = VERSION_SIZE;
 };
+
+struct version {
+    int major_number = 0;
+    int minor_number = 0;
+    int build = 0;
+    int revision = 0;
+};
+
+// Reads "%d.%d.%d.%d". Fields that the text does not supply stay 0; a text that is no version gives four
+// zeros.
+version parse_version(const wchar_t* text) noexcept
+{
+    version parsed;
+    // Fields that cannot be read stay 0, so the count of those that could adds nothing.
+    // NOLINTNEXTLINE(cert-err33-c,cert-err34-c)
+    std::swscanf(
+        text, L"%d.%d.%d.%d", &parsed.major_number, &parsed.minor_number, &parsed.build, &parsed.revision);
+    return parsed;
+}
+
+std::wstring to_text(const version& value)
+{
+    return std::to_wstring(value.major_number) + L'.' + std::to_wstring(value.minor_number) + L'.' +
+           std::to_wstring(value.build) + L'.' + std::to_wstring(value.revision);
+}
+
+// An upgrade is minor if the major and the minor number stay the same; a step back to a lower number is not.
+// Build and revision do not count.
+bool is_minor_upgrade(const version& installed, const version& offered) noexcept
+{
+    return offered.major_number == installed.major_number && offered.minor_number == installed.minor_number;
+}
 
 } // namespace
 

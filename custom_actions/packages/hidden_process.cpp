@@ -102,17 +102,9 @@ kernel_handle start_hidden(std::wstring command_line, HANDLE output, HANDLE erro
     startup.hStdOutput = output;
     startup.hStdError = error;
     PROCESS_INFORMATION started{};
+    wchar_t* const line = command_line.data();
     if (!CreateProcessW(
-            nullptr,
-            command_line.data(),
-            nullptr,
-            nullptr,
-            TRUE,
-            CREATE_NO_WINDOW,
-            nullptr,
-            nullptr,
-            &startup,
-            &started)) {
+            nullptr, line, nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr, &startup, &started)) {
         return {};
     }
     const kernel_handle thread{started.hThread};

@@ -79,14 +79,9 @@ std::optional<std::string> read_log(HANDLE user, const std::wstring& path)
 {
     thread_identity identity{RESULT_FAILURE};
     identity.impersonate(user, RESULT_FAILURE);
+    constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE;
     const kernel_handle file{CreateFileW(
-        path.c_str(),
-        GENERIC_READ,
-        FILE_SHARE_READ | FILE_SHARE_WRITE,
-        nullptr,
-        OPEN_EXISTING,
-        FILE_ATTRIBUTE_NORMAL,
-        nullptr)};
+        path.c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr)};
     if (!file || GetFileType(file.get()) != FILE_TYPE_DISK) {
         return std::nullopt;
     }

@@ -9,7 +9,6 @@
 #include "custom_actions/processes/token.h"
 #include "custom_actions/processes/user_process.h"
 
-#include <algorithm>
 #include <stdexcept>
 #include <string_view>
 
@@ -20,6 +19,11 @@ constexpr const wchar_t* UNCHANGED = L"unchanged";
 constexpr ULONGLONG RETURN_LIMIT_MS = 10'000;
 constexpr DWORD RETURN_POLL_MS = 250;
 constexpr DWORD RECORD_SIZE = 256; // characters; no session id and SID are as long
+
+bool explorer_running_in_session(DWORD session)
+{
+    return image_runs_in_session(EXPLORER_IMAGES, session);
+}
 
 // The thread's token, or the process's if the thread has none.
 kernel_handle current_token()
@@ -115,25 +119,14 @@ void restart_explorer(const explorer_session& wanted)
     wait_for_explorer(wanted.session);
 }
 
-void restart_explorer_from_record(const std::wstring& record)
+void restore_explorer_session(MSIHANDLE session)
 {
+    const std::wstring record = read_short_property<RECORD_SIZE>(
+        session, L"CustomActionData", "Cannot read Explorer restoration data");
     if (record != UNCHANGED) {
         restart_explorer(parse_record(record));
     }
-}
-
-void restore_explorer_session(MSIHANDLE session)
-{
-    restart_explorer_from_record(read_short_property<RECORD_SIZE>(
-        session, L"CustomActionData", "Cannot read Explorer restoration data"));
     msi_log(session, L"Explorer restoration completed for the original interactive session.");
-}
-
-bool explorer_running_in_session(DWORD session)
-{
-    return std::ranges::any_of(
-        find_processes_by_image(EXPLORER_IMAGES, listing::lenient),
-        [session](DWORD process) { return runs_in_session(process, session); });
 }
 
 } // namespace custom_actions

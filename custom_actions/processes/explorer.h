@@ -32,16 +32,10 @@ std::wstring explorer_session_record();
 // interactive user", and what token_user_sid throws.
 void restart_explorer(const explorer_session& wanted);
 
-// The same for a record; does nothing for "unchanged". Also throws std::runtime_error "Invalid Explorer
-// session data" or "Explorer cannot start in session zero", and std::out_of_range for a session id beyond 32
-// bits.
-void restart_explorer_from_record(const std::wstring& record);
-
-// The body of the action restore_explorer: restarts Explorer from the record in "CustomActionData". Throws
-// windows_error "Cannot read Explorer restoration data", and what restart_explorer_from_record throws.
+// The body of the action restore_explorer: restarts Explorer from the record in "CustomActionData", unless
+// that is "unchanged". Throws windows_error "Cannot read Explorer restoration data", std::runtime_error
+// "Invalid Explorer session data" or "Explorer cannot start in session zero", std::out_of_range for a session
+// id beyond 32 bits, and what restart_explorer throws.
 void restore_explorer_session(MSIHANDLE session);
-
-// Whether any "explorer.exe" runs in the session; false also if that cannot be determined.
-bool explorer_running_in_session(DWORD session);
 
 } // namespace custom_actions

@@ -104,6 +104,13 @@ bool runs_in_session(DWORD process, DWORD session) noexcept
     return ProcessIdToSessionId(process, &found) && found == session;
 }
 
+bool image_runs_in_session(name_list images, DWORD session)
+{
+    return std::ranges::any_of(find_processes_by_image(images, listing::lenient), [session](DWORD process) {
+        return runs_in_session(process, session);
+    });
+}
+
 std::wstring process_ids_text(const process_list& processes)
 {
     std::wstring text;

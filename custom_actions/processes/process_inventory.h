@@ -37,6 +37,9 @@ process_list find_shell_hosts(name_list images, name_list patterns);
 // False also if the process's session cannot be read.
 bool runs_in_session(DWORD process, DWORD session) noexcept;
 
+// Whether a process with one of these images runs in the session. Lenient.
+bool image_runs_in_session(name_list images, DWORD session);
+
 // The ids as log lines list them, each after a blank: " 12 345".
 std::wstring process_ids_text(const process_list& processes);
 

@@ -21,19 +21,14 @@ kernel_handle start_as_user(HANDLE user, const user_program& program)
     startup.cb = sizeof startup;
     startup.lpDesktop = desktop.data();
     PROCESS_INFORMATION started{};
+    const wchar_t* const path = program.path.c_str();
+    const wchar_t* const folder = program.directory.c_str();
+    wchar_t* const line = command_line.data();
+    const DWORD flags = program.creation_flags | CREATE_UNICODE_ENVIRONMENT;
+    void* const block = environment.get();
     check_bool(
         CreateProcessAsUserW(
-            user,
-            program.path.c_str(),
-            command_line.data(),
-            nullptr,
-            nullptr,
-            FALSE,
-            program.creation_flags | CREATE_UNICODE_ENVIRONMENT,
-            environment.get(),
-            program.directory.c_str(),
-            &startup,
-            &started),
+            user, path, line, nullptr, nullptr, FALSE, flags, block, folder, &startup, &started),
         program.start_failure);
     const kernel_handle thread{started.hThread};
     return kernel_handle{started.hProcess};

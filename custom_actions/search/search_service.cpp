@@ -55,18 +55,16 @@ DWORD query_search_state(SC_HANDLE service)
 
 [[noreturn]] void throw_timed_out(DWORD expected, const SERVICE_STATUS_PROCESS& last, ULONGLONG elapsed)
 {
-    std::string message = "Windows Search transition timed out: expected=";
-    message.append(std::to_string(expected))
-        .append(" state=")
-        .append(std::to_string(last.dwCurrentState))
-        .append(" pid=")
-        .append(std::to_string(last.dwProcessId))
-        .append(" checkpoint=")
-        .append(std::to_string(last.dwCheckPoint))
-        .append(" hint=")
-        .append(std::to_string(last.dwWaitHint))
-        .append(" elapsed=")
-        .append(std::to_string(elapsed));
+    std::string message = "Windows Search transition timed out:";
+    const auto add = [&message](const char* name, ULONGLONG value) {
+        message.append(name).append(std::to_string(value));
+    };
+    add(" expected=", expected);
+    add(" state=", last.dwCurrentState);
+    add(" pid=", last.dwProcessId);
+    add(" checkpoint=", last.dwCheckPoint);
+    add(" hint=", last.dwWaitHint);
+    add(" elapsed=", elapsed);
     throw std::runtime_error{message};
 }
 
@@ -102,20 +100,10 @@ service_handle change_start_type(DWORD type)
         throw std::runtime_error{"Invalid Windows Search startup type"};
     }
     service_handle service = require_search_service(SERVICE_CHANGE_CONFIG, failure);
+    constexpr DWORD same = SERVICE_NO_CHANGE;
+    const wchar_t* const no = nullptr;
     check_bool(
-        ChangeServiceConfigW(
-            service.get(),
-            SERVICE_NO_CHANGE,
-            type,
-            SERVICE_NO_CHANGE,
-            nullptr,
-            nullptr,
-            nullptr,
-            nullptr,
-            nullptr,
-            nullptr,
-            nullptr),
-        failure);
+        ChangeServiceConfigW(service.get(), same, type, same, no, no, nullptr, no, no, no, no), failure);
     return service;
 }
 
@@ -165,16 +153,11 @@ bool search_starts_delayed()
 {
     constexpr const char* failure = "Cannot read Windows Search delayed start";
     const service_handle service = require_search_service(SERVICE_QUERY_CONFIG, failure);
+    constexpr DWORD what = SERVICE_CONFIG_DELAYED_AUTO_START_INFO;
     SERVICE_DELAYED_AUTO_START_INFO delayed{};
     DWORD size = 0;
-    check_bool(
-        QueryServiceConfig2W(
-            service.get(),
-            SERVICE_CONFIG_DELAYED_AUTO_START_INFO,
-            reinterpret_cast<BYTE*>(&delayed),
-            sizeof delayed,
-            &size),
-        failure);
+    auto* const buffer = reinterpret_cast<BYTE*>(&delayed);
+    check_bool(QueryServiceConfig2W(service.get(), what, buffer, sizeof delayed, &size), failure);
     return delayed.fDelayedAutostart != FALSE;
 }
 

@@ -14,13 +14,13 @@ constexpr const wchar_t* APPLIED_VALUE = L"sorvane_drive_icon_applied";
 constexpr const wchar_t* HAD_ORIGINAL_VALUE = L"sorvane_drive_icon_had_original";
 constexpr const wchar_t* ORIGINAL_VALUE = L"sorvane_drive_icon_original";
 
-std::optional<std::wstring> read_text(const registry_key& key, const wchar_t* name)
+std::optional<std::wstring> read_text(const wide_registry_key& key, const wchar_t* name)
 {
     registry_value value;
     return key.read(name, TEXT_SIZE, value) == ERROR_SUCCESS ? value.wide_text() : std::nullopt;
 }
 
-bool had_original_icon(const registry_key& key)
+bool had_original_icon(const wide_registry_key& key)
 {
     registry_value value;
     DWORD had_original = 0;
@@ -31,13 +31,13 @@ bool had_original_icon(const registry_key& key)
     return had_original == 1;
 }
 
-bool restore_original_icon(const registry_key& key)
+bool restore_original_icon(const wide_registry_key& key)
 {
     const auto original = read_text(key, ORIGINAL_VALUE);
     return original && key.write_text(L"", *original) == ERROR_SUCCESS;
 }
 
-bool delete_applied_icon(const registry_key& key)
+bool delete_applied_icon(const wide_registry_key& key)
 {
     const LSTATUS status = key.delete_value(L"");
     return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
@@ -45,7 +45,7 @@ bool delete_applied_icon(const registry_key& key)
 
 bool restore_drive_icon(wchar_t letter)
 {
-    registry_key key;
+    wide_registry_key key;
     const LSTATUS opened = key.open(
         HKEY_CURRENT_USER,
         std::wstring{LR"(Software\Classes\Applications\Explorer.exe\Drives\)"} + letter + LR"(\DefaultIcon)",

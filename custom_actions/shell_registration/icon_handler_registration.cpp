@@ -13,10 +13,12 @@
 namespace custom_actions {
 namespace {
 
+constexpr DWORD LONGEST_VALUE_NAME = 16384; // characters, with the terminating zero
+
 // The text of a value; empty if it is not there, cannot be read or is no text.
 std::wstring text_of(HKEY root, const std::wstring& path, const wchar_t* name)
 {
-    registry_key key;
+    wide_registry_key key;
     registry_value value;
     if (key.open(root, path, KEY_READ) != ERROR_SUCCESS ||
         key.read(name, ICON_HANDLER_SIZE, value) != ERROR_SUCCESS) {
@@ -47,15 +49,19 @@ std::wstring associated_progid(const std::wstring& type)
 std::vector<std::wstring> value_names(const std::wstring& path)
 {
     std::vector<std::wstring> names;
-    registry_key key;
+    wide_registry_key key;
     if (key.open(HKEY_CURRENT_USER, path, KEY_READ) != ERROR_SUCCESS) {
         return names;
     }
-    std::wstring name;
-    for (DWORD index = 0; key.enumerate_value_name(index, name) == ERROR_SUCCESS; ++index) {
-        names.push_back(name);
+    std::wstring name(LONGEST_VALUE_NAME, L'\0');
+    for (DWORD index = 0;; ++index) {
+        DWORD length = LONGEST_VALUE_NAME;
+        if (RegEnumValueW(key.get(), index, name.data(), &length, nullptr, nullptr, nullptr, nullptr) !=
+            ERROR_SUCCESS) {
+            return names;
+        }
+        names.push_back(name.substr(0, length));
     }
-    return names;
 }
 
 // Adds a ProgId unless it is empty, "*", a packaged application's ("AppX...") or known already. Case does not
@@ -92,7 +98,7 @@ std::vector<std::wstring> collect_progids(const std::wstring& type)
 void set_handler_with_backup(const std::wstring& path)
 {
     const std::wstring slot = path + LR"(\ShellEx\IconHandler)";
-    registry_key key;
+    wide_registry_key key;
     check_win32(
         key.create(HKEY_CURRENT_USER, slot, KEY_READ_WRITE | native_registry_view()),
         "Failed to create/open registry key");

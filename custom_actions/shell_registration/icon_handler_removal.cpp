@@ -24,7 +24,7 @@ std::wstring below(const std::wstring& path, const std::wstring& name)
 // back in its place.
 bool restore_slot(const std::wstring& path)
 {
-    registry_key key;
+    wide_registry_key key;
     if (key.open(HKEY_CURRENT_USER, path, KEY_READ_WRITE) != ERROR_SUCCESS ||
         !equal_ignoring_case(key.whole_text(L"", ICON_HANDLER_SIZE), ICON_HANDLER_CLSID)) {
         return false;
@@ -42,10 +42,12 @@ bool restore_slot(const std::wstring& path)
 // Deletes the slot of one type or ProgId, and "ShellEx" with it if that has no other subkeys.
 void delete_slot(const std::wstring& owner, const std::wstring& slot)
 {
-    registry_key key;
+    DWORD subkeys = 0;
+    DWORD values = 0; // which do not count
+    wide_registry_key key;
     if (key.open(HKEY_CURRENT_USER, owner + LR"(\ShellEx)", KEY_WRITE | KEY_QUERY_VALUE) == ERROR_SUCCESS &&
-        key.delete_subkey(slot.c_str()) == ERROR_SUCCESS && key.has_no_subkeys() &&
-        key.open(HKEY_CURRENT_USER, owner, KEY_WRITE) == ERROR_SUCCESS) {
+        key.delete_subkey(slot.c_str()) == ERROR_SUCCESS && key.count(subkeys, values) == ERROR_SUCCESS &&
+        subkeys == 0 && key.open(HKEY_CURRENT_USER, owner, KEY_WRITE) == ERROR_SUCCESS) {
         key.delete_subkey(L"ShellEx");
     }
 }
@@ -54,7 +56,7 @@ void delete_slot(const std::wstring& owner, const std::wstring& slot)
 // stay, so that enumerating them by index is safe.
 void sweep_handler_slot(const std::wstring& root, const std::wstring& slot)
 {
-    registry_key key;
+    wide_registry_key key;
     if (key.open(HKEY_CURRENT_USER, root, KEY_READ) != ERROR_SUCCESS) {
         return;
     }
@@ -70,7 +72,7 @@ void sweep_handler_slot(const std::wstring& root, const std::wstring& slot)
 std::vector<std::wstring> types_with_associations()
 {
     std::vector<std::wstring> types;
-    registry_key associations;
+    wide_registry_key associations;
     if (associations.open(HKEY_CURRENT_USER, std::wstring{FILE_ASSOCIATIONS}, KEY_READ) != ERROR_SUCCESS) {
         return types;
     }
@@ -88,7 +90,7 @@ void clear_treatment(const std::wstring& type)
 {
     const std::wstring path = below(FILE_ASSOCIATIONS, type);
     DWORD marker = 0;
-    registry_key key;
+    wide_registry_key key;
     if (read_number(HKEY_CURRENT_USER, path.c_str(), TREATMENT_MARKER_VALUE, RRF_RT_REG_DWORD, marker) ==
             ERROR_SUCCESS &&
         marker != 0 && key.open(HKEY_CURRENT_USER, path, KEY_READ_WRITE) == ERROR_SUCCESS) {

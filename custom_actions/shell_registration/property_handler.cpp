@@ -24,7 +24,7 @@ std::string file_association_path(std::string_view extension)
     return std::string{FILE_ASSOCIATION_PREFIX}.append(extension);
 }
 
-std::string read_details_list(const registry_key& key, const char* name, DWORD limit)
+std::string read_details_list(const ansi_registry_key& key, const char* name, DWORD limit)
 {
     registry_value list;
     key.read(name, limit, list);

@@ -38,7 +38,7 @@ std::string property_handler_path(std::string_view extension);
 std::string file_association_path(std::string_view extension);
 
 // A detail list as text, whatever its type; empty if it is not there or cannot be read into `limit` bytes.
-std::string read_details_list(const registry_key& key, const char* name, DWORD limit);
+std::string read_details_list(const ansi_registry_key& key, const char* name, DWORD limit);
 
 // The limits of the two lists that extra properties are added to, in bytes.
 inline constexpr DWORD INFOTIP_LIMIT = 2048;

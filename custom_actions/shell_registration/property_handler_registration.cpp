@@ -36,7 +36,7 @@ bool is_handler(const registry_value& value) noexcept
 // Whether there is a handler, anybody's, that can be read.
 bool has_property_handler(std::string_view extension)
 {
-    registry_key key;
+    ansi_registry_key key;
     registry_value handler;
     return key.open(HKEY_LOCAL_MACHINE, property_handler_path(extension), KEY_READ) == ERROR_SUCCESS &&
            key.read_whole("", HANDLER_SIZE, handler) == ERROR_SUCCESS && is_handler(handler);
@@ -44,7 +44,7 @@ bool has_property_handler(std::string_view extension)
 
 bool is_our_property_handler(std::string_view extension)
 {
-    registry_key key;
+    ansi_registry_key key;
     registry_value handler;
     return key.open(HKEY_LOCAL_MACHINE, property_handler_path(extension), KEY_READ) == ERROR_SUCCESS &&
            key.read("", HANDLER_SIZE, handler) == ERROR_SUCCESS && is_handler(handler) &&
@@ -56,7 +56,7 @@ bool is_our_property_handler(std::string_view extension)
 void override_property_handler(const std::string& extension, REGSAM view)
 {
     const std::string path = property_handler_path(extension);
-    registry_key key;
+    ansi_registry_key key;
     if (const LSTATUS status = key.open(HKEY_LOCAL_MACHINE, path, KEY_READ_WRITE | view);
         status != ERROR_SUCCESS) {
         log_property_handler(
@@ -67,7 +67,7 @@ void override_property_handler(const std::string& extension, REGSAM view)
     registry_value current;
     key.read_whole("", HANDLER_SIZE, current);
     if (!current.text().empty() && key.find_value(ORIGINAL_HANDLER_VALUE) == ERROR_FILE_NOT_FOUND) {
-        key.write_raw_text(ORIGINAL_HANDLER_VALUE, current.data);
+        key.write(ORIGINAL_HANDLER_VALUE, REG_SZ, current.data);
     }
     if (const LSTATUS status = key.write_text("", std::string{PROPERTY_HANDLER_CLSID});
         status != ERROR_SUCCESS) {
@@ -90,7 +90,7 @@ void replace_handler(const std::string& extension, REGSAM view, failure_list& fa
 
 bool write_handler(const std::string& extension, REGSAM view)
 {
-    registry_key key;
+    ansi_registry_key key;
     if (key.create(HKEY_LOCAL_MACHINE, property_handler_path(extension), KEY_WRITE | view) != ERROR_SUCCESS ||
         key.write_text("", std::string{PROPERTY_HANDLER_CLSID}) != ERROR_SUCCESS) {
         return false;
@@ -102,7 +102,7 @@ bool write_handler(const std::string& extension, REGSAM view)
 // Stops at the first list that cannot be written.
 void write_details_lists(std::string_view extension)
 {
-    registry_key key;
+    ansi_registry_key key;
     if (key.create(HKEY_LOCAL_MACHINE, file_association_path(extension), KEY_WRITE) != ERROR_SUCCESS) {
         return;
     }
@@ -145,7 +145,7 @@ failure_list register_handlers(REGSAM view)
 }
 
 // Opens the detail lists of `extension`; logs which of them it was for if that fails.
-bool open_for_update(registry_key& key, std::string_view extension, REGSAM view, const char* list)
+bool open_for_update(ansi_registry_key& key, std::string_view extension, REGSAM view, const char* list)
 {
     const std::string path = file_association_path(extension);
     if (key.open(HKEY_LOCAL_MACHINE, path, KEY_READ_WRITE | view) == ERROR_SUCCESS) {
@@ -158,7 +158,7 @@ bool open_for_update(registry_key& key, std::string_view extension, REGSAM view,
 
 void extend_infotip(const std::string& extension, REGSAM view)
 {
-    registry_key key;
+    ansi_registry_key key;
     if (!open_for_update(key, extension, view, "InfoTip")) {
         return;
     }
@@ -173,7 +173,7 @@ void extend_infotip(const std::string& extension, REGSAM view)
 
 void extend_full_details(const std::string& extension, std::string_view property, REGSAM view)
 {
-    registry_key key;
+    ansi_registry_key key;
     if (!open_for_update(key, extension, view, "FullDetails")) {
         return;
     }

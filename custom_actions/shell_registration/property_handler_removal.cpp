@@ -11,12 +11,12 @@ namespace {
 
 // The extensions whose handler is the suite's, in the order of the registry. The list is complete before
 // anything is changed.
-std::vector<std::string> our_extensions(const registry_key& handlers)
+std::vector<std::string> our_extensions(const ansi_registry_key& handlers)
 {
     std::vector<std::string> extensions;
     std::string extension;
     for (DWORD index = 0; handlers.enumerate_subkey(index, extension) == ERROR_SUCCESS; ++index) {
-        registry_key key;
+        ansi_registry_key key;
         registry_value handler;
         if (key.open(handlers.get(), extension, KEY_READ) == ERROR_SUCCESS &&
             key.read("", HANDLER_SIZE, handler) == ERROR_SUCCESS &&
@@ -31,7 +31,7 @@ std::vector<std::string> our_extensions(const registry_key& handlers)
 template <class Change>
 void change_details_list(const std::string& extension, const char* name, DWORD limit, Change change)
 {
-    registry_key key;
+    ansi_registry_key key;
     if (key.open(HKEY_LOCAL_MACHINE, file_association_path(extension), KEY_READ_WRITE) != ERROR_SUCCESS) {
         return;
     }
@@ -44,21 +44,21 @@ void change_details_list(const std::string& extension, const char* name, DWORD l
 // only once its content is back in its place.
 bool restore_foreign_handler(const std::string& extension)
 {
-    registry_key key;
+    ansi_registry_key key;
     registry_value original;
     if (key.open(HKEY_LOCAL_MACHINE, property_handler_path(extension), KEY_READ_WRITE) != ERROR_SUCCESS ||
         key.read_whole(ORIGINAL_HANDLER_VALUE, HANDLER_SIZE, original) != ERROR_SUCCESS ||
         original.text().empty()) {
         return false;
     }
-    if (key.write_raw_text("", original.data) == ERROR_SUCCESS) {
+    if (key.write("", REG_SZ, original.data) == ERROR_SUCCESS) {
         key.delete_value(ORIGINAL_HANDLER_VALUE);
     }
     return true;
 }
 
 // Deletes the list if it is exactly the suite's; returns whether it did.
-bool delete_value_if_matches(const registry_key& key, const char* name, std::string_view expected)
+bool delete_value_if_matches(const ansi_registry_key& key, const char* name, std::string_view expected)
 {
     return read_details_list(key, name, FULL_DETAILS_LIMIT) == expected &&
            key.delete_value(name) == ERROR_SUCCESS;
@@ -67,7 +67,7 @@ bool delete_value_if_matches(const registry_key& key, const char* name, std::str
 void remove_details_lists(const std::string& extension)
 {
     const std::string path = file_association_path(extension);
-    registry_key key;
+    ansi_registry_key key;
     if (key.open(HKEY_LOCAL_MACHINE, path, KEY_READ_WRITE) != ERROR_SUCCESS) {
         return;
     }
@@ -76,14 +76,16 @@ void remove_details_lists(const std::string& extension)
             write_console_line("  - Removed matching " + std::string{name} + ".");
         }
     }
-    if (key.is_empty()) {
+    DWORD subkeys = 0;
+    DWORD values = 0;
+    if (key.count(subkeys, values) == ERROR_SUCCESS && subkeys == 0 && values == 0) {
         key.close();
         RegDeleteKeyA(HKEY_LOCAL_MACHINE, path.c_str());
     }
 }
 
 // Returns whether the suite's handler is gone.
-bool remove_extension(const registry_key& handlers, const std::string& extension)
+bool remove_extension(const ansi_registry_key& handlers, const std::string& extension)
 {
     change_details_list(extension, "InfoTip", INFOTIP_LIMIT, without_infotip_extra);
     for (const std::string_view property : FULL_DETAILS_EXTRA_PROPERTIES) {
@@ -94,14 +96,14 @@ bool remove_extension(const registry_key& handlers, const std::string& extension
     if (restore_foreign_handler(extension)) {
         return true;
     }
-    const bool deleted = handlers.delete_subkey(extension) == ERROR_SUCCESS;
+    const bool deleted = handlers.delete_subkey(extension.c_str()) == ERROR_SUCCESS;
     remove_details_lists(extension);
     return deleted;
 }
 
 bool remove_handlers()
 {
-    registry_key handlers;
+    ansi_registry_key handlers;
     if (const LSTATUS status = handlers.open(HKEY_LOCAL_MACHINE, PROPERTY_HANDLERS_KEY, KEY_READ_WRITE);
         status != ERROR_SUCCESS) {
         return status == ERROR_FILE_NOT_FOUND;

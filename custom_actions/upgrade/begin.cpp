@@ -12,7 +12,6 @@
 #include "custom_actions/upgrade/upgrade_packages.h"
 #include "custom_actions/upgrade/workspace.h"
 
-#include <algorithm>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -47,9 +46,7 @@ void save_package(MSIHANDLE session, const context& context, std::size_t index)
 
 void record_helper(const context& context)
 {
-    const process_list helpers = find_processes_by_image(HELPER_IMAGES, listing::lenient);
-    if (std::ranges::any_of(
-            helpers, [&](DWORD process) { return runs_in_session(process, context.session_id); })) {
+    if (image_runs_in_session(HELPER_IMAGES, context.session_id)) {
         write_marker(context, marker::HELPER_RUNNING);
     }
 }

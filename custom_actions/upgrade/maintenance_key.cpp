@@ -30,7 +30,7 @@ std::optional<ULONGLONG> creation_time(HANDLE process) noexcept
 void take_key()
 {
     constexpr const char* failure = "Cannot persist upgrade guard";
-    registry_key key;
+    wide_registry_key key;
     check_win32(
         key.create(HKEY_LOCAL_MACHINE, std::wstring{MAINTENANCE_KEY}, KEY_SET_VALUE | KEY_WOW64_64KEY),
         "Cannot establish upgrade guard");

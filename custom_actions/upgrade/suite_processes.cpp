@@ -9,7 +9,6 @@
 #include "custom_actions/upgrade/process_location.h"
 
 #include <exception>
-#include <optional>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -48,26 +47,20 @@ bool host_has_our_modules(DWORD process, const context& context)
     return process_has_module(process, our_shell_modules, listing::strict);
 }
 
-// Nothing if the process has gone.
-std::optional<DWORD> process_session(DWORD process, const context& context)
-{
-    DWORD session = 0;
-    if (ProcessIdToSessionId(process, &session)) {
-        return session;
-    }
-    if (GetLastError() == ERROR_INVALID_PARAMETER) {
-        return std::nullopt;
-    }
-    return host_owner_impersonation{process, context.session_id}.session();
-}
-
+// False if the process has gone.
 bool runs_in_upgraded_session(DWORD process, const context& context)
 {
-    const std::optional<DWORD> session = process_session(process, context);
-    if (session && *session != context.session_id) {
+    DWORD session = 0;
+    if (!ProcessIdToSessionId(process, &session)) {
+        if (GetLastError() == ERROR_INVALID_PARAMETER) {
+            return false;
+        }
+        session = host_owner_impersonation{process, context.session_id}.session();
+    }
+    if (session != context.session_id) {
         throw std::runtime_error{"QBL is running in another session; close it there before upgrading"};
     }
-    return session.has_value();
+    return true;
 }
 
 // Leaves out what has gone.

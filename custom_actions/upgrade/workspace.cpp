@@ -38,14 +38,11 @@ bool is_trusted_owner(PSID owner)
 // folder in the Windows directory's Temp.
 bool workspace_is_ours(const context& context)
 {
-    const kernel_handle folder{CreateFileW(
-        context.workspace.c_str(),
-        READ_CONTROL | FILE_READ_ATTRIBUTES,
-        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-        nullptr,
-        OPEN_EXISTING,
-        FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT,
-        nullptr)};
+    constexpr DWORD access = READ_CONTROL | FILE_READ_ATTRIBUTES;
+    constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    constexpr DWORD flags = FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT;
+    const kernel_handle folder{
+        CreateFileW(context.workspace.c_str(), access, share, nullptr, OPEN_EXISTING, flags, nullptr)};
     if (!folder && is_not_found(GetLastError())) {
         return false;
     }
@@ -54,18 +51,11 @@ bool workspace_is_ours(const context& context)
     if ((information_of(folder, READ_FAILURE).dwFileAttributes & kinds) != FILE_ATTRIBUTE_DIRECTORY) {
         return false;
     }
+    constexpr SECURITY_INFORMATION what = OWNER_SECURITY_INFORMATION;
     PSID owner = nullptr;
     PSECURITY_DESCRIPTOR descriptor = nullptr;
     check_win32(
-        GetSecurityInfo(
-            folder.get(),
-            SE_FILE_OBJECT,
-            OWNER_SECURITY_INFORMATION,
-            &owner,
-            nullptr,
-            nullptr,
-            nullptr,
-            &descriptor),
+        GetSecurityInfo(folder.get(), SE_FILE_OBJECT, what, &owner, nullptr, nullptr, nullptr, &descriptor),
         READ_FAILURE);
     const local_memory holder{descriptor};
     return is_trusted_owner(owner);
@@ -95,14 +85,10 @@ void write_marker(const context& context, const std::wstring& name)
         throw windows_error{WRITE_FAILURE, ERROR_PATH_NOT_FOUND};
     }
     // Opens a link itself and not what it leads to.
-    kernel_handle file{CreateFileW(
-        join_path(context.workspace, name).c_str(),
-        GENERIC_WRITE,
-        FILE_SHARE_READ,
-        nullptr,
-        OPEN_ALWAYS,
-        FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT,
-        nullptr)};
+    constexpr DWORD flags = FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT;
+    const std::wstring path = join_path(context.workspace, name);
+    kernel_handle file{
+        CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_ALWAYS, flags, nullptr)};
     check_bool(file, WRITE_FAILURE);
     const BY_HANDLE_FILE_INFORMATION found = information_of(file, WRITE_FAILURE);
     if ((found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 || found.nNumberOfLinks != 1) {
