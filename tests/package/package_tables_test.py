@@ -18,7 +18,7 @@ sys.dont_write_bytecode = True
 import build_package  # noqa: E402
 
 FRAGMENT, REHEARSAL = PROJECT / "package/custom_actions.wxs", PROJECT / "package/rehearsal.wxs"
-SOURCES = {"quorbel": PROJECT / "package/quorbel.wxs"}
+SOURCES = {"quorbel": PROJECT / "package/quorbel.wxs", "toy_set": PROJECT / "tests/package/toy_set.wxs"}
 PACKAGES = ("Sorvane.Icon", "Sorvane.Organize", "Sorvane.Tag", "Sorvane.Rate", "Quorbel.Kindra", "Quorbel.Paste",
             "Quorbel.Comment", "Quorbel.Plexa")
 # What the sources ask for; most of it is in none of the rows that are compared.
