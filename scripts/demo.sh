@@ -137,6 +137,7 @@ run_msiexec() {
 }
 
 succeeded() { [ "$result" = 0 ]; }
+was_cancelled() { [ "$result" = 66 ]; } # 1602
 failed_to_install() { [ "$result" = 67 ]; } # 1603 in the byte that a shell sees
 logged() { grep -qF -- "$1" "$log"; }
 not_logged() { ! logged "$1"; }
@@ -183,6 +184,25 @@ toy_search --start
 plant "$handlers\.jpg" /ve /d "$foreign_handler"
 plant "$handlers\.png" /ve /d "$foreign_handler"
 plant "$icon_slot" /ve /d "$foreign_handler"
+
+plant "$drive" /ve /d before.ico
+
+# What a removal has to leave as it was: every value where the suite writes, and every file but what upgrades keep (and
+# what plays Wine's engine has saved or set aside).
+machine() {
+  local key
+  for key in "$handlers" 'HKLM\SOFTWARE\Classes\SystemFileAssociations' 'HKCU\Software\Classes' 'HKLM\SOFTWARE\Brenmoor'; do
+    scripts/wine.sh reg query "$key" /s 2>/dev/null </dev/null | tr -d '\r' | awk '/^HK/ { key = $0 } /^ / { print key $0 }'
+  done
+  find build/wine/drive_c -type f ! -path '*/QBL-upgrade-*' ! -path '*/quorbel-files-before-upgrade/*' ! -name '*.in-use' |
+    sort
+}
+machine >"$logs/machine-before.txt"
+machine_is_as_before() {
+  machine >"$logs/machine-after.txt"
+  diff "$logs/machine-before.txt" "$logs/machine-after.txt" | sed -n 's/^[<>]/    &/p' | tee "$logs/machine-differences.txt"
+  [ ! -s "$logs/machine-differences.txt" ]
+}
 
 heading "Install Quorbel 1.4.1 on a machine that has none"
 run_msiexec 1-install-1.4.1 /i "$(package 1.4.1)"
@@ -283,10 +303,10 @@ use_the_suite() {
   sleep 3
   scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null || true
 }
-suite_runs_again() {
-  runs '[\\]Quorbel\.exe' && runs 'Quorbel\.Kindra\.HelperService\.exe' && runs 'Quorbel\.SystemTray\.exe' &&
-    runs_not 'AutoTagging'
+suite_programs_run() {
+  runs '[\\]Quorbel\.exe' && runs 'Quorbel\.Kindra\.HelperService\.exe' && runs 'Quorbel\.SystemTray\.exe'
 }
+suite_runs_again() { suite_programs_run && runs_not 'AutoTagging'; }
 # check_suite_is_back TIMES: everything runs as before; Windows Search was stopped and started so often.
 check_suite_is_back() {
   check "Quorbel.exe, asked early, had closed by itself" ended_with Quorbel.exe 0
@@ -357,9 +377,24 @@ failing_upgrade 6-failing-later 1 FAIL_ON_PURPOSE=1
 check "it was committed" marked committed
 check "everything was undone" marked rollback-complete
 
+heading "Controlled upgrade to 2.0.0, which the user cancels before anything is replaced"
+use_the_suite
+run_msiexec 7-cancelled-upgrade /i "$(package 2.0.0)" CANCEL_ON_PURPOSE=1
+check "the installer was cancelled" was_cancelled
+check "Quorbel.exe, asked early, had closed by itself" ended_with Quorbel.exe 0
+check "the end of a cancelled session brought it back" logged "Early recovery completed as original desktop user."
+check "program, helper and tray run" suite_programs_run
+check "no recovery task is left" no_recovery_task
+check "the files are those of 1.5.0" notes_are "Quorbel 1.5.0"
+check "so are the packages: ${packages_before}" packages_are "$packages_before"
+end_suite
+for program in Quorbel.AutoTagging.Service.exe explorer.exe; do # nobody has closed these
+  scripts/wine.sh taskkill /f /im $program >/dev/null 2>&1 </dev/null || true
+done
+
 heading "Controlled upgrade to 2.0.0"
 use_the_suite
-run_msiexec 7-upgrade-2.0.0 /i "$(package 2.0.0)"
+run_msiexec 8-upgrade-2.0.0 /i "$(package 2.0.0)"
 check "the installer succeeded" succeeded
 check "the files are those of 2.0.0" notes_are "Quorbel 2.0.0"
 check "all eight packages are of 2.0.0" packages_are "8 2.0.0.0"
@@ -379,7 +414,7 @@ plant "$drive" /v sorvane_drive_icon_had_original /t REG_DWORD /d 1
 plant "$drive" /v sorvane_drive_icon_original /d before.ico
 
 heading "Remove Quorbel"
-run_msiexec 8-remove-2.0.0 /x "$(package 2.0.0)"
+run_msiexec 9-remove-2.0.0 /x "$(package 2.0.0)"
 check "the installer succeeded" succeeded
 check "the restart notice was shown" logged "Please restart when it is convenient for you."
 remove_shell_host
@@ -393,25 +428,27 @@ check "so is the icon that drive Q had before" default_is "$drive" before.ico
 check "the built-in New menu was looked after" logged "restore_built_in_new_context_menu: completed"
 check_search "Quorbel 2.0.0" ""
 check "no package is registered any more" packages_are ""
+check "no task is left" no_recovery_task
+check "every value and every file is as before, but for what the upgrades keep" machine_is_as_before
 
 heading "Install Quorbel 1.4.2 once more; Windows Search is stopped this time"
 scripts/wine.sh sc stop WSearch >/dev/null 2>&1 </dev/null
 search_is STOPPED
-run_msiexec 9-install-1.4.2 /i "$(package 1.4.2)"
+run_msiexec 10-install-1.4.2 /i "$(package 1.4.2)"
 check "the installer succeeded" succeeded
 check "Windows Search stays stopped" search_is STOPPED
 
 heading "Upgrade to 1.5.0, which fails at its end"
 toy_search --start
-run_msiexec 10-failed-upgrade /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
+run_msiexec 11-failed-upgrade /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
 check "the installer failed" failed_to_install
 # Wine does not bring back the old version's files, so what there is now depends on where this runs.
 check_search "Quorbel 1.4.2" "$(notes_now)"
 
 heading "Upgrade to 1.5.0 again, and remove it"
-run_msiexec 11-upgrade-1.5.0 /i "$(package 1.5.0)"
+run_msiexec 12-upgrade-1.5.0 /i "$(package 1.5.0)"
 check "the installer succeeded" succeeded
-run_msiexec 12-remove /x "$(package 1.5.0)"
+run_msiexec 13-remove /x "$(package 1.5.0)"
 check "the installer succeeded" succeeded
 check "nothing is left of the suite" nothing_installed
 check "Windows Search is running" search_is RUNNING
@@ -419,7 +456,7 @@ check "Windows Search is running" search_is RUNNING
 heading "Install 1.5.0 on the machine that has none again, which fails at its end"
 start_shell_host
 sleep 3
-run_msiexec 13-failed-install /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
+run_msiexec 14-failed-install /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
 check "the installer failed" failed_to_install
 check "the Explorer with the extension was ended" ended_with explorer.exe 1
 check "Windows' own Explorer is back" explorer_runs

@@ -131,6 +131,16 @@ class PackageTables(unittest.TestCase):
                      "recover_early_upgrade", "notify_restart_recommended")
             self.assertEqual(sorted(chain, key=self.place.get), list(chain))
 
+    def test_no_order_is_left_to_the_compiler(self):
+        fragment = build_package.expand([build_package.read(FRAGMENT)], dict(VARIABLES))[0]
+        neighbours = {}
+        for element in fragment.every("Custom", "SetProperty", "InstallExecute", "RemoveExistingProducts"):
+            for side in {"Before", "After"} & set(element.attributes):
+                action = element.get("Action", element.name)
+                kind = re.sub("|".join(PACKAGES), "PACKAGE", action)  # the packages among themselves need no order
+                neighbours.setdefault((side, element.get(side)), set()).add(kind)
+        self.assertEqual({place: actions for place, actions in neighbours.items() if len(actions) > 1}, {})
+
     def test_each_action_that_reads_data_has_its_property(self):
         documented = documented_kinds()
         given = {action: setter for setter, actions in DATA_OF.items() for action in actions}
