@@ -4,7 +4,7 @@
 wixl takes an older form of the sources, drops what it does not know with a warning at most, and has no word for rollback
 actions or for the ends of a session. So the files, folders, features and properties go to wixl in its own form, and the
 rows of the actions are made here and written into its package. An element or attribute that is not in the list below is
-an error, and so is whatever the compilers of WiX would not link.
+an error; so is an action without a place, and a name that leads nowhere.
 """
 
 import argparse
@@ -281,6 +281,8 @@ def tables(sources, variables, conditions):
     actions = action_rows(linked)
     sequence = sequence_rows(linked, actions)
     for action, added in conditions.items():
+        if action not in sequence:
+            raise SystemExit(f"there is no action {action} to add a condition to")
         condition, number = sequence[action]
         sequence[action] = (f"({condition}) AND {added}" if condition else added, number)
     return linked, actions, sequence
@@ -388,7 +390,7 @@ def main():
     elements = "\n".join(f"  {name}: {told}" for name, told in SCHEMA.items())
     parser = argparse.ArgumentParser(
         description=__doc__,
-        epilog=f"What it understands, each element with its attributes > the elements in it:\n{elements}\n"
+        epilog=f'What it understands, each element with its attributes > the elements in it. "!" must be there.\n{elements}\n'
         f"and {INSTRUCTIONS}",
         formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("sources", nargs="+", help="one Package, and the fragments that it refers to")

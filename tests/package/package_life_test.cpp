@@ -31,6 +31,7 @@ using testing::HasSubstr;
 using texts = std::vector<std::string>;
 
 constexpr const wchar_t* FOLDER = LR"(C:\Program Files\Toymaker\Bob's Toys (all of them))";
+constexpr const wchar_t* ELSEWHERE = LR"(C:\Toys elsewhere)"; // where an upgrade is to go, which fails
 constexpr const wchar_t* HANDLERS =
     LR"(SOFTWARE\Microsoft\Windows\CurrentVersion\PropertySystem\PropertyHandlers)";
 
@@ -45,12 +46,14 @@ texts files()
 {
     texts found;
     std::error_code none;
-    for (const auto& file : std::filesystem::recursive_directory_iterator{FOLDER, none}) {
-        if (file.path().extension() == L".in-use") {
-            continue; // set aside under a running program; it goes with the next restart
+    for (const wchar_t* folder : {FOLDER, ELSEWHERE}) {
+        for (const auto& file : std::filesystem::recursive_directory_iterator{folder, none}) {
+            if (file.path().extension() == L".in-use") {
+                continue; // set aside under a running program; it goes with the next restart
+            }
+            const std::size_t hash = std::hash<std::string>{}(content(file.path()));
+            found.push_back(file.path().filename().string() + ' ' + std::to_string(hash));
         }
-        const std::size_t hash = std::hash<std::string>{}(content(file.path()));
-        found.push_back(file.path().filename().string() + ' ' + std::to_string(hash));
     }
     return found;
 }
@@ -113,7 +116,10 @@ constexpr step STEPS[]{
     {L"/i toy_set-1.4.1 FAIL_ON_PURPOSE=1", 1603, "fail_on_purpose", nullptr},
     {L"/i toy_set-1.4.1", 0, "install_Quorbel.Plexa", "1.4.1"},
     {L"/x toy_set-1.4.1 FAIL_ON_PURPOSE=1", 1603, "fail_on_purpose", nullptr},
-    {L"/i toy_set-1.4.2 FAIL_ON_PURPOSE=1", 1603, "fail_on_purpose", nullptr},
+    {L"/i toy_set-1.4.2 \"INSTALLFOLDER=C:\\Toys elsewhere\" FAIL_ON_PURPOSE=1",
+     1603,
+     "fail_on_purpose",
+     nullptr},
     {L"/i toy_set-1.4.2", 0, "install_Quorbel.Plexa", "1.4.2"},
     {L"/i toy_set-1.4.2 REINSTALL=ALL", 0, "install_Quorbel.Plexa", "1.4.2"},
     {L"/i toy_set-1.4.1", 1603, "NEWER_VERSION_FOUND = {", nullptr},

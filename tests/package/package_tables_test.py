@@ -44,6 +44,40 @@ PARTNERS = {
     **{f"{verb}_{name}": f"undo_{verb}_{name}" for verb in ("install", "remove") for name in PACKAGES},
 }
 
+FRAME = {"capture_search_state", "close_and_kill_our_processes", "rollback_explorer", "rollback_search", "stop_search",
+         "restore_search", "restore_explorer"}
+REGISTRATION = {"check_upgrade_type", "log_app_control_state", "propertyhandler_update_registry",
+                "iconhandler_add_defaults_to_registry"}
+# What is true in a session, and which actions then run; "*" is each package.
+SESSIONS = {
+    "a first installation": ({}, FRAME | REGISTRATION | {
+        "rollback_property_handler", "rollback_icon_handler", "undo_install_*", "install_*"}),
+    "a repair": ({"Installed": "1"}, FRAME | REGISTRATION | {"install_*"}),
+    "a removal": ({"Installed": "1", "REMOVE": "ALL"}, FRAME | {
+        "put_back_property_handler", "propertyhandler_remove_registry", "put_back_icon_handler",
+        "iconhandler_remove_registry", "restore_built_in_new_context_menu", "undo_remove_*", "remove_*",
+        "notify_restart_recommended"}),
+    "the removal of the old version in an upgrade": (
+        {"Installed": "1", "REMOVE": "ALL", "UPGRADINGPRODUCTCODE": "{}"}, set()),
+    "an upgrade": ({"OLDER_VERSION_FOUND": "{}"}, FRAME | REGISTRATION | {"undo_upgrade_*", "install_*"}),
+    "a controlled upgrade": (
+        {"OLDER_VERSION_FOUND": "{}", "WIX_UPGRADE_DETECTED": "{}", "QblEarlyRecoveryTask": "x"}, REGISTRATION | {
+            "prepare_controlled_upgrade", "early_close_upgrade", "rollback_controlled_upgrade",
+            "begin_controlled_upgrade", "install_upgrade_packages", "finish_controlled_upgrade",
+            "recover_early_upgrade", "recover_after_error", "recover_after_cancel"}),
+}
+
+
+def holds(condition, session):
+    """Whether a condition of the installer's is true."""
+    def compared(found):
+        value, operator, text = session.get(found[1], ""), found[2], found[3]
+        return str({"~=": value.upper() == text.upper(), "<>": value != text, "><": text in value}[operator])
+
+    words = re.sub(r'(\w+) ?(~=|<>|><) ?"([^"]*)"', compared, condition)
+    known = {"AND": "and", "OR": "or", "NOT": "not", "True": "True", "False": "False"}
+    return eval(re.sub(r"\w+", lambda word: known.get(word[0]) or str(word[0] in session), words) or "True")
+
 
 def export(package, table):
     """The rows of a table, as dictionaries."""
@@ -154,12 +188,18 @@ class PackageTables(unittest.TestCase):
                 self.assertLess(self.place[setter], self.place[action], f"{action} has no data yet")
                 self.assertEqual(self.condition(setter), self.condition(action), f"{action} may run without {setter}")
 
-    def test_packages_are_left_alone_without_a_user_and_removals_before_they_are_certain(self):
+    def test_each_kind_of_session_runs_its_actions(self):
         for _ in self.each_package():
-            packages = [action for action in self.ours if self.actions[action]["Target"].startswith("msix_")]
-            self.assertEqual(len(packages), 5 * len(PACKAGES))
-            for action in packages:
-                self.assertIn('UserSID<>"S-1-5-18"', self.condition(action), action)
+            for name, (session, wanted) in SESSIONS.items():
+                for user in ("S-1-5-21-1", "S-1-5-18"):  # the second is LocalSystem, which has no packages
+                    found = {action for action in self.ours
+                             if holds(self.condition(action), {**session, "UserSID": user})}
+                    told = {action.replace("*", package) for action in wanted for package in PACKAGES
+                            if user != "S-1-5-18" or "*" not in action}
+                    self.assertEqual(found, told, f"{name} by {user}")
+
+    def test_nothing_is_asked_too_early_and_what_is_ignored_is_known(self):
+        for _ in self.each_package():
             for action in self.in_order("AppSearch", "InstallValidate"):
                 self.assertNotRegex(self.condition(action), r'(?<!NOT )REMOVE~="ALL"', action)
             self.assertTrue(self.condition("refuse_folder").startswith('NOT REMOVE~="ALL" AND ('))
