@@ -59,6 +59,9 @@ STANDARD_ACTIONS = {
     "RemoveFiles": 3500, "InstallFiles": 4000, "WriteRegistryValues": 5000, "RegisterUser": 6000,
     "RegisterProduct": 6100, "PublishFeatures": 6300, "PublishProduct": 6400, "InstallFinalize": 6600,
 }
+# What wixl makes the rows of, from the same element with the same attributes; the rest is in table_changes.
+FOR_WIXL = ("Media", "Binary", "Property", "RegistrySearch", "StandardDirectory", "Directory", "Component", "File",
+            "RegistryValue", "Feature", "ComponentRef")
 ENDS = {"success": -1, "cancel": -2, "error": -3, "suspend": -4}
 
 # The type of an action is a sum.
@@ -88,9 +91,7 @@ class Element:
 
 class Instruction:
     def __init__(self, place, name, text):
-        self.place, self.name, self.text, self.children = place, name, text.strip(), []
-
-    every = Element.every
+        self.place, self.name, self.text = place, name, text.strip()
 
 
 def read(path):
@@ -296,13 +297,14 @@ def wixl_source(linked):
         product.set(name, package.get(name))
     ElementTree.SubElement(product, "Package", InstallScope="perMachine", InstallerVersion="500", Compressed="yes")
 
+    def has_row(prop):
+        return "Value" in prop.attributes or any(prop.every("RegistrySearch"))
+
     def add(element, parent):
         if element.name == "Launch":
             ElementTree.SubElement(parent, "Condition", Message=element.get("Message")).text = element.get("Condition")
             return
-        wanted = ("Media", "Binary", "Property", "RegistrySearch", "StandardDirectory", "Directory", "Component",
-                  "File", "RegistryValue", "Feature", "ComponentRef")
-        if element.name not in wanted or (element.name == "Property" and not has_row(element)):
+        if element.name not in FOR_WIXL or (element.name == "Property" and not has_row(element)):
             return
         if element.name == "StandardDirectory":
             parent = ElementTree.SubElement(parent, "Directory", Id="TARGETDIR", Name="SourceDir")
@@ -314,9 +316,6 @@ def wixl_source(linked):
                 copy.set(name, value)
         for child in element.children:
             add(child, copy)
-
-    def has_row(prop):
-        return "Value" in prop.attributes or any(prop.every("RegistrySearch"))
 
     for section in linked.children:
         for child in section.children:
