@@ -120,7 +120,8 @@ check() {
 action_lines() {
   local actions
   actions=$(sed -n 's/^    \([a-z_]\{1,\}\)\r\{0,1\}$/\1/p' custom_actions/custom_actions.def | paste -sd'|')
-  tr -d '\r' <"$1" | awk -v actions="^($actions|rollback_[a-z_]*)\\\\.\$" '
+  local more='rollback_[a-z_]*|recover_after_[a-z]*|put_back_[a-z_]*|refuse_folder|(undo_)?(install|remove|upgrade)_[A-Z][A-Za-z.]*'
+  tr -d '\r' <"$1" | awk -v actions="^($actions|$more)\\\\.\$" '
     /^Action start / && $NF ~ actions { inside = 1; next }
     /^Action ended / { inside = 0 }
     inside && NF { print "    " $0 }'
@@ -136,6 +137,7 @@ run_msiexec() {
 }
 
 succeeded() { [ "$result" = 0 ]; }
+was_cancelled() { [ "$result" = 66 ]; } # 1602
 failed_to_install() { [ "$result" = 67 ]; } # 1603 in the byte that a shell sees
 logged() { grep -qF -- "$1" "$log"; }
 not_logged() { ! logged "$1"; }
@@ -146,6 +148,10 @@ suite_value() {
     tr -d '\r' | sed -n "s/^ *$1 *REG_SZ *//p"
 }
 suite_value_is() { [ "$(suite_value "$1")" = "$2" ]; }
+came_by_minor_upgrade() { # VERSION VALUE: what IS_MINOR_UPGRADE was when the version came
+  scripts/wine.sh reg query 'HKLM\SOFTWARE\Brenmoor\Quorbel\MinorUpgrade' 2>/dev/null </dev/null | tr -d '\r' |
+    grep -qE "^ *$1 *REG_SZ *$2\$"
+}
 installed_notes='build/wine/drive_c/Program Files/Quorbel/release_notes.txt'
 notes_are() { [ "$(tr -d '\r' <"$installed_notes")" = "$1" ]; }
 notes_now() { nothing_installed || tr -d '\r' <"$installed_notes"; }
@@ -179,18 +185,37 @@ plant "$handlers\.jpg" /ve /d "$foreign_handler"
 plant "$handlers\.png" /ve /d "$foreign_handler"
 plant "$icon_slot" /ve /d "$foreign_handler"
 
+plant "$drive" /ve /d before.ico
+
+# What a removal has to leave as it was: every value where the suite writes, and every file but what upgrades keep (and
+# what plays Wine's engine has saved or set aside).
+machine() {
+  local key
+  for key in "$handlers" 'HKLM\SOFTWARE\Classes\SystemFileAssociations' 'HKCU\Software\Classes' 'HKLM\SOFTWARE\Brenmoor'; do
+    scripts/wine.sh reg query "$key" /s 2>/dev/null </dev/null | tr -d '\r' | awk '/^HK/ { key = $0 } /^ / { print key $0 }'
+  done
+  find build/wine/drive_c -type f ! -path '*/QBL-upgrade-*' ! -path '*/quorbel-files-before-upgrade/*' ! -name '*.in-use' |
+    sort
+}
+machine >"$logs/machine-before.txt"
+machine_is_as_before() {
+  machine >"$logs/machine-after.txt"
+  diff "$logs/machine-before.txt" "$logs/machine-after.txt" | sed -n 's/^[<>]/    &/p' | tee "$logs/machine-differences.txt"
+  [ ! -s "$logs/machine-differences.txt" ]
+}
+
 heading "Install Quorbel 1.4.1 on a machine that has none"
 run_msiexec 1-install-1.4.1 /i "$(package 1.4.1)"
 check "the installer succeeded" succeeded
 check "no version was found, so 0.1.16.0 stood for it" logged "INSTALLED_APP_VERSION not found. Falling back to 0.1.16.0."
 check "the files of 1.4.1 are there" notes_are "Quorbel 1.4.1"
-check "IS_MINOR_UPGRADE is not set" suite_value_is MinorUpgrade ""
+check "IS_MINOR_UPGRADE is not set" came_by_minor_upgrade 1.4.1 ""
 printf '    %s file types carry the property handler; .jpg and .png had another before\n' "$(types_with_our_handler)"
 check "they are all 64 but one" types_are 63
 check "which is .png, whose handler is left alone" default_is "$handlers\.png" "$foreign_handler"
 check "the icon handler of .ico is ours; it, too, had another" default_is "$icon_slot" '{931CC9DD-9E0F-4FA1-AA06-229D0372956A}'
 check "the state of Smart App Control is told" logged "Smart App Control: "
-check "the sparse package is registered" packages_are "1 1.4.1.0"
+check "all eight packages are registered" packages_are "8 1.4.1.0"
 check_search "" "Quorbel 1.4.1"
 
 # Three programs of the suite, and an Explorer with one of its extensions loaded; each one's exit code tells how it ended.
@@ -253,7 +278,7 @@ explorer_restored="Explorer restoration completed for the original interactive s
 check "Windows' own Explorer is back" explorer_runs
 check "and the log tells so" logged "$explorer_restored"
 check "the upgrade was called minor" logged "Detected MINOR upgrade."
-check "IS_MINOR_UPGRADE was 1" suite_value_is MinorUpgrade 1
+check "IS_MINOR_UPGRADE was 1" came_by_minor_upgrade 1.4.2 1
 check "the files of 1.4.2 are there" notes_are "Quorbel 1.4.2"
 check_search "Quorbel 1.4.1" "Quorbel 1.4.2"
 check "no restart notice" not_logged "Quorbel has been removed."
@@ -263,7 +288,7 @@ run_msiexec 3-upgrade-1.5.0 /i "$(package 1.5.0)"
 check "the installer succeeded" succeeded
 check "1.4.2 was found in the registry" logged "New: 1.5.0.0 Old: 1.4.2.0"
 check "the upgrade was called major" logged "Detected MAJOR/MODERATE upgrade."
-check "IS_MINOR_UPGRADE was cleared" suite_value_is MinorUpgrade ""
+check "IS_MINOR_UPGRADE was cleared" came_by_minor_upgrade 1.5.0 ""
 check "the files of 1.5.0 are there" notes_are "Quorbel 1.5.0"
 check_search "Quorbel 1.4.2" "Quorbel 1.5.0"
 check "no restart notice" not_logged "Quorbel has been removed."
@@ -278,10 +303,10 @@ use_the_suite() {
   sleep 3
   scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null || true
 }
-suite_runs_again() {
-  runs '[\\]Quorbel\.exe' && runs 'Quorbel\.Kindra\.HelperService\.exe' && runs 'Quorbel\.SystemTray\.exe' &&
-    runs_not 'AutoTagging'
+suite_programs_run() {
+  runs '[\\]Quorbel\.exe' && runs 'Quorbel\.Kindra\.HelperService\.exe' && runs 'Quorbel\.SystemTray\.exe'
 }
+suite_runs_again() { suite_programs_run && runs_not 'AutoTagging'; }
 # check_suite_is_back TIMES: everything runs as before; Windows Search was stopped and started so often.
 check_suite_is_back() {
   check "Quorbel.exe, asked early, had closed by itself" ended_with Quorbel.exe 0
@@ -332,7 +357,7 @@ end_suite() {
 packages_before=$(packages)
 
 heading "Controlled upgrade to 2.0.0, in which a package cannot be registered"
-tell_powershell FailAdd /d Sorvane.Rate.Package.msix
+tell_powershell FailAdd /d 'Quorbel\Sorvane.Rate.Package.msix' # the new one, and not the saved one
 failing_upgrade 4-failing-package 1
 check "the packages before it were registered" logged "Controlled upgrade: install-3 finished in "
 check "and none after it" not_logged "Controlled upgrade: install-4 "
@@ -352,9 +377,24 @@ failing_upgrade 6-failing-later 1 FAIL_ON_PURPOSE=1
 check "it was committed" marked committed
 check "everything was undone" marked rollback-complete
 
+heading "Controlled upgrade to 2.0.0, which the user cancels before anything is replaced"
+use_the_suite
+run_msiexec 7-cancelled-upgrade /i "$(package 2.0.0)" CANCEL_ON_PURPOSE=1
+check "the installer was cancelled" was_cancelled
+check "Quorbel.exe, asked early, had closed by itself" ended_with Quorbel.exe 0
+check "the end of a cancelled session brought it back" logged "Early recovery completed as original desktop user."
+check "program, helper and tray run" suite_programs_run
+check "no recovery task is left" no_recovery_task
+check "the files are those of 1.5.0" notes_are "Quorbel 1.5.0"
+check "so are the packages: ${packages_before}" packages_are "$packages_before"
+end_suite
+for program in Quorbel.AutoTagging.Service.exe explorer.exe; do # nobody has closed these
+  scripts/wine.sh taskkill /f /im $program >/dev/null 2>&1 </dev/null || true
+done
+
 heading "Controlled upgrade to 2.0.0"
 use_the_suite
-run_msiexec 7-upgrade-2.0.0 /i "$(package 2.0.0)"
+run_msiexec 8-upgrade-2.0.0 /i "$(package 2.0.0)"
 check "the installer succeeded" succeeded
 check "the files are those of 2.0.0" notes_are "Quorbel 2.0.0"
 check "all eight packages are of 2.0.0" packages_are "8 2.0.0.0"
@@ -374,7 +414,7 @@ plant "$drive" /v sorvane_drive_icon_had_original /t REG_DWORD /d 1
 plant "$drive" /v sorvane_drive_icon_original /d before.ico
 
 heading "Remove Quorbel"
-run_msiexec 8-remove-2.0.0 /x "$(package 2.0.0)"
+run_msiexec 9-remove-2.0.0 /x "$(package 2.0.0)"
 check "the installer succeeded" succeeded
 check "the restart notice was shown" logged "Please restart when it is convenient for you."
 remove_shell_host
@@ -387,26 +427,28 @@ check "so is the icon handler of .ico" default_is "$icon_slot" "$foreign_handler
 check "so is the icon that drive Q had before" default_is "$drive" before.ico
 check "the built-in New menu was looked after" logged "restore_built_in_new_context_menu: completed"
 check_search "Quorbel 2.0.0" ""
-check "the sparse package is not registered any more" packages_are "7 2.0.0.0"
+check "no package is registered any more" packages_are ""
+check "no task is left" no_recovery_task
+check "every value and every file is as before, but for what the upgrades keep" machine_is_as_before
 
 heading "Install Quorbel 1.4.2 once more; Windows Search is stopped this time"
 scripts/wine.sh sc stop WSearch >/dev/null 2>&1 </dev/null
 search_is STOPPED
-run_msiexec 9-install-1.4.2 /i "$(package 1.4.2)"
+run_msiexec 10-install-1.4.2 /i "$(package 1.4.2)"
 check "the installer succeeded" succeeded
 check "Windows Search stays stopped" search_is STOPPED
 
 heading "Upgrade to 1.5.0, which fails at its end"
 toy_search --start
-run_msiexec 10-failed-upgrade /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
+run_msiexec 11-failed-upgrade /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
 check "the installer failed" failed_to_install
 # Wine does not bring back the old version's files, so what there is now depends on where this runs.
 check_search "Quorbel 1.4.2" "$(notes_now)"
 
 heading "Upgrade to 1.5.0 again, and remove it"
-run_msiexec 11-upgrade-1.5.0 /i "$(package 1.5.0)"
+run_msiexec 12-upgrade-1.5.0 /i "$(package 1.5.0)"
 check "the installer succeeded" succeeded
-run_msiexec 12-remove /x "$(package 1.5.0)"
+run_msiexec 13-remove /x "$(package 1.5.0)"
 check "the installer succeeded" succeeded
 check "nothing is left of the suite" nothing_installed
 check "Windows Search is running" search_is RUNNING
@@ -414,7 +456,7 @@ check "Windows Search is running" search_is RUNNING
 heading "Install 1.5.0 on the machine that has none again, which fails at its end"
 start_shell_host
 sleep 3
-run_msiexec 13-failed-install /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
+run_msiexec 14-failed-install /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
 check "the installer failed" failed_to_install
 check "the Explorer with the extension was ended" ended_with explorer.exe 1
 check "Windows' own Explorer is back" explorer_runs

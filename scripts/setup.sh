@@ -8,8 +8,9 @@ packages=(
   g++-mingw-w64-x86-64-posix # the cross compiler
   googletest                 # its sources are compiled with the tests
   wine64                     # runs what was compiled
-  wixl                       # makes the sample package
-  msitools                   # reads and changes package tables
+  python3                    # makes packages with the next two
+  wixl                       # fills them with files
+  msitools                   # reads and changes their tables
   clang-format-19
   clang-tidy-19
   libclang-19-dev # an extension of clang-tidy's is made with these

@@ -1,6 +1,7 @@
-// What Wine's installer engine leaves out of a rollback: it does not put back the files of the version that
-// an upgrade has removed. These actions of the sample package do, where the engine is Wine's; Windows does it
-// by itself.
+// What Wine's installer engine leaves out of an upgrade: it finds no component of a product that is installed
+// for the machine, it does not tell the old version's session that an upgrade removes it, and a rollback does
+// not put the old version's files back. These actions do (package/rehearsal.wxs), where the engine is Wine's;
+// Windows does it by itself. And the user who cancels.
 
 #include <windows.h>
 #include <msi.h>
@@ -12,6 +13,9 @@
 
 namespace {
 
+// Where the old version's session finds the property UPGRADINGPRODUCTCODE.
+constexpr const wchar_t* ENGINE_STATE = LR"(Software\QuorbelStandIn\Engine)";
+
 std::wstring read_property(MSIHANDLE session, const wchar_t* name)
 {
     std::wstring value(MAX_PATH, L'\0');
@@ -19,6 +23,12 @@ std::wstring read_property(MSIHANDLE session, const wchar_t* name)
     const bool read = MsiGetPropertyW(session, name, value.data(), &length) == ERROR_SUCCESS;
     value.resize(read ? length : 0);
     return value;
+}
+
+// The data of a deferred action: the folder of the version that is installed.
+std::filesystem::path folder_told(MSIHANDLE session)
+{
+    return read_property(session, L"CustomActionData");
 }
 
 std::filesystem::path saved_files()
@@ -50,38 +60,70 @@ bool copy_files(const std::filesystem::path& from, const std::filesystem::path& 
 
 extern "C" {
 
-__declspec(dllexport) UINT __stdcall prepare_file_rollback(MSIHANDLE session);
+// Not in every msi.h.
+INSTALLSTATE WINAPI MsiGetComponentPathExW(LPCWSTR, LPCWSTR, LPCWSTR, MSIINSTALLCONTEXT, LPWSTR, LPDWORD);
+
+__declspec(dllexport) UINT __stdcall find_installed_folder(MSIHANDLE session);
 __declspec(dllexport) UINT __stdcall save_files(MSIHANDLE session);
 __declspec(dllexport) UINT __stdcall put_files_back(MSIHANDLE session);
+__declspec(dllexport) UINT __stdcall old_version_is_gone(MSIHANDLE session);
+__declspec(dllexport) UINT __stdcall cancel(MSIHANDLE session);
 
-// Immediate: tells the other two which folder it is.
-UINT __stdcall prepare_file_rollback(MSIHANDLE session)
+// Immediate: what a search for the component's folder finds on Windows.
+UINT __stdcall find_installed_folder(MSIHANDLE session)
 {
-    const std::wstring folder = read_property(session, L"INSTALLFOLDER");
-    const bool told = MsiSetPropertyW(session, L"save_files", folder.c_str()) == ERROR_SUCCESS &&
-                      MsiSetPropertyW(session, L"put_files_back", folder.c_str()) == ERROR_SUCCESS;
-    return told ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
+    wchar_t key_path[MAX_PATH]{};
+    DWORD length = MAX_PATH;
+    const INSTALLSTATE state = MsiGetComponentPathExW(
+        read_property(session, L"OLDER_VERSION_FOUND").c_str(),
+        L"{B8D5F2A1-C9E4-4F3D-8A7B-6C5E4D3F2A1B}",
+        nullptr,
+        MSIINSTALLCONTEXT_MACHINE,
+        key_path,
+        &length);
+    const std::wstring folder = std::filesystem::path{key_path}.parent_path().wstring() + L'\\';
+    const bool done = state == INSTALLSTATE_LOCAL &&
+                      MsiSetPropertyW(session, L"QBL_INSTALLED_FOLDER", folder.c_str()) == ERROR_SUCCESS;
+    return done ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
 }
 
-// Deferred: before the old version's files go.
+// Deferred, last before the old version goes, so that nothing can fail in between.
 UINT __stdcall save_files(MSIHANDLE session)
 {
     std::error_code none;
     std::filesystem::remove_all(saved_files(), none); // of an earlier upgrade
-    const bool done = copy_files(read_property(session, L"CustomActionData"), saved_files());
+    constexpr wchar_t upgrading[] = L"an upgrade";
+    const bool done =
+        copy_files(folder_told(session), saved_files()) &&
+        RegSetKeyValueW(
+            HKEY_CURRENT_USER, ENGINE_STATE, L"UpgradingProductCode", REG_SZ, upgrading, sizeof upgrading) ==
+            ERROR_SUCCESS;
     return done ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
 }
 
-// Rollback: the files are then as they were, where they were saved at all.
+// Immediate.
+UINT __stdcall old_version_is_gone(MSIHANDLE /*session*/)
+{
+    return RegDeleteTreeW(HKEY_CURRENT_USER, ENGINE_STATE) == ERROR_SUCCESS ? ERROR_SUCCESS
+                                                                            : ERROR_INSTALL_FAILURE;
+}
+
+// Rollback: the files are then as they were, if they were saved at all.
 UINT __stdcall put_files_back(MSIHANDLE session)
 {
     std::error_code none;
     if (!std::filesystem::exists(saved_files(), none)) {
         return ERROR_SUCCESS;
     }
-    const bool done = copy_files(saved_files(), read_property(session, L"CustomActionData"));
+    const bool done = copy_files(saved_files(), folder_told(session));
     std::filesystem::remove_all(saved_files(), none);
     return done ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
+}
+
+// Immediate.
+UINT __stdcall cancel(MSIHANDLE /*session*/)
+{
+    return ERROR_INSTALL_USEREXIT;
 }
 
 } // extern "C"
