@@ -44,7 +44,7 @@ private:
 // session and the widened message, and the action's code is ERROR_INSTALL_FAILURE, even where there is no
 // memory left to report with.
 template <class Report, class Body>
-UINT run_action(MSIHANDLE session, const Report& report, const Body& body)
+UINT run_action(MSIHANDLE session, Report report, Body body)
 {
     try {
         return body();
@@ -60,7 +60,7 @@ UINT run_action(MSIHANDLE session, const Report& report, const Body& body)
 // Runs `body` of an action that never fails the installation: a standard exception ends the action and
 // nothing else. Always returns ERROR_SUCCESS.
 template <class Body>
-UINT run_harmless_action(const Body& body)
+UINT run_harmless_action(Body body)
 {
     try {
         body();

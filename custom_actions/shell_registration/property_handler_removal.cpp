@@ -29,7 +29,7 @@ std::vector<std::string> our_extensions(const registry_key& handlers)
 
 // Writes the detail list back as `change` has it, where it changes anything.
 template <class Change>
-void change_details_list(const std::string& extension, const char* name, DWORD limit, const Change& change)
+void change_details_list(const std::string& extension, const char* name, DWORD limit, Change change)
 {
     registry_key key;
     if (key.open(HKEY_LOCAL_MACHINE, file_association_path(extension), KEY_READ_WRITE) != ERROR_SUCCESS) {

@@ -8,7 +8,7 @@ namespace custom_actions::controlled_upgrade {
 
 // Runs one step of a sequence that goes on whatever fails; returns the failure's message.
 template <class Step>
-std::optional<std::string> failure_of(const Step& step)
+std::optional<std::string> failure_of(Step step)
 {
     try {
         step();

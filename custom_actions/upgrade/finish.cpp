@@ -26,7 +26,7 @@ bool search_is_installed()
 // Returns `failure` with what fails here behind it.
 std::string prepare_for_file_rollback(MSIHANDLE session, const context& context, std::string failure)
 {
-    const auto attempt = [&failure](const auto& step) {
+    const auto attempt = [&failure](auto step) {
         if (const auto message = failure_of(step)) {
             failure.append("; rollback preparation: ").append(*message);
         }

@@ -71,7 +71,7 @@ void restore_desktop(MSIHANDLE session, const context& context)
 void restore_runtime(MSIHANDLE session, const context& context)
 {
     std::string failures;
-    const auto attempt = [&failures](const auto& step) {
+    const auto attempt = [&failures](auto step) {
         if (const auto message = failure_of(step)) {
             failures.append(*message).append("; ");
         }
