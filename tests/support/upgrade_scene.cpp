@@ -3,6 +3,7 @@
 #include "custom_actions/common/guid.h"
 #include "custom_actions/processes/token.h"
 #include "custom_actions/upgrade/maintenance_key.h"
+#include "support/ascii.h"
 #include "support/child_process.h"
 
 #include <algorithm>
@@ -81,7 +82,7 @@ std::vector<std::string> upgrade_scene::markers() const
     std::error_code none;
     for (const auto& entry : fs::directory_iterator{context_.workspace, none}) {
         if (entry.is_regular_file() && entry.path().extension() != L".msix") {
-            found.push_back(entry.path().filename().string());
+            found.push_back(as_ascii(entry.path().filename().native()));
         }
     }
     std::ranges::sort(found);
