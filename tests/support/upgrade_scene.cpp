@@ -45,7 +45,7 @@ std::wstring new_upgrade_data(const std::wstring& product_directory)
 }
 
 upgrade_scene::upgrade_scene()
-    : folder_{fs::temp_directory_path() / (L"O'Brien S\u00FCite [" + std::to_wstring(GetCurrentProcessId()) + L"]")},
+    : folder_{fs::temp_directory_path() / (L"O'Brien & S\u00FCite $(" + std::to_wstring(GetCurrentProcessId()) + L")")},
       data_{new_upgrade_data(folder_)}, context_{custom_actions::controlled_upgrade::load_context(data_)}
 {
     end_suite();
