@@ -3,6 +3,7 @@
 
 #include "benchmarks/benchmarks.h"
 #include "benchmarks/scratch_package.h"
+#include "support/ascii.h"
 #include "support/loaded_library.h"
 #include "support/pe_image.h"
 
@@ -230,7 +231,7 @@ void measure_action_costs(report& results)
     const std::filesystem::path lines = std::filesystem::temp_directory_path() / "action_costs.txt";
     std::vector<double> times;
     {
-        const redirected_output silence{lines.string()};
+        const redirected_output silence{lines};
         require_lines_of_ours(package);
         times = median_times({[&] { return install(package); }}).front();
     }
@@ -242,11 +243,10 @@ void measure_action_costs(report& results)
     double above = 0;
     for (std::size_t i = 0; i != std::size(SCENARIOS); ++i) {
         const scenario& each = SCENARIOS[i];
-        const std::wstring name = each.function;
         const double ours = times[i + 3];
         const double empty = each.type == IMMEDIATE ? empty_immediate : empty_deferred;
         results.above_empty(
-            std::string{name.begin(), name.end()} + ", " + each.what, "ms", ours, empty, each.most);
+            test_support::as_ascii(each.function) + ", " + each.what, "ms", ours, empty, each.most);
         above += ours - empty;
     }
     results.note(

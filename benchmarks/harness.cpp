@@ -129,10 +129,10 @@ std::string shown(double number)
     return text;
 }
 
-redirected_output::redirected_output(const std::string& path) : before_{_dup(_fileno(stdout))}
+redirected_output::redirected_output(const std::filesystem::path& path) : before_{_dup(_fileno(stdout))}
 {
     std::fflush(stdout);
-    if (before_ < 0 || std::freopen(path.c_str(), "w", stdout) == nullptr) {
+    if (before_ < 0 || _wfreopen(path.c_str(), L"w", stdout) == nullptr) {
         throw std::system_error{errno, std::generic_category(), "cannot redirect standard output"};
     }
     // NUL counts as a terminal, to which every character would be a call of its own.

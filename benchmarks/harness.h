@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -74,7 +75,7 @@ std::string shown(double number);
 class redirected_output {
 public:
     // Throws std::system_error where it cannot be sent there.
-    explicit redirected_output(const std::string& path);
+    explicit redirected_output(const std::filesystem::path& path);
     ~redirected_output();
 
     redirected_output(const redirected_output&) = delete;

@@ -60,7 +60,7 @@ std::vector<std::string> evidence(const std::function<void()>& step)
         std::filesystem::temp_directory_path() / ("bench-" + std::to_string(GetCurrentProcessId()) + ".txt");
     std::vector<std::string> all;
     {
-        const redirected_output output{path.string()};
+        const redirected_output output{path};
         all = trace_registry_calls(step);
     }
     std::ranges::move(test_support::dump_registry(HKEY_LOCAL_MACHINE), std::back_inserter(all));

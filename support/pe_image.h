@@ -10,8 +10,9 @@ namespace test_support {
 
 struct imported_function {
     std::string library;
-    std::string name; // empty where it is imported by ordinal
+    std::string name; // looked up in the library when it is imported by number; empty if it has none there
     ULONG_PTR* slot;  // the entry of the import address table that calls go through
+    bool by_number;
 };
 
 class pe_image {
@@ -27,6 +28,11 @@ public:
     [[nodiscard]] std::vector<imported_function> imports() const;
 
 private:
+    [[nodiscard]] const IMAGE_EXPORT_DIRECTORY& exports() const noexcept;
+
+    // The name under which the image exports the function with this number; empty if there is none.
+    [[nodiscard]] std::string exported_name(ULONGLONG number) const;
+
     template <class T>
     T* at(ULONG_PTR offset) const noexcept
     {

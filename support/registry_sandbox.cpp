@@ -1,5 +1,6 @@
 #include "support/registry_sandbox.h"
 
+#include "support/ascii.h"
 #include "support/require.h"
 
 #include <algorithm>
@@ -35,7 +36,7 @@ std::string hexadecimal(std::wstring_view text)
 std::string shown(std::wstring_view name)
 {
     const bool ascii = std::ranges::all_of(name, [](wchar_t unit) { return unit < 0x80; });
-    return ascii ? std::string{name.begin(), name.end()} : hexadecimal(name);
+    return ascii ? as_ascii(name) : hexadecimal(name);
 }
 
 void dump_below(HKEY key, const std::string& path, std::vector<std::string>& lines)

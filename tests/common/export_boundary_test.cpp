@@ -39,7 +39,7 @@ TEST(Property, is_read_at_every_length)
     const test_support::real_session session;
     for (const std::size_t length : {0U, 1U, 254U, 5000U}) {
         const std::wstring value(length, L'x');
-        EXPECT_EQ(MsiSetPropertyW(session.handle(), L"LONG", value.c_str()), ERROR_SUCCESS);
+        EXPECT_EQ(MsiSetPropertyW(session.handle(), L"LONG", value.c_str()), UINT{ERROR_SUCCESS});
         EXPECT_EQ(read_property(session.handle(), L"LONG"), value);
     }
 }

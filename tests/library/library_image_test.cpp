@@ -33,9 +33,9 @@ TEST(LibraryImage, exports_the_documented_actions_needs_nothing_but_the_system_a
     const std::regex of_the_system{
         "(kernel32|msi|msvcrt|advapi32|crypt32|ole32|oleaut32|shell32|shlwapi|user32|userenv|wtsapi32)\\.dll",
         std::regex::icase};
-    for (const auto& [from, name, slot] : image.imports()) {
+    for (const auto& [from, name, slot, by_number] : image.imports()) {
         EXPECT_TRUE(std::regex_match(from, of_the_system)) << name << " of " << from;
-        EXPECT_NE(name, "") << "an import by ordinal from " << from;
+        EXPECT_NE(name, "") << "a number without a name from " << from;
     }
     constexpr unsigned hardened = IMAGE_DLLCHARACTERISTICS_DYNAMIC_BASE |
                                   IMAGE_DLLCHARACTERISTICS_HIGH_ENTROPY_VA |

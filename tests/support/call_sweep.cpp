@@ -115,7 +115,7 @@ word WINAPI call_sweep::stub(Words... words)
 
 call_sweep::call_sweep(HMODULE module, const std::vector<std::string_view>& only)
 {
-    for (const auto& [library, name, slot] : pe_image{module}.imports()) {
+    for (const auto& [library, name, slot, by_number] : pe_image{module}.imports()) {
         if (library != "msvcrt.dll" && !is_left_alone(name) &&
             (only.empty() || begins_with_one(name, only))) {
             functions_.push_back({.name = name, .patch = nullptr});

@@ -3,6 +3,7 @@
 #include "custom_actions/common/guid.h"
 #include "custom_actions/processes/token.h"
 #include "custom_actions/upgrade/maintenance_key.h"
+#include "support/ascii.h"
 #include "support/child_process.h"
 
 #include <algorithm>
@@ -44,7 +45,7 @@ std::wstring new_upgrade_data(const std::wstring& product_directory)
 }
 
 upgrade_scene::upgrade_scene()
-    : folder_{fs::temp_directory_path() / (L"O'Brien S\u00FCite [" + std::to_wstring(GetCurrentProcessId()) + L"]")},
+    : folder_{fs::temp_directory_path() / (L"O'Brien & S\u00FCite $(" + std::to_wstring(GetCurrentProcessId()) + L")")},
       data_{new_upgrade_data(folder_)}, context_{custom_actions::controlled_upgrade::load_context(data_)}
 {
     end_suite();
@@ -81,7 +82,7 @@ std::vector<std::string> upgrade_scene::markers() const
     std::error_code none;
     for (const auto& entry : fs::directory_iterator{context_.workspace, none}) {
         if (entry.is_regular_file() && entry.path().extension() != L".msix") {
-            found.push_back(entry.path().filename().string());
+            found.push_back(as_ascii(entry.path().filename().native()));
         }
     }
     std::ranges::sort(found);

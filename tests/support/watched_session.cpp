@@ -1,12 +1,10 @@
 #include "tests/support/watched_session.h"
 
 #include "custom_actions/common/installer_session.h"
-#include "support/pe_image.h"
 #include "support/require.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <ostream>
 #include <utility>
 
@@ -16,14 +14,10 @@ namespace {
 using component_path_query = INSTALLSTATE
     WINAPI(LPCWSTR, LPCWSTR, LPCWSTR, MSIINSTALLCONTEXT, LPWSTR, LPDWORD);
 
-// Nothing where the module does not import the function: a test program is linked with what it calls alone.
 template <function_name Name, class Function>
 std::shared_ptr<void> intercept(HMODULE module, typename intercepted_import<Name, Function>::answer answer)
 {
-    const auto imports = pe_image{module}.imports();
-    const bool imported = std::ranges::find(imports, Name.text, &imported_function::name) != imports.end();
-    return imported ? std::make_shared<intercepted_import<Name, Function>>(module, std::move(answer))
-                    : nullptr;
+    return std::make_shared<intercepted_import<Name, Function>>(module, std::move(answer));
 }
 
 } // namespace
@@ -36,48 +30,55 @@ void PrintTo(const posted_message& message, std::ostream* out)
 
 watched_session::watched_session(HMODULE module)
 {
-    interceptions_ = {
-        intercept<"MsiCreateRecord", decltype(MsiCreateRecord)>(
-            module,
-            [this](UINT) {
-                ++open_records_;
-                return std::nullopt;
-            }),
-        intercept<"MsiCloseHandle", decltype(MsiCloseHandle)>(
-            module,
-            [this](MSIHANDLE record) {
-                --open_records_;
-                EXPECT_NE(MsiRecordGetFieldCount(record), ~0U) << "closed, but no open record: " << record;
-                return std::nullopt;
-            }),
-        intercept<"MsiSetTargetPathW", decltype(MsiSetTargetPathW)>(
-            module,
-            [this](MSIHANDLE, const std::wstring& folder, const std::wstring& path) {
-                // As the installer does, with one separator at its end.
-                set_property(folder, path.ends_with(L'\\') ? path : path + L'\\');
-                return UINT{ERROR_SUCCESS};
-            }),
-        intercept<"MsiGetComponentPathExW", component_path_query>(
-            module,
-            [this](
-                const std::wstring& product,
-                const std::wstring& component,
-                LPCWSTR user,
-                MSIINSTALLCONTEXT context,
-                LPWSTR path,
-                LPDWORD size) {
-                if (product + component != installed_ || user != nullptr ||
-                    context != MSIINSTALLCONTEXT_MACHINE) {
-                    return INSTALLSTATE_UNKNOWN;
-                }
-                *size = static_cast<DWORD>(key_path_.copy(path, *size)); // which is all zeros
-                return INSTALLSTATE_LOCAL;
-            })};
+    watch_records(module);
+    if (module != GetModuleHandleW(nullptr)) { // a test program asks for neither folders nor components
+        play_product(module);
+    }
 }
 
 watched_session::~watched_session()
 {
     EXPECT_EQ(open_records_, 0U) << "records left open";
+}
+
+void watched_session::watch_records(HMODULE module)
+{
+    interceptions_.push_back(intercept<"MsiCreateRecord", decltype(MsiCreateRecord)>(module, [this](UINT) {
+        ++open_records_;
+        return std::nullopt;
+    }));
+    interceptions_.push_back(
+        intercept<"MsiCloseHandle", decltype(MsiCloseHandle)>(module, [this](MSIHANDLE record) {
+            --open_records_;
+            EXPECT_NE(MsiRecordGetFieldCount(record), ~0U) << "closed, but no open record: " << record;
+            return std::nullopt;
+        }));
+}
+
+void watched_session::play_product(HMODULE module)
+{
+    interceptions_.push_back(intercept<"MsiSetTargetPathW", decltype(MsiSetTargetPathW)>(
+        module, [this](MSIHANDLE, const std::wstring& folder, const std::wstring& path) {
+            // As the installer does, with one separator at its end.
+            set_property(folder, path.ends_with(L'\\') ? path : path + L'\\');
+            return UINT{ERROR_SUCCESS};
+        }));
+    interceptions_.push_back(intercept<"MsiGetComponentPathExW", component_path_query>(
+        module,
+        [this](
+            const std::wstring& product,
+            const std::wstring& component,
+            LPCWSTR user,
+            MSIINSTALLCONTEXT context,
+            LPWSTR path,
+            LPDWORD size) {
+            if (product + component != installed_ || user != nullptr ||
+                context != MSIINSTALLCONTEXT_MACHINE) {
+                return INSTALLSTATE_UNKNOWN;
+            }
+            *size = static_cast<DWORD>(key_path_.copy(path, *size)); // which is all zeros
+            return INSTALLSTATE_LOCAL;
+        }));
 }
 
 void watched_session::set_property(const std::wstring& name, const std::wstring& value) const

@@ -20,6 +20,7 @@ void PrintTo(const posted_message& message, std::ostream* out);
 // twice, fails the test. One can live at a time.
 class watched_session : public real_session {
 public:
+    // Throws std::runtime_error when `module` does not import what is watched or played.
     explicit watched_session(HMODULE module);
     ~watched_session();
 
@@ -39,6 +40,9 @@ public:
     [[nodiscard]] unsigned open_records() const noexcept { return open_records_; }
 
 private:
+    void watch_records(HMODULE module);
+    void play_product(HMODULE module);
+
     unsigned open_records_ = 0;
     std::wstring installed_; // product and component
     std::wstring key_path_;

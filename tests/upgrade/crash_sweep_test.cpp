@@ -8,6 +8,7 @@
 #include "custom_actions/upgrade/maintenance_key.h"
 #include "custom_actions/upgrade/upgrade_packages.h"
 #include "custom_actions/upgrade/workspace.h"
+#include "support/ascii.h"
 #include "support/child_process.h"
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
@@ -75,8 +76,7 @@ TEST(Fault, DISABLED_is_killed_in_an_action)
     session.set_property(L"CustomActionData", data);
     call_sweep sweep{library.module(), CHANGING};
     sweep.plan(nth, call_sweep::fault::ends_process);
-    const std::string name{action.begin(), action.end()};
-    EXPECT_EQ(library.call(name.c_str(), session.handle()), UINT{ERROR_SUCCESS});
+    EXPECT_EQ(library.call(as_ascii(action).c_str(), session.handle()), UINT{ERROR_SUCCESS});
     for (const std::string& call : sweep.calls()) {
         std::cout << "call " << call << '\n';
     }

@@ -1,5 +1,7 @@
 #include "package/toy_suite/powershell/archive.h"
 
+#include "package/toy_suite/powershell/text.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -234,7 +236,7 @@ std::string read_file(const std::filesystem::path& path)
 {
     std::ifstream file{path, std::ios::binary};
     if (!file) {
-        throw std::runtime_error{"Could not find file '" + path.string() + "'."};
+        throw std::runtime_error{"Could not find file '" + narrow(path.native()) + "'."};
     }
     std::ostringstream content;
     content << file.rdbuf();

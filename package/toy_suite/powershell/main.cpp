@@ -127,7 +127,8 @@ int run_on_streams(const parsed_script& parsed, const std::wstring& script)
     return code;
 }
 
-// The log is opened before anything is done, and has a byte-order mark and lines as Windows' own are.
+// The log is opened before anything is done. What is printed has a byte-order mark in front and lines as
+// Windows' own are; where nothing is, the log stays empty.
 int run_into_log(const std::wstring& path, const parsed_script& parsed, const std::wstring& script)
 {
     if (ordered(L"NoLog", script)) {
@@ -150,7 +151,7 @@ int run_into_log(const std::wstring& path, const parsed_script& parsed, const st
     if (ordered(L"EmptyLog", script)) {
         state.output.clear();
     }
-    log << "\xEF\xBB\xBF";
+    log << (state.output.empty() ? "" : "\xEF\xBB\xBF");
     for (const char byte : state.output) {
         log << (byte == '\n' ? "\r\n" : std::string{byte});
     }

@@ -3,6 +3,7 @@
 #include "package/toy_suite/powershell/archive.h"
 #include "package/toy_suite/powershell/state.h"
 #include "package/toy_suite/powershell/text.h"
+#include "package/toy_suite/powershell/wildcards.h"
 
 #include <cstdint>
 #include <stdexcept>
@@ -114,7 +115,7 @@ void add_package(const std::wstring& path, const std::wstring& external_location
     if (ordered(L"FailAdd", path)) {
         throw std::runtime_error{"Add-AppxPackage : Deployment failed with HRESULT: 0x80073CF9"};
     }
-    const package_identity identity = read_identity(path);
+    const package_identity identity = read_identity(path_named_by(path));
     if (!std::filesystem::is_directory(external_location)) {
         throw std::runtime_error{"Add-AppxPackage : Cannot find path '" + narrow(external_location) + "'"};
     }

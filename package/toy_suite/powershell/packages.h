@@ -35,7 +35,7 @@ std::vector<registered_package> packages_named(const std::wstring& name);
 std::vector<registered_package> packages_of(const package_identity& identity);
 
 // Add-AppxPackage -ForceUpdateFromAnyVersion: takes the place of whatever version of the package is
-// registered. Throws std::runtime_error.
+// registered. The path is a pattern (wildcards.h). Throws std::runtime_error.
 void add_package(const std::wstring& path, const std::wstring& external_location);
 
 // Registers a package beside whatever is.

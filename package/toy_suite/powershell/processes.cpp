@@ -1,6 +1,7 @@
 #include "package/toy_suite/powershell/processes.h"
 
 #include "package/toy_suite/powershell/text.h"
+#include "package/toy_suite/powershell/wildcards.h"
 
 #include <tlhelp32.h>
 
@@ -35,8 +36,11 @@ bool try_to_start(const std::wstring& program, std::wstring command_line, const 
 
 } // namespace
 
-void start_process(const std::wstring& program, const std::wstring& arguments, const std::wstring& folder)
+void start_process(
+    const std::wstring& program_pattern, const std::wstring& arguments, const std::wstring& folder_pattern)
 {
+    const std::wstring program = path_named_by(program_pattern);
+    const std::wstring folder = path_named_by(folder_pattern);
     const std::wstring command_line = L'"' + program + L'"' + (arguments.empty() ? L"" : L' ' + arguments);
     // Wine loses a program at its start now and then.
     for (int tries = 0; !try_to_start(program, command_line, folder); ++tries) {

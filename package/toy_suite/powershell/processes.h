@@ -7,8 +7,8 @@
 
 namespace toy_powershell {
 
-// Start-Process. Throws std::runtime_error where the program does not start. An empty folder is this
-// process's own.
+// Start-Process. Program and folder are patterns (wildcards.h). Throws std::runtime_error where the program
+// does not start. An empty folder is this process's own.
 void start_process(
     const std::wstring& program, const std::wstring& arguments = L"", const std::wstring& folder = L"");
 

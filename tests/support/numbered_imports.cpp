@@ -1,0 +1,12 @@
+// A library that imports its functions of msi.dll by number.
+
+#include <windows.h>
+#include <msi.h>
+#include <msiquery.h>
+
+extern "C" __declspec(dllexport) MSIHANDLE make_record(UINT fields);
+
+MSIHANDLE make_record(UINT fields)
+{
+    return MsiCreateRecord(fields);
+}
