@@ -2,7 +2,9 @@
 // undone, with the machine compared before and after.
 
 #include "custom_actions/processes/process_inventory.h"
+#include "custom_actions/search/search_service.h"
 #include "package/toy_suite/toy_scheduler/state.h"
+#include "support/ascii.h"
 #include "support/child_process.h"
 #include "support/disposable_machine.h"
 #include "support/registry_sandbox.h"
@@ -16,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -85,7 +88,7 @@ std::map<std::string, texts> machine(const windows_search& search)
         {"packages", {}},
         {"the package's own values", registry(HKEY_LOCAL_MACHINE, LR"(SOFTWARE\Toymaker)")}};
     for (const std::wstring& package : registered_packages()) {
-        found["packages"].emplace_back(package.begin(), package.end());
+        found["packages"].push_back(as_ascii(package));
     }
     return found;
 }
@@ -97,7 +100,8 @@ bool engine_is_wine()
 
 bool runs(const std::wstring& program)
 {
-    return !custom_actions::find_processes_by_image({program}, custom_actions::listing::strict).empty();
+    const std::array<std::wstring_view, 1> images{program};
+    return !custom_actions::find_processes_by_image(images, custom_actions::listing::strict).empty();
 }
 
 // A step of the package's life.
