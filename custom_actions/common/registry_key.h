@@ -32,44 +32,20 @@ struct registry_value {
     [[nodiscard]] std::optional<std::wstring> wide_text() const;
 };
 
-// The functions of Windows for one kind of characters.
-template <class Char>
-struct registry_functions;
-
-template <>
-struct registry_functions<char> {
-    static constexpr auto open_key = RegOpenKeyExA;
-    static constexpr auto create_key = RegCreateKeyExA;
-    static constexpr auto query_value = RegQueryValueExA;
-    static constexpr auto set_value = RegSetValueExA;
-    static constexpr auto delete_value = RegDeleteValueA;
-    static constexpr auto enumerate_key = RegEnumKeyExA;
-    static constexpr auto query_key = RegQueryInfoKeyA;
-
-    static LSTATUS delete_key(HKEY key, const char* name) noexcept { return RegDeleteKeyA(key, name); }
-};
-
-template <>
-struct registry_functions<wchar_t> {
-    static constexpr auto open_key = RegOpenKeyExW;
-    static constexpr auto create_key = RegCreateKeyExW;
-    static constexpr auto query_value = RegQueryValueExW;
-    static constexpr auto set_value = RegSetValueExW;
-    static constexpr auto delete_value = RegDeleteValueW;
-    static constexpr auto enumerate_key = RegEnumKeyExW;
-    static constexpr auto query_key = RegQueryInfoKeyW;
-
-    static LSTATUS delete_key(HKEY key, const wchar_t* name) noexcept
-    {
-        return RegDeleteKeyExW(key, name, 0, 0);
-    }
-};
-
-// An open registry key, closed with its scope; every call goes to the functions for its characters. Every
+// An open registry key, closed with its scope, over Windows' functions for one kind of characters. Every
 // function returns the status of the Windows call, unless it says otherwise. If that is not ERROR_SUCCESS, an
 // output is unchanged, and a key that was to be opened is closed. An empty value name is the key's default
 // value.
-template <class Char>
+template <
+    class Char,
+    auto OpenKey,
+    auto CreateKey,
+    auto QueryValue,
+    auto SetValue,
+    auto DeleteValue,
+    auto DeleteKey,
+    auto EnumerateKey,
+    auto QueryKey>
 class registry_key {
 public:
     using text = std::basic_string<Char>;
@@ -78,7 +54,7 @@ public:
 
     LSTATUS open(HKEY parent, const text& path, REGSAM access) noexcept
     {
-        return windows::open_key(parent, path.c_str(), 0, access, handle_.put());
+        return OpenKey(parent, path.c_str(), 0, access, handle_.put());
     }
 
     // Opens the key, or makes it if it is not there.
@@ -86,7 +62,7 @@ public:
     {
         constexpr DWORD options = REG_OPTION_NON_VOLATILE;
         HKEY* const key = handle_.put();
-        return windows::create_key(parent, path.c_str(), 0, nullptr, options, access, nullptr, key, nullptr);
+        return CreateKey(parent, path.c_str(), 0, nullptr, options, access, nullptr, key, nullptr);
     }
 
     void close() noexcept { handle_ = {}; }
@@ -117,14 +93,14 @@ public:
     // ERROR_SUCCESS if the value is there, whatever its content.
     LSTATUS find_value(const Char* name) const noexcept
     {
-        return windows::query_value(get(), name, nullptr, nullptr, nullptr, nullptr);
+        return QueryValue(get(), name, nullptr, nullptr, nullptr, nullptr);
     }
 
     // Writes these bytes, with nothing added.
     LSTATUS write(const Char* name, DWORD type, std::string_view bytes) const noexcept
     {
         const auto* const data = reinterpret_cast<const BYTE*>(bytes.data());
-        return windows::set_value(get(), name, 0, type, data, static_cast<DWORD>(bytes.size()));
+        return SetValue(get(), name, 0, type, data, static_cast<DWORD>(bytes.size()));
     }
 
     // Writes `content` and its terminating zero as REG_SZ.
@@ -141,10 +117,10 @@ public:
         return write(name, type, {reinterpret_cast<const char*>(&number), sizeof number});
     }
 
-    LSTATUS delete_value(const Char* name) const noexcept { return windows::delete_value(get(), name); }
+    LSTATUS delete_value(const Char* name) const noexcept { return DeleteValue(get(), name); }
 
     // Deletes a subkey that has no subkeys of its own.
-    LSTATUS delete_subkey(const Char* name) const noexcept { return windows::delete_key(get(), name); }
+    LSTATUS delete_subkey(const Char* name) const noexcept { return DeleteKey(get(), name); }
 
     // The name of the subkey with this index; ERROR_MORE_DATA if it has 256 characters or more.
     LSTATUS enumerate_subkey(DWORD index, text& name) const
@@ -152,7 +128,7 @@ public:
         std::array<Char, 256> found{};
         auto length = static_cast<DWORD>(found.size());
         const LSTATUS status =
-            windows::enumerate_key(get(), index, found.data(), &length, nullptr, nullptr, nullptr, nullptr);
+            EnumerateKey(get(), index, found.data(), &length, nullptr, nullptr, nullptr, nullptr);
         if (status == ERROR_SUCCESS) {
             name.assign(found.data(), length);
         }
@@ -162,20 +138,17 @@ public:
     // How many subkeys and values the key has.
     LSTATUS count(DWORD& subkeys, DWORD& values) const noexcept
     {
-        const auto query = windows::query_key;
         DWORD* const no = nullptr;
-        return query(get(), nullptr, no, no, &subkeys, no, no, &values, no, no, no, nullptr);
+        return QueryKey(get(), nullptr, no, no, &subkeys, no, no, &values, no, no, no, nullptr);
     }
 
 private:
-    using windows = registry_functions<Char>;
-
     // `size` has the size of the buffer and gets the value's.
     LSTATUS read_sized(const Char* name, DWORD& size, registry_value& value) const
     {
         registry_value found{.type = REG_NONE, .data = std::string(size, '\0')};
         auto* const data = reinterpret_cast<BYTE*>(found.data.data());
-        const LSTATUS status = windows::query_value(get(), name, nullptr, &found.type, data, &size);
+        const LSTATUS status = QueryValue(get(), name, nullptr, &found.type, data, &size);
         if (status == ERROR_SUCCESS) {
             found.data.resize(size);
             value = std::move(found);
@@ -186,8 +159,32 @@ private:
     registry_key_handle handle_;
 };
 
-using ansi_registry_key = registry_key<char>;
-using wide_registry_key = registry_key<wchar_t>;
+using ansi_registry_key = registry_key<
+    char,
+    RegOpenKeyExA,
+    RegCreateKeyExA,
+    RegQueryValueExA,
+    RegSetValueExA,
+    RegDeleteValueA,
+    RegDeleteKeyA,
+    RegEnumKeyExA,
+    RegQueryInfoKeyA>;
+
+inline LSTATUS delete_key_of_this_view(HKEY key, const wchar_t* name) noexcept
+{
+    return RegDeleteKeyExW(key, name, 0, 0);
+}
+
+using wide_registry_key = registry_key<
+    wchar_t,
+    RegOpenKeyExW,
+    RegCreateKeyExW,
+    RegQueryValueExW,
+    RegSetValueExW,
+    RegDeleteValueW,
+    delete_key_of_this_view,
+    RegEnumKeyExW,
+    RegQueryInfoKeyW>;
 
 // Reads a number straight from a key. `flags` are those of RegGetValueW: the type, and the view if need be.
 // Returns its status; `number` is unchanged if that is not ERROR_SUCCESS.
