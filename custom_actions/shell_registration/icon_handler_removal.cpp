@@ -20,8 +20,8 @@ std::wstring below(const std::wstring& path, const std::wstring& name)
 }
 
 // Looks into one slot, and gives back the handler that the suite's replaced. Returns whether the slot is the
-// suite's and there is nothing to give back: it is to be deleted. The backup goes only once its content is
-// back in its place.
+// suite's and there is nothing to give back, so that it must be deleted. The backup goes only once its
+// content is back in its place.
 bool restore_slot(const std::wstring& path)
 {
     wide_registry_key key;

@@ -90,7 +90,7 @@ void begin(MSIHANDLE session, const context& context)
     if (guard_is_live()) {
         throw std::runtime_error{"Another controlled upgrade is active"};
     }
-    // Whatever would stop the phase later is to stop it now, before anything changes.
+    // What would stop the phase later stops it here, before anything changes.
     const kernel_handle user = interactive_user_token(context);
     upgrade_processes(context);
 

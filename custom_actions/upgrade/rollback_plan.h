@@ -13,7 +13,7 @@ struct rollback_plan {
     bool operator==(const rollback_plan&) const = default;
 };
 
-// Decides from the markers; `has` tells whether there is one of this name. What `has` throws passes.
+// Decides from the markers: `has` returns whether there is one of this name. What it throws passes.
 template <class HasMarker>
 rollback_plan plan_rollback(HasMarker has)
 {

@@ -31,16 +31,15 @@ enum class user_access { read, full };
 // recovery directory".
 void create_secure_directory(const std::wstring& path, const std::wstring& user_sid, user_access access);
 
-// A workspace is believed, and written into, only if it is ours: a real folder that belongs to the system,
-// the administrators or the user of this process. Anybody could have made another one under its name.
+// A workspace is believed, and written to, only if it is ours: a real folder that belongs to the system, the
+// administrators or the user of this process. Anybody could have made another one under its name.
 
 // Makes the marker; never writes through a link. Throws windows_error "Cannot persist upgrade recovery
-// state", also if the workspace is not there or not ours, and "Cannot read upgrade recovery state" if that
-// cannot be told.
+// state", also if the workspace is missing or not ours, and what has_marker throws.
 void write_marker(const context& context, const std::wstring& name);
 
-// False for every marker if the workspace is not there or not ours. Throws windows_error "Cannot read upgrade
-// recovery state" if that or the marker cannot be told, and what token_user_sid throws.
+// False for every marker if the workspace is missing or not ours. Throws windows_error "Cannot read upgrade
+// recovery state" if that or the marker cannot be determined, and what token_user_sid throws.
 bool has_marker(const context& context, const std::wstring& name);
 
 // The list of the folder windows that were open, which the user's scripts write and read.
