@@ -1,3 +1,4 @@
+#include "custom_actions/common/system_directory.h"
 #include "custom_actions/upgrade/context.h"
 #include "custom_actions/upgrade/maintenance_key.h"
 #include "support/registry_sandbox.h"
@@ -19,7 +20,7 @@ TEST(Context, is_read_from_its_data_and_nothing_else)
     const context loaded = load_context(
         format_context(L"C:/It's [1] \u00C4\u4E2D/", 4294967295, L"S-1-5-21-1-2-3-1001", GUID_TEXT));
     EXPECT_EQ(loaded.product_directory, L"C:\\It's [1] \u00C4\u4E2D");
-    EXPECT_EQ(loaded.workspace, std::wstring{LR"(C:\windows\Temp\QBL-upgrade-)"} + GUID_TEXT);
+    EXPECT_EQ(loaded.workspace, windows_directory() + LR"(\Temp\QBL-upgrade-)" + GUID_TEXT);
     EXPECT_EQ(loaded.session_id, 4294967295U);
     EXPECT_EQ(loaded.user_sid, L"S-1-5-21-1-2-3-1001");
 
