@@ -26,8 +26,8 @@ std::wstring powershell_arguments(std::wstring_view script, const char* failure)
 // Runs a script, which must have no `exit` of its own, as the upgrade's interactive user, never elevated, in
 // that user's session, and waits up to `timeout_ms` milliseconds for its end. All that it prints goes to
 // "<operation>.log" in the workspace's folder "output", which must exist; the file stays. Returns the file's
-// bytes, UTF-8 with a byte-order mark. Logs the start, the end and a time-out; a script that is over its time
-// is terminated with exit code 1460.
+// bytes: UTF-8 with a byte-order mark, or none if it printed nothing. Logs the start, the end and a time-out;
+// a script that is over its time is terminated with exit code 1460.
 //
 // Throws windows_error "Cannot encode user operation", "Cannot create user environment", "Cannot launch
 // package operation as original user" or "Cannot read user operation result", std::runtime_error "Cannot
