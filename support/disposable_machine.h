@@ -9,6 +9,7 @@ namespace test_support {
 // otherwise.
 inline bool machine_is_disposable()
 {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the environment is changed on one thread alone
     return std::getenv("DISPOSABLE_MACHINE") != nullptr;
 }
 

@@ -36,7 +36,7 @@ private:
     template <class T>
     T* at(ULONG_PTR offset) const noexcept
     {
-        return reinterpret_cast<T*>(reinterpret_cast<ULONG_PTR>(module_) + offset);
+        return reinterpret_cast<T*>(reinterpret_cast<BYTE*>(module_) + offset);
     }
 
     HMODULE module_;

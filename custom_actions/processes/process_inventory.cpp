@@ -82,7 +82,8 @@ bool process_has_module(DWORD process, name_list patterns, listing how)
     }
     for (BOOL more = TRUE; more; more = Module32NextW(snapshot.get(), &entry)) {
         const std::wstring_view module = entry.szModule;
-        if (std::ranges::any_of(patterns, [&](auto name) { return matches_module_pattern(module, name); })) {
+        if (std::ranges::any_of(
+                patterns, [&](auto pattern) { return matches_module_pattern(module, pattern); })) {
             return true;
         }
     }

@@ -35,7 +35,9 @@ void take_key()
         key.create(HKEY_LOCAL_MACHINE, std::wstring{MAINTENANCE_KEY}, KEY_SET_VALUE | KEY_WOW64_64KEY),
         "Cannot establish upgrade guard");
     const std::optional<ULONGLONG> created = creation_time(GetCurrentProcess());
-    check_bool(created, failure);
+    if (!created) {
+        throw_last_error(failure);
+    }
     check_win32(key.write_number(L"Created", REG_QWORD, *created), failure);
     check_win32(key.write_number(L"Process", REG_DWORD, GetCurrentProcessId()), failure);
 }
