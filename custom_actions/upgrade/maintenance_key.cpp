@@ -6,7 +6,6 @@
 
 #include <windows.h>
 
-#include <optional>
 #include <string>
 
 namespace custom_actions::controlled_upgrade {
@@ -14,17 +13,16 @@ namespace {
 
 constexpr const wchar_t* MAINTENANCE_KEY = LR"(SOFTWARE\Brenmoor\Quorbel\InstallerMaintenance)";
 
-// When the process was created, in 100 ns since 1601.
-std::optional<ULONGLONG> creation_time(HANDLE process) noexcept
+// Reads when the process was created, in 100 ns since 1601. False, with the last error set, if that fails.
+bool read_creation_time(HANDLE process, ULONGLONG& created) noexcept
 {
-    FILETIME created{};
-    FILETIME exited{};
+    FILETIME creation{};
+    FILETIME exit{};
     FILETIME kernel{};
     FILETIME user{};
-    if (!GetProcessTimes(process, &created, &exited, &kernel, &user)) {
-        return std::nullopt;
-    }
-    return ULONGLONG{created.dwHighDateTime} << 32U | created.dwLowDateTime;
+    const BOOL read = GetProcessTimes(process, &creation, &exit, &kernel, &user);
+    created = ULONGLONG{creation.dwHighDateTime} << 32U | creation.dwLowDateTime;
+    return read != FALSE;
 }
 
 void take_key()
@@ -34,11 +32,9 @@ void take_key()
     check_win32(
         key.create(HKEY_LOCAL_MACHINE, std::wstring{MAINTENANCE_KEY}, KEY_SET_VALUE | KEY_WOW64_64KEY),
         "Cannot establish upgrade guard");
-    const std::optional<ULONGLONG> created = creation_time(GetCurrentProcess());
-    if (!created) {
-        throw_last_error(failure);
-    }
-    check_win32(key.write_number(L"Created", REG_QWORD, *created), failure);
+    ULONGLONG created = 0;
+    check_bool(read_creation_time(GetCurrentProcess(), created), failure);
+    check_win32(key.write_number(L"Created", REG_QWORD, created), failure);
     check_win32(key.write_number(L"Process", REG_DWORD, GetCurrentProcessId()), failure);
 }
 
@@ -77,11 +73,11 @@ bool guard_is_live()
     if (!process) {
         return GetLastError() == ERROR_ACCESS_DENIED;
     }
-    const std::optional<ULONGLONG> found = creation_time(process.get());
-    if (!found) {
+    ULONGLONG found = 0;
+    if (!read_creation_time(process.get(), found)) {
         return true; // better one refusal too many
     }
-    return *found == created && WaitForSingleObject(process.get(), 0) == WAIT_TIMEOUT;
+    return found == created && WaitForSingleObject(process.get(), 0) == WAIT_TIMEOUT;
 }
 
 } // namespace custom_actions::controlled_upgrade
