@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs the benchmarks, prints their table (also in build/bench/results.txt) and writes it to docs/benchmarks.md and, as a
-# chart, to docs/benchmarks.svg. A missed aim does not fail the script: the figures depend on the machine.
+# Runs the benchmarks, prints their table (also in build/bench/results.txt) and writes it to docs/benchmarks.md and,
+# as a chart, to docs/benchmarks.svg. A missed aim does not fail the script: the figures depend on the machine.
 #   scripts/bench.sh            runs the benchmarks and writes both files
 #   scripts/bench.sh --report   writes both files from the last run's results
 set -eu

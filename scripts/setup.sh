@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and testing need, on Debian 12 or 13. Quick and silent if nothing is missing.
+# Installs the Debian packages that building and testing need, on Debian 12 or 13. Quick and silent if all are there.
 #   scripts/setup.sh [PACKAGE...]   also installs these
 set -eu
 packages=(

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds, lints and runs every test; ends with CTest's summary. Every stage has a time limit, at most 85 minutes together;
-# a stage that exceeds its limit is ended and named.
+# Builds, lints and runs every test; ends with CTest's summary. Every stage has a time limit, 85 minutes together; a
+# stage that exceeds its limit is ended and named.
 set -eu
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -21,7 +21,7 @@ trap 'scripts/wine.sh --end' EXIT
 stage 600 scripts/setup.sh
 stage 1500 scripts/build.sh
 stage 1500 scripts/lint.sh
-# One at a time: some suites end Explorer, close programs by name or install packages, all in the same prefix. --stop-time
-# makes CTest print its summary before the stage's limit. A suite that fails is repeated once, and the summary says so:
-# CreateProcess fails on Wine about once in some thousand calls (error 1359, for any program).
+# One at a time: some suites end Explorer, close programs by name or install packages, all in the same prefix.
+# --stop-time makes CTest print its summary before the stage's limit. A suite that fails is repeated once, and the
+# summary says so: CreateProcess fails on Wine about once in some thousand calls (error 1359, for any program).
 stage 1500 ctest --preset mingw --repeat until-pass:2 --stop-time "$(date -d '+23 minutes' +%T)"

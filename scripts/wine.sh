@@ -60,8 +60,8 @@ if [ ! -f "$WINEPREFIX/.ready" ]; then
   ) 9>"$WINEPREFIX/.lock"
 fi
 
-# The prefix's services inherit the pipes of the program that starts them, and a reader of those pipes would wait for the
-# services to end. So they are started here, without pipes, and stay.
+# The prefix's services inherit the pipes of the program that starts them, and a reader of those pipes would wait for
+# the services to end. So they are started here, without pipes, and stay.
 if timeout -k 5 20 "$WINESERVER" -p >/dev/null 2>&1 </dev/null; then
   within 120 "$wine" wineboot >/dev/null 2>&1 </dev/null || { echo "wine.sh: wineboot ended with $?" >&2; exit 1; }
 fi
