@@ -1,5 +1,5 @@
-// What each action costs in an installation: all of them in one package, and an empty action of a library of
-// its own among them. The installer tells when an action starts; it lasts until the next one does.
+// The time of each action in an installation: one package runs them all, and empty actions from another
+// library. The installer reports when an action starts; its time ends when the next one starts.
 
 #include "benchmarks/benchmarks.h"
 #include "benchmarks/scratch_package.h"
@@ -25,20 +25,20 @@
 namespace benchmarks {
 namespace {
 
-// An action where it has nothing to do, is refused at once, or does the least that it can.
+// An action that has nothing to do, refuses at once, or does as little as possible.
 struct scenario {
     const wchar_t* function = nullptr;
     int type = IMMEDIATE;
     const char* what = nullptr;
-    double most = 5; // milliseconds above the empty action
+    double most_ms = 5; // above the empty action
 };
 
-// In this order: what one writes, a later one reads or takes away.
+// The order matters: later ones read or remove what earlier ones write.
 constexpr scenario SCENARIOS[]{
     {.function = L"check_upgrade_type", .what = "nothing installed"},
     {.function = L"log_app_control_state", .what = "not enforcing"},
-    {.function = L"capture_search_state", .what = "no Windows Search", .most = 10},
-    {.function = L"close_and_kill_our_processes", .what = "none runs", .most = 50},
+    {.function = L"capture_search_state", .what = "no Windows Search", .most_ms = 10},
+    {.function = L"close_and_kill_our_processes", .what = "none runs", .most_ms = 50},
     {.function = L"prepare_controlled_upgrade", .what = "refused: no older version"},
     {.function = L"early_close_upgrade", .what = "none runs"},
     {.function = L"recover_early_upgrade", .what = "no task"},
@@ -49,19 +49,19 @@ constexpr scenario SCENARIOS[]{
     {.function = L"propertyhandler_update_registry",
      .type = DEFERRED_AS_SYSTEM,
      .what = "64 types of a clean machine",
-     .most = 30},
+     .most_ms = 30},
     {.function = L"propertyhandler_remove_registry",
      .type = DEFERRED_AS_SYSTEM,
      .what = "64 types",
-     .most = 30},
+     .most_ms = 30},
     {.function = L"iconhandler_add_defaults_to_registry",
      .type = DEFERRED_AS_SYSTEM,
      .what = "a clean user",
-     .most = 15},
+     .most_ms = 15},
     {.function = L"iconhandler_remove_registry",
      .type = DEFERRED_AS_SYSTEM,
      .what = "that registration",
-     .most = 15},
+     .most_ms = 15},
     {.function = L"restore_built_in_new_context_menu", .type = DEFERRED_AS_SYSTEM, .what = "nothing there"},
     {.function = L"msix_install_package", .type = DEFERRED_AS_SYSTEM, .what = "refused: no data"},
     {.function = L"msix_uninstall_package",
@@ -80,7 +80,7 @@ std::wstring wide(const std::string& text)
     return {text.begin(), text.end()};
 }
 
-// Throws where an export has no scenario, or a scenario no export.
+// Throws unless the scenarios cover exactly the exports.
 void require_all_exports()
 {
     const test_support::loaded_library library;
@@ -93,7 +93,7 @@ void require_all_exports()
         measured.insert(each.function);
     }
     if (exported != measured) {
-        throw std::runtime_error{"the benchmark has not exactly the library's actions"};
+        throw std::runtime_error{"the scenarios do not match the library's exports"};
     }
 }
 
@@ -102,8 +102,8 @@ package_action empty_action(const wchar_t* name, int type)
     return {.name = name, .function = L"empty_action", .library = L"empty_action.dll", .type = type};
 }
 
-// Before what is measured, each library is unpacked and the installer's process for actions is there; behind
-// the last of each kind stands one that ends its time.
+// The scenarios between empty actions. The first two actions unpack each library and start the installer's
+// process for actions, so that no scenario pays for that; the last one ends the time of the last scenario.
 std::vector<package_action> all_actions()
 {
     std::vector<package_action> actions{
@@ -132,7 +132,7 @@ package_content content()
             {L"rollback_controlled_upgrade", upgrade}}};
 }
 
-// When each action of an installation starts, in the installer's order.
+// Records when each action of an installation starts.
 class action_times {
 public:
     action_times()
@@ -147,7 +147,7 @@ public:
     action_times(const action_times&) = delete;
     action_times& operator=(const action_times&) = delete;
 
-    // How long each took; a deferred one starts twice, and its second time counts, in the script.
+    // The time of each action. A deferred one starts twice; its second start, in the script, counts.
     [[nodiscard]] std::map<std::wstring, double> milliseconds() const
     {
         LARGE_INTEGER frequency{};
@@ -169,18 +169,17 @@ private:
         std::array<wchar_t, 512> name{};
         auto length = static_cast<DWORD>(name.size());
         MsiRecordGetStringW(record, 1, name.data(), &length);
-        // In the script Wine has the action's data in brackets before its name.
+        // In the script Wine puts the action's data in brackets before its name.
         const std::wstring text{name.data()};
         static_cast<action_times*>(self)->starts_.emplace_back(
             text.substr(text.rfind(L']') + 1), now.QuadPart);
-        return 0; // the installer goes on as without a handler
+        return 0; // the installer handles the message as usual
     }
 
     std::vector<std::pair<std::wstring, LONGLONG>> starts_;
 };
 
-// Throws where the actions leave no lines of theirs in the log: an installer may pass a library that does not
-// load.
+// Throws if the actions log nothing: Wine ignores a library that does not load.
 void require_lines_of_ours(const scratch_package& package)
 {
     const std::filesystem::path path = std::filesystem::temp_directory_path() / "action_costs.log";
@@ -195,7 +194,7 @@ void require_lines_of_ours(const scratch_package& package)
     }
     std::filesystem::remove(path);
     std::string log = content.str();
-    std::erase(log, '\0'); // of a log in UTF-16
+    std::erase(log, '\0'); // in case the log is UTF-16
     for (const char* action : {"check_upgrade_type", "iconhandler_remove_registry"}) {
         if (log.find(std::string{"Custom action: "} + action) == std::string::npos) {
             throw std::runtime_error{std::string{"no line in the installer's log: "} + action};
@@ -203,7 +202,7 @@ void require_lines_of_ours(const scratch_package& package)
     }
 }
 
-// The times of the first action of all and of the two empty ones, then of each scenario.
+// The times of the first action, of the two empty ones and of each scenario.
 std::vector<double> install(const scratch_package& package)
 {
     std::map<std::wstring, double> taken;
@@ -227,7 +226,7 @@ void measure_action_costs(report& results)
 {
     require_all_exports();
     const scratch_package package{L"{5A1F0C67-93C4-4B57-8C3C-3E2F0E6B7A06}", content()};
-    // A service has no standard output; the actions' process inherits this one.
+    // The actions' process inherits this program's standard output; on Windows it has none.
     const std::filesystem::path lines = std::filesystem::temp_directory_path() / "action_costs.txt";
     std::vector<double> times;
     {
@@ -246,7 +245,7 @@ void measure_action_costs(report& results)
         const double ours = times[i + 3];
         const double empty = each.type == IMMEDIATE ? empty_immediate : empty_deferred;
         results.above_empty(
-            test_support::as_ascii(each.function) + ", " + each.what, "ms", ours, empty, each.most);
+            test_support::as_ascii(each.function) + ", " + each.what, "ms", ours, empty, each.most_ms);
         above += ours - empty;
     }
     results.note(

@@ -1,5 +1,4 @@
-// The least that an action's library can be: one action in the frame that all of ours have, which does
-// nothing.
+// The smallest possible library: one action that does nothing, inside the same export boundary as ours.
 
 #include "custom_actions/common/export_boundary.h"
 
@@ -10,7 +9,7 @@ extern "C" UINT __stdcall empty_action(MSIHANDLE session);
 UINT __stdcall empty_action(MSIHANDLE session)
 {
     return custom_actions::run_harmless_action([&] {
-        if (session == 0) { // never; something must be able to throw, or the compiler takes the frame away
+        if (session == 0) { // never true; without a throw the compiler removes the handlers
             throw std::runtime_error{"no session"};
         }
     });

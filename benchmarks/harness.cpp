@@ -35,7 +35,7 @@ double milliseconds(const std::function<void()>& work)
 
 std::vector<std::vector<double>> median_times(const std::vector<round_of_times>& sides)
 {
-    std::vector<std::vector<std::vector<double>>> taken(sides.size()); // of each side, of each time
+    std::vector<std::vector<std::vector<double>>> taken(sides.size()); // [side][time][round]
     for (std::size_t turn = 0; turn <= ROUNDS; ++turn) {
         for (std::size_t i = 0; i < sides.size(); ++i) {
             const std::size_t side = (turn + i) % sides.size();
@@ -135,7 +135,7 @@ redirected_output::redirected_output(const std::filesystem::path& path) : before
     if (before_ < 0 || _wfreopen(path.c_str(), L"w", stdout) == nullptr) {
         throw std::system_error{errno, std::generic_category(), "cannot redirect standard output"};
     }
-    // NUL counts as a terminal, to which every character would be a call of its own.
+    // NUL counts as a terminal, which would be written to character by character.
     std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
 }
 

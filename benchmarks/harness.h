@@ -9,42 +9,41 @@
 #include <string>
 #include <vector>
 
-// What the benchmarks share: how a time is taken, and the table that they fill.
+// Shared by the benchmarks: measuring times, and the table of results.
 namespace benchmarks {
 
 using test_support::require;
 
-// How long `work` takes, in milliseconds.
+// The time that `work` takes, in milliseconds.
 double milliseconds(const std::function<void()>& work);
 
-// One round of one side of a comparison: prepares what it needs, and returns the times of what it measures,
-// the same number of them in each round.
+// One round of one side of a comparison: prepares what it needs and returns the times that it measured, the
+// same number in each round.
 using round_of_times = std::function<std::vector<double>()>;
 
 inline constexpr int ROUNDS = 15;
 
-// Lets the sides take turns: a round of each that does not count, then ROUNDS of each, every time with
-// another of them first, so that what else the machine does falls on all alike. Returns for each side the
-// medians of its times.
+// Lets the sides take turns, so that other load on the machine affects all alike: a warm-up round of each,
+// then ROUNDS of each, starting with another side every time. Returns the median of each time of each side.
 std::vector<std::vector<double>> median_times(const std::vector<round_of_times>& sides);
 
-// The rows of the table, printed when all benchmarks have run.
+// The table of results.
 class report {
 public:
-    // Milliseconds beside the least that the same work costs; the ratio is ours / floor, which `most` bounds.
+    // Milliseconds against the minimum for the same work. Aim: ours / floor is at most `most`.
     void against_floor(const std::string& what, double ours, double floor, double most);
 
-    // Milliseconds beside another way to the same end; the ratio is peer / ours, which `least` bounds.
+    // Milliseconds against another way to do the same. Aim: peer / ours is at least `least`.
     void against_peer(const std::string& what, double ours, double peer, double least);
 
-    // As above where there is nothing to reach: a figure that explains another.
+    // As above without an aim: a figure that explains another.
     void beside_peer(const std::string& what, double ours, double peer);
 
-    // Ours beside what the same costs with an empty library; `most` bounds what ours has above that.
+    // Ours against the empty library. Aim: the difference is at most `most`.
     void
     above_empty(const std::string& what, const std::string& unit, double ours, double empty, double most);
 
-    // As above where `most` bounds all of ours.
+    // As above. Aim: ours is at most `most`.
     void
     beside_empty(const std::string& what, const std::string& unit, double ours, double empty, double most);
 
@@ -61,20 +60,20 @@ private:
         double against;
         double ratio;
         std::string aim;
-        double of_aim; // above 1 it is missed; 0 where there is none
+        double of_aim; // above 1: missed; 0 without an aim
     };
 
     std::vector<row> rows_;
     std::vector<std::string> notes_;
 };
 
-// A number with as many decimals as the table shows.
+// The number with two decimals, as in the table.
 std::string shown(double number);
 
-// Sends standard output to a file while it lives.
+// Redirects standard output to a file for its lifetime.
 class redirected_output {
 public:
-    // Throws std::system_error where it cannot be sent there.
+    // Throws std::system_error.
     explicit redirected_output(const std::filesystem::path& path);
     ~redirected_output();
 

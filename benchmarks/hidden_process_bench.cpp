@@ -1,5 +1,5 @@
-// Running a child and reading what it prints, against the bare calls that nothing can do without: starting it
-// and waiting for it, and reading one pipe to its end.
+// Running a child and reading its output, against the bare calls: start and wait, or read one pipe to its
+// end.
 
 #include "benchmarks/benchmarks.h"
 #include "custom_actions/common/scoped_handle.h"
@@ -15,7 +15,7 @@ namespace {
 
 using custom_actions::kernel_handle;
 
-constexpr std::size_t PRINTED = std::size_t{64} * 1024 * 1024;
+constexpr std::size_t PRINTED_BYTES = std::size_t{64} * 1024 * 1024;
 
 std::wstring child_that_prints(std::size_t bytes)
 {
@@ -68,7 +68,7 @@ void bare_read()
     STARTUPINFOW startup{};
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdOutput = write_end.get();
-    const kernel_handle child = start(child_that_prints(PRINTED), startup);
+    const kernel_handle child = start(child_that_prints(PRINTED_BYTES), startup);
     write_end = {};
     std::array<char, 4095> bytes{};
     std::size_t total = 0;
@@ -77,13 +77,13 @@ void bare_read()
         total += size;
     }
     WaitForSingleObject(child.get(), INFINITE);
-    require_done(total == PRINTED, "not all was read");
+    require_done(total == PRINTED_BYTES, "the output is incomplete");
 }
 
 void run_child(std::size_t bytes)
 {
     const auto result = custom_actions::run_hidden_process(child_that_prints(bytes));
-    require_done(result.exit_code == 0 && result.output.size() == bytes, "not all came through");
+    require_done(result.exit_code == 0 && result.output.size() == bytes, "the output is incomplete");
 }
 
 } // namespace
@@ -110,7 +110,7 @@ void measure_hidden_process(report& results)
     results.against_floor(
         "hidden process: a child that prints nothing", starting[0][0], starting[1][0], 1.10);
     const auto reading = median_times(
-        {[] { return std::vector{milliseconds([] { run_child(PRINTED); })}; },
+        {[] { return std::vector{milliseconds([] { run_child(PRINTED_BYTES); })}; },
          [] { return std::vector{milliseconds(bare_read)}; }});
     results.against_floor("hidden process: 64 MiB of output", reading[0][0], reading[1][0], 1.15);
     results.note("Hidden process: above the floor is the text, 128 MiB of it, as it is converted and grows.");

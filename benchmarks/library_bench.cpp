@@ -1,5 +1,4 @@
-// The library itself against an empty one: its size, how long it takes to load, and what its heaviest action
-// needs.
+// The library against an empty one: size, load time, and peak memory of its heaviest action.
 
 #include "benchmarks/benchmarks.h"
 #include "support/child_process.h"
@@ -18,6 +17,7 @@ namespace {
 
 constexpr const char* OURS = "custom_actions.dll";
 constexpr const char* EMPTY = "empty_action.dll";
+constexpr int PROGID_COUNT = 20'000;
 
 std::filesystem::path beside_this_program(const std::string& library)
 {
@@ -48,7 +48,7 @@ round_of_times loading(const char* library)
     return [library] { return std::vector{milliseconds([library] { FreeLibrary(load(library)); })}; };
 }
 
-// Kilobytes of working set at its highest, in a process of its own.
+// The peak working set in KB of a new process that runs the action.
 double peak_memory(const char* library, const char* function)
 {
     const std::string arguments = std::string{" --peak-memory="} + library + ":" + function;
@@ -56,12 +56,12 @@ double peak_memory(const char* library, const char* function)
         L'"' + test_support::this_program() + L'"' + std::wstring{arguments.begin(), arguments.end()},
         std::chrono::minutes{2});
     if (child.exit_code != 0) {
-        throw std::runtime_error{"no peak of memory: " + child.output};
+        throw std::runtime_error{"peak memory was not measured: " + child.output};
     }
     return std::stod(child.output);
 }
 
-// ProgIds of the user's, every tenth with an icon handler of somebody else, which a removal leaves.
+// Plants ProgIds of the user; every tenth has another maker's icon handler, which a removal keeps.
 void plant_progids(int count)
 {
     for (int i = 0; i != count; ++i) {
@@ -93,10 +93,10 @@ void print_peak_memory(const std::string& action)
     }
     const test_support::registry_sandbox machine{HKEY_LOCAL_MACHINE};
     const test_support::registry_sandbox user{HKEY_CURRENT_USER};
-    plant_progids(20'000);
+    plant_progids(PROGID_COUNT);
     {
         const redirected_output silence{"NUL"};
-        function(1); // no session's handle: what the action logs goes nowhere
+        function(1); // an invalid session handle: log lines are dropped
     }
     PROCESS_MEMORY_COUNTERS memory{};
     GetProcessMemoryInfo(GetCurrentProcess(), &memory, sizeof memory);
@@ -109,7 +109,7 @@ void measure_library(report& results)
     const auto times = median_times({loading(OURS), loading(EMPTY)});
     results.above_empty("the library loaded and freed", "ms", times[0][0], times[1][0], 2);
     results.above_empty(
-        "peak memory, iconhandler_remove_registry over 20000 ProgIds",
+        "peak memory, iconhandler_remove_registry over " + std::to_string(PROGID_COUNT) + " ProgIds",
         "KB",
         peak_memory(OURS, "iconhandler_remove_registry"),
         peak_memory(EMPTY, "empty_action"),

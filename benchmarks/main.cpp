@@ -1,6 +1,5 @@
-// Runs every benchmark, or the one that is named, and prints one table. Ends with 0 whether or not an aim is
-// met, since the figures are the machine's as much as ours, and with 1 where something did not run or two
-// sides did not do the same.
+// Runs every benchmark, or the named one, and prints one table. A missed aim is no failure, since the figures
+// depend on the machine; exits with 1 if something did not run or two sides did not do the same.
 
 #include "benchmarks/benchmarks.h"
 #include "support/disposable_machine.h"
@@ -36,7 +35,7 @@ int main(int argc, char** argv)
         }
         if (!test_support::machine_is_disposable()) {
             std::fputs(
-                "Packages would be installed on this machine: set DISPOSABLE_MACHINE if they may.\n", stderr);
+                "This installs packages on the machine: set DISPOSABLE_MACHINE to allow it.\n", stderr);
             return 1;
         }
         benchmarks::report report;

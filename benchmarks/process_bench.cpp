@@ -1,5 +1,5 @@
-// Finding the suite's programs against the bare snapshot, and closing many of them against how long they take
-// to go.
+// Finding the suite's programs against a bare snapshot, and closing many of them against the time that they
+// take to exit.
 
 #include "benchmarks/benchmarks.h"
 #include "custom_actions/processes/process_closing.h"
@@ -57,12 +57,14 @@ void measure_inventory(report& results)
     results.against_floor("processes: inventory over 200", times[0][0], times[1][0], 1.10);
 }
 
+constexpr double FILE_TIME_UNITS_PER_MS = 10'000;
+
 ULONGLONG file_time(const FILETIME& time)
 {
     return (ULONGLONG{time.dwHighDateTime} << 32U) | time.dwLowDateTime;
 }
 
-// When the last of these ended, in milliseconds since `start`.
+// The exit of the last of these, in milliseconds since `start`.
 double last_exit(const std::vector<kernel_handle>& programs, const FILETIME& start)
 {
     ULONGLONG last = 0;
@@ -74,10 +76,10 @@ double last_exit(const std::vector<kernel_handle>& programs, const FILETIME& sta
         GetProcessTimes(program.get(), &created, &ended, &kernel, &user);
         last = std::max(last, file_time(ended));
     }
-    return static_cast<double>(last - file_time(start)) / 10'000;
+    return static_cast<double>(last - file_time(start)) / FILE_TIME_UNITS_PER_MS;
 }
 
-// How long closing takes, and when the last program was gone.
+// Returns the time that closing takes and the time of the last exit, in milliseconds.
 std::vector<double> close_at_once(int polite, int stubborn, DWORD timeout_ms)
 {
     std::deque<toy_process> programs;
@@ -100,7 +102,7 @@ void measure_processes(report& results)
     measure_inventory(results);
     const auto closing = median_times({[] { return close_at_once(40, 0, 5000); }}).front();
     results.against_floor("processes: closing 40 that close at once", closing[0], closing[1], 1.05);
-    // Three that may take 5 seconds each to be gone after the time for all is over.
+    // The limit for all, then up to 5 seconds for each of the three to be terminated.
     const auto mixed = median_times({[] { return close_at_once(20, 3, 1000); }}).front();
     results.against_floor("processes: closing 20 and 3 that do not listen", mixed[0], 1000 + (3 * 5000), 1.0);
 }

@@ -1,5 +1,5 @@
-// The property handler against the bare calls of the same work, and the action that registers it against a
-// package that has the same values as rows of its Registry table.
+// The property handler against the bare calls for the same work, and its action in a package against a
+// package with the same values as rows of its Registry table.
 
 #include "benchmarks/benchmarks.h"
 #include "benchmarks/property_handler_floor.h"
@@ -21,21 +21,21 @@ namespace {
 using namespace custom_actions;
 using test_support::registry_sandbox;
 
-// Ours, or the floor; each needs what the one before it leaves.
-struct life {
+// The steps of one side, to run in this order.
+struct lifecycle {
     std::function<void()> register_on_clean_hive;
     std::function<void()> register_again;
     std::function<void()> remove;
 };
 
-life our_life()
+lifecycle our_lifecycle()
 {
     const auto register_all = [] { require(register_property_handler({0, L""}), "registration failed"); };
     const auto remove_all = [] { require(remove_property_handler({0, L""}), "removal failed"); };
     return {.register_on_clean_hive = register_all, .register_again = register_all, .remove = remove_all};
 }
 
-life bare_life(const property_handler_floor& floor)
+lifecycle bare_lifecycle(const property_handler_floor& floor)
 {
     return {
         .register_on_clean_hive = [&floor] { floor.register_on_clean_hive(); },
@@ -43,7 +43,7 @@ life bare_life(const property_handler_floor& floor)
         .remove = [&floor] { floor.remove(); }};
 }
 
-round_of_times round_of(const life& side)
+round_of_times round_of(const lifecycle& side)
 {
     return [&side] {
         return std::vector{
@@ -53,7 +53,7 @@ round_of_times round_of(const life& side)
     };
 }
 
-// Everything that a step does and leaves: its calls, the hive after it, its lines on standard output.
+// A step's registry calls, the hive after it, and its lines on standard output.
 std::vector<std::string> evidence(const std::function<void()>& step)
 {
     const std::filesystem::path path =
@@ -74,10 +74,10 @@ std::vector<std::string> evidence(const std::function<void()>& step)
     return all;
 }
 
-// Throws where the two sides do not do the same.
-void compare(const life& ours, const life& floor)
+// Throws if the two sides do not do the same.
+void compare(const lifecycle& ours, const lifecycle& floor)
 {
-    const auto steps = [](const life& side) {
+    const auto steps = [](const lifecycle& side) {
         return std::vector{
             evidence(side.register_on_clean_hive), evidence(side.register_again), evidence(side.remove)};
     };
@@ -87,14 +87,14 @@ void compare(const life& ours, const life& floor)
         const auto& [our, bare] = std::ranges::mismatch(our_steps[step], bare_steps[step]);
         if (our != our_steps[step].end() || bare != bare_steps[step].end()) {
             throw std::runtime_error{
-                "step " + std::to_string(step + 1) + " is not the floor's; ours:\n  " +
+                "step " + std::to_string(step + 1) + " differs; ours:\n  " +
                 (our == our_steps[step].end() ? "(nothing)" : *our) + "\nfloor:\n  " +
                 (bare == bare_steps[step].end() ? "(nothing)" : *bare)};
         }
     }
 }
 
-// The keys that every machine has.
+// Creates the keys that every machine has.
 void plant_parents()
 {
     for (const char* path : {PROPERTY_HANDLERS_KEY, R"(SOFTWARE\Classes\SystemFileAssociations)"}) {
@@ -103,14 +103,14 @@ void plant_parents()
     }
 }
 
-// Returns how long registration takes on a clean hive.
+// Returns our time for a registration on a clean hive.
 double measure_against_floor(report& results)
 {
     const registry_sandbox machine{HKEY_LOCAL_MACHINE};
     plant_parents();
     const property_handler_floor floor;
-    const life ours = our_life();
-    const life bare = bare_life(floor);
+    const lifecycle ours = our_lifecycle();
+    const lifecycle bare = bare_lifecycle(floor);
     compare(ours, bare);
 
     std::vector<std::vector<double>> times;
@@ -134,11 +134,11 @@ std::wstring wide(std::string_view text)
     return {text.begin(), text.end()};
 }
 
-// What registration leaves on a clean machine.
+// The values that registration writes on a clean machine.
 std::vector<registry_row> registered_values()
 {
     const registry_sandbox machine{HKEY_LOCAL_MACHINE};
-    our_life().register_on_clean_hive();
+    our_lifecycle().register_on_clean_hive();
     std::vector<registry_row> rows;
     const auto add = [&](const std::string& path, const wchar_t* name) {
         wide_registry_key key;
@@ -164,14 +164,14 @@ std::size_t count_on_machine(const std::vector<registry_row>& rows)
     }));
 }
 
-// Takes away what the action has written: a package takes its own rows alone.
+// Removes what the action wrote: removing a package removes only its rows.
 void clear_machine()
 {
-    our_life().remove();
+    our_lifecycle().remove();
 }
 
-// Installs the package and removes it with everything that it wrote. Throws unless it wrote `expected` of the
-// values.
+// Installs the package, then removes it and everything that it wrote. Throws unless it wrote exactly
+// `expected` of the values.
 round_of_times
 installation_of(const scratch_package& package, const std::vector<registry_row>& values, std::size_t expected)
 {
@@ -180,7 +180,7 @@ installation_of(const scratch_package& package, const std::vector<registry_row>&
         if (const std::size_t written = count_on_machine(values); written != expected) {
             throw std::runtime_error{
                 "an installation left " + std::to_string(written) + " of the values, not " +
-                std::to_string(expected) + ": it did not run, or the machine has handlers of others"};
+                std::to_string(expected) + ": it did not run, or the machine has other handlers"};
         }
         package.remove();
         clear_machine();
@@ -212,7 +212,7 @@ installation_times time_installations(const std::vector<registry_row>& values)
         {.rows = {}, .actions = {other_action, action}, .properties = {}}};
 
     const redirected_output silence{"NUL"};
-    clear_machine(); // of what an earlier run may have left
+    clear_machine(); // in case an earlier run was interrupted
     const auto medians = median_times(
         {installation_of(smallest, values, 0),
          installation_of(with_rows, values, values.size()),
@@ -227,8 +227,8 @@ installation_times time_installations(const std::vector<registry_row>& values)
         .with_both_actions = medians[4][0]};
 }
 
-// The same values by rows of the package's own and by the action: alone in its package, where the installer
-// starts a process for it, and beside another action, where that process is there already.
+// The same values written by rows of a package and by the action: alone in its package, where the installer
+// starts a process for it, and after another action, where that process runs already.
 void measure_against_package_rows(report& results, double work_alone)
 {
     const std::vector<registry_row> values = registered_values();

@@ -22,7 +22,7 @@ void query_elevation()
     OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token);
     GetTokenInformation(token, TokenElevation, &elevation, size, &size);
     CloseHandle(token);
-    if (elevation.TokenIsElevated == 0) { // the same line on standard output
+    if (elevation.TokenIsElevated == 0) { // the same line as ours
         std::fputs(
             "[propertyhandler] WARNING: not elevated - every HKLM write below will fail. "
             "Run build_all.ps1 (or the installer) as Administrator.\n",
@@ -60,7 +60,7 @@ void query(HKEY key, const char* name, DWORD size)
 
 void set(HKEY key, const char* name, std::string_view text)
 {
-    const auto size = static_cast<DWORD>(text.size()) + 1; // the texts end in a zero
+    const auto size = static_cast<DWORD>(text.size()) + 1; // with the terminating zero
     RegSetValueExA(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.data()), size);
 }
 
@@ -103,7 +103,7 @@ void remove_lists(const std::string& path)
         query(key, name, 4096);
         RegDeleteValueA(key, name);
     }
-    // The same lines on standard output.
+    // The same lines on standard output as ours.
     std::fputs("  - Removed matching FullDetails.\n", stdout);
     std::fputs("  - Removed matching PreviewDetails.\n", stdout);
     std::fputs("  - Removed matching InfoTip.\n", stdout);
@@ -166,7 +166,7 @@ void property_handler_floor::register_on_clean_hive() const
     query_elevation();
     const REGSAM view = query_view();
     for (const file_type& type : types_) {
-        open(type.handler_path, KEY_READ); // finds nothing
+        open(type.handler_path, KEY_READ); // absent
         HKEY handler = create(type.handler_path, KEY_WRITE | view);
         set(handler, "", PROPERTY_HANDLER_CLSID);
         RegCloseKey(handler);
@@ -220,7 +220,7 @@ void property_handler_floor::remove() const
     enumerate_handlers(handlers);
     for (const file_type& type : types_by_name_) {
         shorten_lists(type);
-        open_and_query(type.handler_path, KEY_READ_WRITE, ORIGINAL_HANDLER_VALUE, 1024); // finds nothing
+        open_and_query(type.handler_path, KEY_READ_WRITE, ORIGINAL_HANDLER_VALUE, 1024); // absent
         RegDeleteKeyA(handlers, type.extension.c_str());
         remove_lists(type.lists_path);
     }

@@ -7,16 +7,16 @@
 
 namespace benchmarks {
 
-// The least that the property handler's work can cost: its system calls, one after the other, on a hive in
-// which nobody else has written, and its lines on standard output. Everything that the calls are given is
-// made beforehand, and what they return decides nothing.
+// The minimum cost of the property handler's work: its system calls in order, on a hive without other
+// software's values, and its lines on standard output. All arguments are prepared beforehand; results are
+// ignored.
 class property_handler_floor {
 public:
     property_handler_floor();
 
-    void register_on_clean_hive() const; // needs: nothing registered
-    void register_again() const;         // needs: all registered
-    void remove() const;                 // needs: all registered
+    void register_on_clean_hive() const; // requires: nothing registered
+    void register_again() const;         // requires: all registered
+    void remove() const;                 // requires: all registered
 
 private:
     struct file_type {
@@ -31,11 +31,11 @@ private:
     void extend_lists(const file_type& type, REGSAM view) const;
     void shorten_lists(const file_type& type) const;
 
-    std::vector<file_type> types_;           // in the order of registration
-    std::vector<file_type> types_by_name_;   // in the registry's
+    std::vector<file_type> types_;           // in registration order
+    std::vector<file_type> types_by_name_;   // in the registry's order
     std::string infotip_;                    // with the extra property
-    std::vector<std::string> longer_lists_;  // "FullDetails" after each extra property that went in
-    std::vector<std::string> shorter_lists_; // and after each that went out
+    std::vector<std::string> longer_lists_;  // FullDetails after each added property
+    std::vector<std::string> shorter_lists_; // and after each removed one
 };
 
 } // namespace benchmarks

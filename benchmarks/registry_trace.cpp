@@ -10,26 +10,26 @@
 namespace benchmarks {
 namespace {
 
-std::vector<std::string> calls; // the patched functions reach nothing else
+std::vector<std::string> calls; // global: the patched functions have no context
 
-void tell(std::string& line, const char* text)
+void append(std::string& line, const char* text)
 {
     line += text == nullptr ? " -" : " '" + std::string{text} + "'";
 }
 
-void tell(std::string& line, DWORD number)
+void append(std::string& line, DWORD number)
 {
     line += ' ' + std::to_string(number);
 }
 
-void tell(std::string& line, HKEY key)
+void append(std::string& line, HKEY key)
 {
     line += key == HKEY_LOCAL_MACHINE ? " machine" : " key";
 }
 
-// The size of a buffer is told; other pointers are buffers, and where results go.
+// A DWORD pointer is a buffer's size, which is recorded; other pointers are buffers or receive results.
 template <class T>
-void tell(std::string& line, T* pointer)
+void append(std::string& line, T* pointer)
 {
     line += pointer == nullptr ? " -" : " to";
     if constexpr (std::is_same_v<T, DWORD>) {
@@ -44,7 +44,7 @@ struct function_name {
     consteval function_name(const char (&literal)[Size]) { std::ranges::copy(literal, text); }
 };
 
-// Notes the calls to one imported function while it lives.
+// Records the calls of one imported function during its lifetime.
 template <function_name Name, class Function>
 class traced_function;
 
@@ -57,7 +57,7 @@ private:
     static Result call(Arguments... arguments)
     {
         std::string line{Name.text};
-        (tell(line, arguments), ...);
+        (append(line, arguments), ...);
         const Result result = current->patch_.original()(arguments...);
         calls.push_back(line + ": " + std::to_string(result));
         return result;

@@ -18,7 +18,7 @@ namespace {
 using custom_actions::record_handle;
 using test_support::scratch_database;
 
-// The least that installs and can be removed: a component whose key path is a registry value.
+// The smallest package that can be installed and removed: one component, whose key path is a registry value.
 constexpr const wchar_t* SMALLEST_PACKAGE[]{
     L"CREATE TABLE `Directory` (`Directory` CHAR(72) NOT NULL, `Directory_Parent` CHAR(72), `DefaultDir` "
     L"CHAR(255) NOT NULL PRIMARY KEY `Directory`)",
@@ -40,7 +40,7 @@ constexpr const wchar_t* SMALLEST_PACKAGE[]{
     L"CREATE TABLE `Binary` (`Name` CHAR(72) NOT NULL, `Data` OBJECT NOT NULL PRIMARY KEY `Name`)",
 
     L"INSERT INTO `Directory` (`Directory`, `DefaultDir`) VALUES ('TARGETDIR', 'SourceDir')",
-    // 64-bit, with a registry value for its key path.
+    // 260: 64-bit, the key path is a registry value.
     L"INSERT INTO `Component` (`Component`, `ComponentId`, `Directory_`, `Attributes`, `KeyPath`) VALUES "
     L"('registration', '{0C4B1F5E-6B0A-4D29-9C0B-53D5A1C7E301}', 'TARGETDIR', 260, 'key_path')",
     L"INSERT INTO `Feature` (`Feature`, `Level`, `Attributes`) VALUES ('registration', 1, 0)",
@@ -50,7 +50,7 @@ constexpr const wchar_t* SMALLEST_PACKAGE[]{
     L"'SOFTWARE\\Brenmoor\\Quorbel benchmark', 'Installed', 'yes', 'registration')",
 };
 
-// The standard actions where the installer's own templates have them.
+// The standard actions with their usual sequence numbers.
 constexpr std::pair<const wchar_t*, int> STANDARD_ACTIONS[]{
     {L"CostInitialize", 800},
     {L"FileCost", 900},

@@ -8,20 +8,20 @@
 
 namespace benchmarks {
 
-// A text below HKEY_LOCAL_MACHINE; an empty name is the key's default value.
+// A text value below HKEY_LOCAL_MACHINE; an empty name means the default value.
 struct registry_row {
     std::wstring key;
     std::wstring name;
     std::wstring text;
 };
 
-// The installer's numbers for an action of a library in the package.
+// The installer's type numbers for a DLL action from the Binary table.
 inline constexpr int IMMEDIATE = 1;
 inline constexpr int DEFERRED_AS_SYSTEM = 3073;
-inline constexpr int GOES_ON_WHEN_IT_FAILS = 64; // to be added
+inline constexpr int GOES_ON_WHEN_IT_FAILS = 64; // added to one of the above
 
-// A function of a library beside this program. The immediate ones run before anything is installed, the
-// deferred ones when all is written; each kind in its order, and none in a removal.
+// A function of a library beside this program. Immediate actions run before anything is installed, deferred
+// ones after all values are written; each kind in the given order, none in a removal.
 struct package_action {
     std::wstring name;
     std::wstring function{name};
@@ -29,24 +29,24 @@ struct package_action {
     int type = DEFERRED_AS_SYSTEM;
 };
 
-// What a package has beyond the least: one feature with one component, whose key path is a registry value.
+// What a package has in addition to its one feature with one component.
 struct package_content {
-    std::vector<registry_row> rows; // of the Registry table
+    std::vector<registry_row> rows; // for the Registry table
     std::vector<package_action> actions;
     std::vector<std::pair<std::wstring, std::wstring>> properties;
 };
 
-// An installer package for the whole machine, made here. Its file goes with it, and so does the product.
+// A per-machine installer package. The destructor removes its file and the installed product.
 class scratch_package {
 public:
-    // Removes the product first where an earlier run has left it. Throws std::system_error.
+    // Removes the product first if an earlier run left it. Throws std::system_error.
     scratch_package(std::wstring product_code, const package_content& content);
     ~scratch_package();
 
     scratch_package(const scratch_package&) = delete;
     scratch_package& operator=(const scratch_package&) = delete;
 
-    // Without any display. Throws std::system_error with the installer's code.
+    // Silent. Both throw std::system_error with the installer's code.
     void install() const;
     void remove() const;
 

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """Builds a package from WiX 4 sources with wixl and msibuild.
 
-wixl takes an older form of the sources, drops what it does not know with a warning at most, and has no word for rollback
-actions or for the ends of a session. So the files, folders, features and properties go to wixl in its own form, and the
-rows of the actions are made here and written into its package. An element or attribute that is not in the list below is
-an error; so is an action without a place, and a name that leads nowhere.
+wixl reads an older schema, drops what it does not know (with a warning at most) and supports neither rollback actions nor
+OnExit. So files, folders, features and properties go to wixl in its own form, and the rows of the actions are written into
+its package afterwards. It is an error if an element or attribute is not in the list below, an action has no place, or a
+reference has no target.
 """
 
 import argparse
@@ -18,8 +18,7 @@ from xml.parsers import expat
 NAMESPACE = "http://schemas.microsoft.com/wix/2006/wi"
 YES_NO = "=yes|no"
 
-# Each element with its attributes (a "!" marks those that must be there; "=" lists the values that are understood), then
-# the elements that it may hold.
+# The elements: attributes ("!" marks required ones, "=" lists the accepted values), then ">" and the allowed children.
 SCHEMA = {
     "Wix": "xmlns!=http://wixtoolset.org/schemas/v4/wxs > Package Fragment",
     "Package": "Name! Manufacturer! Version! UpgradeCode! ProductCode! Language! Codepage!=65001 Scope!=perMachine"
@@ -51,7 +50,7 @@ SCHEMA = {
 }
 INSTRUCTIONS = "<?define NAME = TEXT ?>, <?foreach NAME in A;B;C ?> ... <?endforeach?>; $(var.NAME) in attributes"
 
-# The places of the standard actions, which the actions of a package stand before and after.
+# The sequence numbers of the standard actions, before and after which a package's actions are placed.
 STANDARD_ACTIONS = {
     "FindRelatedProducts": 25, "AppSearch": 50, "LaunchConditions": 100, "ValidateProductID": 700,
     "CostInitialize": 800, "FileCost": 900, "CostFinalize": 1000, "MigrateFeatureStates": 1200, "InstallValidate": 1400,
@@ -59,12 +58,12 @@ STANDARD_ACTIONS = {
     "RemoveFiles": 3500, "InstallFiles": 4000, "WriteRegistryValues": 5000, "RegisterUser": 6000,
     "RegisterProduct": 6100, "PublishFeatures": 6300, "PublishProduct": 6400, "InstallFinalize": 6600,
 }
-# What wixl makes the rows of, from the same element with the same attributes; the rest is in table_changes.
+# Elements passed on to wixl with the same attributes; table_changes does the rest.
 FOR_WIXL = ("Media", "Binary", "Property", "RegistrySearch", "StandardDirectory", "Directory", "Component", "File",
             "RegistryValue", "Feature", "ComponentRef")
 ENDS = {"success": -1, "cancel": -2, "error": -3, "suspend": -4}
 
-# The type of an action is a sum.
+# An action's type is the sum of these.
 DLL_FUNCTION, ERROR, SET_PROPERTY = 1, 19, 51
 IGNORE_RESULT, IN_SCRIPT, ROLLBACK, NO_IMPERSONATION = 64, 1024, 256, 2048
 
@@ -82,7 +81,7 @@ class Element:
         return self.attributes.get(attribute, default)
 
     def every(self, *names):
-        """The elements of these names below this one, in their order."""
+        """The descendants with one of these names, in document order."""
         for child in self.children:
             if child.name in names:
                 yield child
@@ -95,7 +94,7 @@ class Instruction:
 
 
 def read(path):
-    """The root element of a source, as it stands."""
+    """The root element of a source, not yet expanded."""
     parser = expat.ParserCreate()
     stack = [Element(path, "", {})]
 
@@ -113,7 +112,7 @@ def read(path):
     parser.StartElementHandler = start
     parser.EndElementHandler = lambda name: stack.pop()
     parser.CharacterDataHandler = text
-    parser.ProcessingInstructionHandler = lambda *told: stack[-1].children.append(Instruction(place(), *told))
+    parser.ProcessingInstructionHandler = lambda *parts: stack[-1].children.append(Instruction(place(), *parts))
     try:
         parser.Parse(Path(path).read_bytes(), True)
     except expat.ExpatError as error:
@@ -131,7 +130,7 @@ def expand_text(node, text, variables):
 
 
 def expand(nodes, variables):
-    """The elements among these nodes, with the instructions carried out and the variables put in."""
+    """The elements among these nodes, after executing the instructions and replacing the variables."""
     nodes, expanded = list(nodes), []
     while nodes:
         node = nodes.pop(0)
@@ -147,7 +146,7 @@ def expand(nodes, variables):
             name, _, values = node.text.partition(" in ")
             end = next((i for i, other in enumerate(nodes) if other.name == "endforeach"), None)
             if end is None or any(other.name == "foreach" for other in nodes[:end]):
-                raise SourceError(node, "foreach needs an endforeach of its own beside it")
+                raise SourceError(node, "foreach needs an endforeach at the same level")
             for value in expand_text(node, values.strip(), variables).split(";"):
                 expanded += expand(nodes[:end], {**variables, name.strip(): value})
             del nodes[: end + 1]
@@ -157,36 +156,36 @@ def expand(nodes, variables):
 
 
 def check(element, allowed=("Wix",)):
-    """Refuses what is not in the schema."""
+    """Raises SourceError for anything that is not in the schema."""
     if element.name not in allowed:
         raise SourceError(element, f"the element {element.name} is not understood here")
     attributes, _, children = SCHEMA[element.name].partition(">")
-    known = {re.match(r"\w+", told)[0]: told for told in attributes.split()}
+    known = {re.match(r"\w+", entry)[0]: entry for entry in attributes.split()}
     for name, value in element.attributes.items():
         if name not in known:
             raise SourceError(element, f"the attribute {name} of {element.name} is not understood")
         _, listed, values = known[name].partition("=")
         if listed and value not in values.split("|"):
             raise SourceError(element, f'{name}="{value}" of {element.name} is not understood: {values}')
-    for name, told in known.items():
-        if "!" in told and name not in element.attributes:
+    for name, entry in known.items():
+        if "!" in entry and name not in element.attributes:
             raise SourceError(element, f"{element.name} needs the attribute {name}")
     for child in element.children:
         check(child, children.split())
 
 
 def link(roots):
-    """The package with everything that it refers to: an element without a name."""
+    """The package and every fragment that it refers to, as the children of a nameless element."""
     sections = [section for root in roots for section in root.children]
     packages = [section for section in sections if section.name == "Package"]
     if len(packages) != 1:
-        raise SystemExit(f"there must be one Package in the sources, and there are {len(packages)}")
+        raise SystemExit(f"the sources must have one Package, not {len(packages)}")
     homes = {}
     for section in sections:
         for element in section.every("CustomAction", "SetProperty", "Property", "Binary"):
             symbol = element.get("Action") or element.get("Id")
             if symbol in homes.setdefault(element.name, {}):
-                raise SourceError(element, f"{symbol} is there twice")
+                raise SourceError(element, f"{symbol} is defined twice")
             homes[element.name][symbol] = section
     linked = Element("", "", {})
     linked.children = packages
@@ -200,7 +199,7 @@ def link(roots):
 
 
 def action_rows(linked):
-    """The rows of the table CustomAction: {action: (type, source, target)}."""
+    """The rows of the CustomAction table: {action: (type, source, target)}."""
     binaries = {binary.get("Id") for binary in linked.every("Binary")}
     rows = {}
     for element in linked.every("CustomAction", "SetProperty"):
@@ -213,7 +212,7 @@ def action_rows(linked):
             kind += IN_SCRIPT + (ROLLBACK if execute == "rollback" else 0)
             kind += NO_IMPERSONATION if element.get("Impersonate") == "no" else 0
         elif "Impersonate" in element.attributes:
-            raise SourceError(element, "an immediate action is always the user's own")
+            raise SourceError(element, "an immediate action always runs as the user: no Impersonate")
         if element.get("BinaryRef") in binaries and element.get("DllEntry"):
             rows[element.get("Id")] = (kind + DLL_FUNCTION, element.get("BinaryRef"), element.get("DllEntry"))
         elif element.get("Error") and not kind and "BinaryRef" not in element.attributes:
@@ -224,7 +223,7 @@ def action_rows(linked):
 
 
 def sequence_rows(linked, actions):
-    """The rows of the table InstallExecuteSequence: {action: (condition, number)}."""
+    """The rows of the InstallExecuteSequence table: {action: (condition, number)}."""
     placed, before, after, numbers = {}, {}, {}, {}
     for element in linked.every("Custom", "SetProperty", "InstallExecute", "RemoveExistingProducts"):
         action = element.get("Action", element.name)
@@ -232,7 +231,7 @@ def sequence_rows(linked, actions):
         if element.name == "Custom" and action not in actions:
             raise SourceError(element, f"there is no action {action}")
         if action in placed or len(places) != 1:
-            raise SourceError(element, f"{action} must have one place, and one of Before, After and OnExit tells it")
+            raise SourceError(element, f"{action} must have one place, given by one of Before, After and OnExit")
         placed[action] = element
         if places == ["OnExit"]:
             numbers[action] = ENDS[element.get("OnExit")]
@@ -261,7 +260,7 @@ def sequence_rows(linked, actions):
 
 
 def read_conditions(path):
-    """{action: condition} of a file: "ACTION CONDITION" in a line, and the reason in comments ("#") above it."""
+    """{action: condition} from a file with lines "ACTION CONDITION", each below a comment ("#") with its reason."""
     conditions, reason = {}, False
     for number, line in enumerate(Path(path).read_text(encoding="utf-8").splitlines(), 1):
         if line.strip() and not line.startswith("#"):
@@ -274,7 +273,7 @@ def read_conditions(path):
 
 
 def tables(sources, variables, conditions):
-    """The linked package, and the rows of its two tables of actions."""
+    """The linked package, and the rows of its CustomAction and InstallExecuteSequence tables."""
     roots = [expand([read(source)], dict(variables))[0] for source in sources]
     for root in roots:
         check(root)
@@ -290,7 +289,7 @@ def tables(sources, variables, conditions):
 
 
 def wixl_source(linked):
-    """What wixl makes of it, in the form that it takes."""
+    """The source for wixl, in its own schema."""
     package = linked.children[0]
     product = ElementTree.Element("Product", {"Id": package.get("ProductCode")})
     for name in ("Name", "Manufacturer", "Version", "UpgradeCode", "Language"):
@@ -326,7 +325,7 @@ def wixl_source(linked):
 
 
 def table_changes(linked, actions, sequence):
-    """What wixl has no word for, as statements for msibuild."""
+    """Statements for msibuild that add what wixl does not support."""
     secure = [prop.get("Property") for prop in linked.every("UpgradeVersion")]
     secure += [prop.get("Id") for prop in linked.every("Property") if prop.get("Secure") == "yes"]
     statements = [
@@ -336,7 +335,7 @@ def table_changes(linked, actions, sequence):
 
     def insert(table, **row):
         if any("'" in str(value) for value in row.values()):
-            raise SystemExit(f"the builder's statements cannot hold an apostrophe: {row}")
+            raise SystemExit(f"msibuild's statements cannot contain an apostrophe: {row}")
         columns = ", ".join(f"`{column}`" for column in row)
         values = ", ".join(f"'{value}'" if isinstance(value, str) else str(value) for value in row.values())
         statements.append(f"INSERT INTO `{table}` ({columns}) VALUES ({values})")
@@ -372,12 +371,12 @@ def table_changes(linked, actions, sequence):
 
 
 def build(output, linked, actions, sequence):
-    """Runs wixl and msibuild in the current folder, below which wixl finds its files."""
+    """Runs wixl and msibuild. wixl finds files only below the current folder."""
     with tempfile.TemporaryDirectory() as folder:
         source, code_page = Path(folder, "package.wxs"), Path(folder, "_ForceCodepage.idt")
         source.write_bytes(wixl_source(linked))
         code_page.write_text(f"\r\n\r\n{linked.children[0].get('Codepage')}\t_ForceCodepage\r\n", newline="")
-        strict = ["env", "G_DEBUG=fatal-warnings"]  # wixl takes what it does not know with a warning
+        strict = ["env", "G_DEBUG=fatal-warnings"]  # wixl only warns about what it does not know
         subprocess.run([*strict, "wixl", "--arch", "x64", "--output", output, source], check=True)
         arguments = ["-i", code_page]
         for statement in table_changes(linked, actions, sequence):
@@ -386,16 +385,16 @@ def build(output, linked, actions, sequence):
 
 
 def main():
-    elements = "\n".join(f"  {name}: {told}" for name, told in SCHEMA.items())
+    elements = "\n".join(f"  {name}: {entry}" for name, entry in SCHEMA.items())
     parser = argparse.ArgumentParser(
         description=__doc__,
-        epilog=f'What it understands, each element with its attributes > the elements in it. "!" must be there.\n{elements}\n'
+        epilog=f'Elements, each with its attributes > its children ("!": required):\n{elements}\n'
         f"and {INSTRUCTIONS}",
         formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("sources", nargs="+", help="one Package, and the fragments that it refers to")
+    parser.add_argument("sources", nargs="+", help="a Package and the fragments that it refers to")
     parser.add_argument("-d", metavar="NAME=VALUE", action="append", default=[], help="a variable of the sources")
-    parser.add_argument("-o", metavar="FILE", required=True, help="the package")
-    parser.add_argument("--conditions", metavar="FILE", help="conditions to be added: ACTION CONDITION in each line")
+    parser.add_argument("-o", metavar="FILE", required=True, help="the package to write")
+    parser.add_argument("--conditions", metavar="FILE", help="conditions to add: lines ACTION CONDITION")
     options = parser.parse_args()
     variables = dict(definition.split("=", 1) for definition in options.d)
     conditions = read_conditions(options.conditions) if options.conditions else {}

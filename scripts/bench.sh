@@ -1,9 +1,8 @@
 #!/usr/bin/env bash
-# Runs the benchmarks and prints their table, which is also left in build/bench/results.txt; writes it into
-# docs/benchmarks.md, and docs/benchmarks.svg as a picture of it. Ends with 0 whether or not an aim is met: the figures
-# are the machine's as much as ours.
-#   scripts/bench.sh            all of it
-#   scripts/bench.sh --report   the two files alone, from the results of the last run
+# Runs the benchmarks, prints their table (also in build/bench/results.txt) and writes it to docs/benchmarks.md and,
+# as a chart, to docs/benchmarks.svg. A missed aim does not fail the script: the figures depend on the machine.
+#   scripts/bench.sh            runs the benchmarks and writes both files
+#   scripts/bench.sh --report   writes both files from the last run's results
 set -eu
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 results=build/bench/results.txt
@@ -14,13 +13,13 @@ run_benchmarks() {
   rm -f "$results"
   trap 'scripts/wine.sh --end' EXIT
 
-  # Begun anew, for a server that nothing has used before.
+  # Start with a fresh Wine server.
   scripts/wine.sh --end
   scripts/wine.sh build/mingw/benchmarks.exe >build/bench/output.txt </dev/null
   tr -d '\r' <build/bench/output.txt | tee "$results"
 }
 
-# The columns have two spaces or more between them; the table ends at an empty line, with notes behind it.
+# Columns are separated by two or more spaces. An empty line ends the table; notes follow.
 write_table() {
   awk -F '  +' '
     /^$/ { notes = 1; print ""; next }
@@ -29,7 +28,7 @@ write_table() {
     NR == 1 { print "| --- | --- | ---: | ---: | ---: | --- | ---: | --- |" }' "$results"
 }
 
-# The page with the table of the last run between its two markers.
+# Replaces the text between the page's two markers with the table.
 write_page() {
   write_table >build/bench/table.md
   awk '
@@ -40,7 +39,7 @@ write_page() {
   cp build/bench/page.md docs/benchmarks.md
 }
 
-# A bar for each figure that has an aim: how much of the aim it uses up, to one and a half times of it.
+# A bar for each figure with an aim: the share of the aim that it uses, cut off at 1.5.
 write_picture() {
   awk -F '  +' '
     function text(x, y, anchor, content) {
@@ -66,7 +65,7 @@ write_picture() {
     END {
       upright(0, "stroke=\"#999\""); upright(0.5, "stroke=\"#ddd\"")
       upright(1, "stroke=\"#222\" stroke-width=\"2\" stroke-dasharray=\"6 3\""); upright(1.5, "stroke=\"#ddd\"")
-      text(left, 24, "start", "How much of its aim each figure uses up; beyond 1.0 the aim is missed")
+      text(left, 24, "start", "Share of its aim that each figure uses; above 1.0 the aim is missed")
       printf "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"900\" height=\"%d\" ", y + 12
       print "font-family=\"DejaVu Sans, Verdana, sans-serif\" font-size=\"11\">"
       print "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Measures which lines of custom_actions/ the tests run: prints the share of each file and every line that none of them
-# ran, which are also left in build/coverage/. Ends with 1 where a test fails or less than 95 % was run.
+# Measures the line coverage of custom_actions/: prints the share of each file and every line that was not run (also in
+# build/coverage/). Exits with 1 if a test fails or coverage is below 95 %.
 set -eu
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 scripts/setup.sh gcovr
@@ -13,7 +13,7 @@ mkdir -p "$folder"
 find build/mingw-debug -name '*.gcda' -delete
 trap 'scripts/wine.sh --end' EXIT
 
-# Not the image of the library, which is another one here, nor the crash sweep: a process that is killed tells nothing.
+# Not LibraryImage, which checks the release build, and not the crash sweep: a killed process writes no coverage data.
 failed=0
 run() {
   scripts/wine.sh --limit 900 "build/mingw-debug/$1.exe" --gtest_brief=1 --gtest_filter="$2" >"$folder/$1.txt" || failed=1
@@ -26,7 +26,7 @@ gcovr --gcov-executable x86_64-w64-mingw32-gcov-posix --root . --filter 'custom_
   --txt "$folder/files.txt" --csv "$folder/files.csv" --json "$folder/lines.json" build/mingw-debug >/dev/null
 cat "$folder/files.txt"
 
-# The lines themselves.
+# The lines that were not run.
 python3 - "$folder/lines.json" >"$folder/not_run.txt" <<'END'
 import json, sys
 for file in json.load(open(sys.argv[1]))["files"]:
@@ -38,5 +38,5 @@ END
 echo "Not run:"
 cat "$folder/not_run.txt"
 share=$(sed -n 's/^TOTAL .* \([0-9]*\)%.*/\1/p' "$folder/files.txt")
-echo "Run: $share % of the lines of custom_actions/ (aim: 95 %)"
+echo "Run: $share % of the lines of custom_actions/ (required: 95 %)"
 [ "$failed" = 0 ] && [ "$share" -ge 95 ]

@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# Plays the life of the toy suite through the real Windows Installer engine: prints every step with the lines that the
-# actions wrote to the installer's log, and checks what each step did. The full logs are left in build/demo/.
-# Ends with 1 where anything was not as it should be.
+# Installs, upgrades and removes the toy suite through a real Windows Installer engine: prints each step with the lines
+# that the actions logged, and checks its effects. Full logs: build/demo/. Exits with 1 if a check fails.
 set -eu
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 scripts/build.sh
@@ -9,7 +8,7 @@ scripts/build.sh
 logs=build/demo
 rm -rf "$logs"
 mkdir -p "$logs"
-# Windows Search, played by a service program of the demo's own with the real service manager.
+# Stand-in for Windows Search: a service of the real service manager.
 search='HKLM\SYSTEM\CurrentControlSet\Services\WSearch'
 search_state() {
   scripts/wine.sh sc query WSearch 2>/dev/null </dev/null | tr -d '\r' | sed -n 's/^ *STATE *: [0-9]* *//p'
@@ -19,25 +18,25 @@ search_is() {
   return 1
 }
 toy_search() { scripts/wine.sh build/mingw/toy_service.exe "$@" </dev/null; }
-# What the service was asked since the last step: how often, and with which files on the machine.
+# A recorded value of the stand-in since the last step: Stops, Starts, AtStop or AtStart.
 search_was_asked() {
   scripts/wine.sh reg query "$search\Asked" /v "$1" 2>/dev/null </dev/null |
     tr -d '\r' | sed -n "s/^ *$1 *REG_[A-Z]* *//p"
 }
 search_was_asked_times() { [ "$(search_was_asked Stops)" = "0x$1" ] && [ "$(search_was_asked Starts)" = "0x$1" ]; }
 files_at() { [ "$(search_was_asked "$1")" = "$2" ]; }
-# check_search BEFORE AFTER: that Search ran, was out of the way while BEFORE became AFTER, and runs again.
+# check_search BEFORE AFTER: Search was stopped while the release notes changed from BEFORE to AFTER, and runs again.
 check_search() {
   check "Windows Search was running before" logged "Windows Search was running; transactional stop/restore scheduled."
   check "it was stopped and started once" search_was_asked_times 1
-  check "it was stopped before a file changed (there was ${1:-nothing})" files_at AtStop "$1"
-  check "it was started after the last one (there was ${2:-nothing})" files_at AtStart "$2"
+  check "it was stopped before a file changed (files: ${1:-none})" files_at AtStop "$1"
+  check "it was started after the last change (files: ${2:-none})" files_at AtStart "$2"
   check "it is running again" search_is RUNNING
-  check "and the log tells so" logged "Windows Search restored to running."
+  check "the log says so" logged "Windows Search restored to running."
   scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null || true
 }
 
-# PowerShell and the Task Scheduler, which Wine has not, played by stand-ins that keep what they know in the registry.
+# Stand-ins for PowerShell and the Task Scheduler, which Wine lacks. They keep their state in the registry.
 stand_in='HKCU\Software\QuorbelStandIn'
 powershell=build/wine/drive_c/windows/system32/WindowsPowerShell/v1.0/powershell.exe
 remove_stand_ins() {
@@ -50,11 +49,11 @@ install_stand_ins() {
   cp build/mingw/toy_powershell.exe "$powershell"
   scripts/wine.sh regsvr32 /s build/mingw/toy_scheduler.dll >/dev/null 2>&1 </dev/null
 }
-tell_powershell() { plant "$stand_in\PowerShell\Orders" /v "$1" "${@:2}"; }
-tell_powershell_nothing() {
+order_powershell() { plant "$stand_in\PowerShell\Orders" /v "$1" "${@:2}"; }
+clear_powershell_orders() {
   scripts/wine.sh reg delete "$stand_in\PowerShell\Orders" /f >/dev/null 2>&1 </dev/null || true
 }
-# The versions of the registered packages, with how many there are of each.
+# The count and version of the registered packages: "8 1.4.1.0".
 packages() {
   scripts/wine.sh reg query "$stand_in\PowerShell\Packages" /s 2>/dev/null </dev/null |
     tr -d '\r' | sed -n 's/^ *Version *REG_SZ *//p' | sort | uniq -c | sed 's/^ *//' | paste -sd, || true
@@ -74,7 +73,7 @@ recovery_task() {
     sed -n "s/^ *$1 *REG_SZ *//p"
 }
 no_recovery_task() { [ -z "$(recovery_task Path)" ]; }
-# Whether the upgrade has left this marker in its workspace.
+# marked NAME: whether the upgrade left this marker in its workspace.
 marked() {
   local workspace
   workspace=$(tr -d '\r' <"$log" | sed -n 's/^Controlled upgrade: Recovery state: .*\\//p' | head -n 1)
@@ -82,7 +81,7 @@ marked() {
 }
 not_marked() { ! marked "$1"; }
 
-# Whatever became of it: no trace of the demo's own in the prefix, and nothing left running there.
+# On every exit: removes what the demo put into the prefix and ends what runs there.
 clean_up() {
   local key
   for key in "${handlers:-}\\.jpg" "${handlers:-}\\.png" "${icon_slot:-}" "${drive:-}"; do
@@ -95,7 +94,7 @@ clean_up() {
 trap clean_up EXIT
 
 step=0
-held=0
+passed=0
 failed=0
 
 heading() {
@@ -103,20 +102,20 @@ heading() {
   printf '\n=== %d. %s\n' "$step" "$1"
 }
 
-# check WHAT COMMAND...: whether the command holds.
+# check WHAT COMMAND...: the check passes if the command succeeds.
 check() {
   local what=$1
   shift
   if "$@"; then
-    held=$((held + 1))
-    printf '    holds: %s\n' "$what"
+    passed=$((passed + 1))
+    printf '    ok: %s\n' "$what"
   else
     failed=$((failed + 1))
-    printf '    DOES NOT HOLD: %s\n' "$what"
+    printf '    FAILED: %s\n' "$what"
   fi
 }
 
-# What each of our actions wrote: the lines between the installer's own about that action's start and end.
+# The log lines of our actions: those between the installer's "Action start" and "Action ended".
 action_lines() {
   local actions
   actions=$(sed -n 's/^    \([a-z_]\{1,\}\)\r\{0,1\}$/\1/p' custom_actions/custom_actions.def | paste -sd'|')
@@ -127,7 +126,7 @@ action_lines() {
     inside && NF { print "    " $0 }'
 }
 
-# run_msiexec NAME ARGUMENT...: runs the installer without a display, its log in build/demo/NAME.log.
+# run_msiexec NAME ARGUMENT...: runs the installer silently; log: build/demo/NAME.log.
 run_msiexec() {
   log=$logs/$1.log
   shift
@@ -137,18 +136,18 @@ run_msiexec() {
 }
 
 succeeded() { [ "$result" = 0 ]; }
-was_cancelled() { [ "$result" = 66 ]; } # 1602
-failed_to_install() { [ "$result" = 67 ]; } # 1603 in the byte that a shell sees
+was_cancelled() { [ "$result" = 66 ]; } # 1602 & 0xFF
+failed_to_install() { [ "$result" = 67 ]; } # 1603 & 0xFF
 logged() { grep -qF -- "$1" "$log"; }
 not_logged() { ! logged "$1"; }
 
-# The value of the suite's machine-wide key, empty where there is none.
+# suite_value NAME: a value of the suite's key in HKLM; empty if absent.
 suite_value() {
   scripts/wine.sh reg query 'HKLM\SOFTWARE\Brenmoor\Quorbel' /v "$1" 2>/dev/null </dev/null |
     tr -d '\r' | sed -n "s/^ *$1 *REG_SZ *//p"
 }
 suite_value_is() { [ "$(suite_value "$1")" = "$2" ]; }
-came_by_minor_upgrade() { # VERSION VALUE: what IS_MINOR_UPGRADE was when the version came
+recorded_minor_upgrade() { # VERSION VALUE: IS_MINOR_UPGRADE as recorded when this version was installed
   scripts/wine.sh reg query 'HKLM\SOFTWARE\Brenmoor\Quorbel\MinorUpgrade' 2>/dev/null </dev/null | tr -d '\r' |
     grep -qE "^ *$1 *REG_SZ *$2\$"
 }
@@ -170,7 +169,7 @@ default_is() { scripts/wine.sh reg query "$1" /ve 2>/dev/null </dev/null | grep 
 
 package() { printf 'build/mingw/package/quorbel-%s.msi' "$1"; }
 
-for version in 1.4.1 1.4.2 1.5.0 2.0.0; do # what a demo that was broken off may have left
+for version in 1.4.1 1.4.2 1.5.0 2.0.0; do # left by an interrupted demo
   scripts/wine.sh msiexec /x "$(package $version)" /qn >/dev/null 2>&1 </dev/null || true
 done
 
@@ -180,15 +179,14 @@ install_stand_ins
 toy_search --install 300 'C:\Program Files\Quorbel\release_notes.txt'
 toy_search --start
 
-# Somebody else's, before the suite comes.
+# Other software's handlers and drive icon, there before the suite.
 plant "$handlers\.jpg" /ve /d "$foreign_handler"
 plant "$handlers\.png" /ve /d "$foreign_handler"
 plant "$icon_slot" /ve /d "$foreign_handler"
-
 plant "$drive" /ve /d before.ico
 
-# What a removal has to leave as it was: every value where the suite writes, and every file but what upgrades keep (and
-# what plays Wine's engine has saved or set aside).
+# What a removal must restore: every value under the keys that the suite writes to, and every file, except the upgrades'
+# workspaces and the copies that toy_engine makes.
 machine() {
   local key
   for key in "$handlers" 'HKLM\SOFTWARE\Classes\SystemFileAssociations' 'HKCU\Software\Classes' 'HKLM\SOFTWARE\Brenmoor'; do
@@ -207,18 +205,18 @@ machine_is_as_before() {
 heading "Install Quorbel 1.4.1 on a machine that has none"
 run_msiexec 1-install-1.4.1 /i "$(package 1.4.1)"
 check "the installer succeeded" succeeded
-check "no version was found, so 0.1.16.0 stood for it" logged "INSTALLED_APP_VERSION not found. Falling back to 0.1.16.0."
+check "no version was found: 0.1.16.0 was assumed" logged "INSTALLED_APP_VERSION not found. Falling back to 0.1.16.0."
 check "the files of 1.4.1 are there" notes_are "Quorbel 1.4.1"
-check "IS_MINOR_UPGRADE is not set" came_by_minor_upgrade 1.4.1 ""
-printf '    %s file types carry the property handler; .jpg and .png had another before\n' "$(types_with_our_handler)"
-check "they are all 64 but one" types_are 63
-check "which is .png, whose handler is left alone" default_is "$handlers\.png" "$foreign_handler"
-check "the icon handler of .ico is ours; it, too, had another" default_is "$icon_slot" '{931CC9DD-9E0F-4FA1-AA06-229D0372956A}'
-check "the state of Smart App Control is told" logged "Smart App Control: "
+check "IS_MINOR_UPGRADE is not set" recorded_minor_upgrade 1.4.1 ""
+printf '    %s file types have the property handler; .jpg and .png had another before\n' "$(types_with_our_handler)"
+check "they are all 64 except one" types_are 63
+check ".png keeps its handler" default_is "$handlers\.png" "$foreign_handler"
+check "the icon handler of .ico is ours; it had another before" default_is "$icon_slot" '{931CC9DD-9E0F-4FA1-AA06-229D0372956A}'
+check "the state of Smart App Control is logged" logged "Smart App Control: "
 check "all eight packages are registered" packages_are "8 1.4.1.0"
 check_search "" "Quorbel 1.4.1"
 
-# Three programs of the suite, and an Explorer with one of its extensions loaded; each one's exit code tells how it ended.
+# start_program NAME ARGUMENT...: its exit code tells later how it ended: 0 closed, 1 terminated.
 start_program() {
   local name=$1
   shift
@@ -233,7 +231,7 @@ ended_with() {
   for _ in $(seq 50); do [ -f "$logs/$1.exit" ] && break; sleep 0.1; done
   [ "$(cat "$logs/$1.exit" 2>/dev/null)" = "$2" ]
 }
-# runs PATTERN: whether a program with this command line runs in this prefix, and not in another of the user's.
+# runs PATTERN: whether a program with a matching command line runs in this prefix.
 runs() {
   local process
   for process in /proc/[0-9]*; do
@@ -245,11 +243,10 @@ runs() {
   return 1
 }
 runs_not() { ! runs "$1"; }
-# (Wine starts Windows' own Explorer by itself as soon as a program needs a desktop; then the action finds it there and
-# starts no second one, as it should.)
+# Wine starts Windows' own Explorer when a program needs a desktop; the action then finds it and starts no second one.
 explorer_runs() { runs 'windows.(system32.)?explorer\.exe'; }
 folder_window=file:///C:/Users
-# An Explorer of the demo's own, with one of the suite's extensions loaded.
+# A fake Explorer with one of the suite's extensions loaded.
 host_folder='build/wine/drive_c/Program Files/Quorbel'
 start_shell_host() {
   mkdir -p "$host_folder"
@@ -269,16 +266,16 @@ heading "Upgrade to 1.4.2, a minor one, while the suite runs"
 run_msiexec 2-upgrade-1.4.2 /i "$(package 1.4.2)"
 check "the installer succeeded" succeeded
 check "1.4.1 was found in the registry" logged "New: 1.4.2.0 Old: 1.4.1.0"
-check "Quorbel.exe closed by itself" ended_with Quorbel.exe 0
+check "Quorbel.exe closed when asked" ended_with Quorbel.exe 0
 check "Quorbel.Comment.exe, which ignores the request, was ended" ended_with Quorbel.Comment.exe 1
 check "Quorbel.HotkeyHandler.exe, which has no window, was ended" ended_with Quorbel.HotkeyHandler.exe 1
 check "the Explorer with the extension was ended" ended_with explorer.exe 1
 check "the hosts of the window hook were released" logged "Window Organizer hook hosts released."
 explorer_restored="Explorer restoration completed for the original interactive session."
 check "Windows' own Explorer is back" explorer_runs
-check "and the log tells so" logged "$explorer_restored"
+check "the log says so" logged "$explorer_restored"
 check "the upgrade was called minor" logged "Detected MINOR upgrade."
-check "IS_MINOR_UPGRADE was 1" came_by_minor_upgrade 1.4.2 1
+check "IS_MINOR_UPGRADE was 1" recorded_minor_upgrade 1.4.2 1
 check "the files of 1.4.2 are there" notes_are "Quorbel 1.4.2"
 check_search "Quorbel 1.4.1" "Quorbel 1.4.2"
 check "no restart notice" not_logged "Quorbel has been removed."
@@ -288,12 +285,12 @@ run_msiexec 3-upgrade-1.5.0 /i "$(package 1.5.0)"
 check "the installer succeeded" succeeded
 check "1.4.2 was found in the registry" logged "New: 1.5.0.0 Old: 1.4.2.0"
 check "the upgrade was called major" logged "Detected MAJOR/MODERATE upgrade."
-check "IS_MINOR_UPGRADE was cleared" came_by_minor_upgrade 1.5.0 ""
+check "IS_MINOR_UPGRADE was cleared" recorded_minor_upgrade 1.5.0 ""
 check "the files of 1.5.0 are there" notes_are "Quorbel 1.5.0"
 check_search "Quorbel 1.4.2" "Quorbel 1.5.0"
 check "no restart notice" not_logged "Quorbel has been removed."
 
-# The suite in use: programs, the helper service, the tray, and an Explorer with one of its extensions loaded.
+# Programs, helper service and tray run; an Explorer has an extension loaded; a folder window is open.
 use_the_suite() {
   local program
   for program in Quorbel.exe Quorbel.Kindra.HelperService.exe Quorbel.SystemTray.exe; do start_program $program; done
@@ -307,23 +304,23 @@ suite_programs_run() {
   runs '[\\]Quorbel\.exe' && runs 'Quorbel\.Kindra\.HelperService\.exe' && runs 'Quorbel\.SystemTray\.exe'
 }
 suite_runs_again() { suite_programs_run && runs_not 'AutoTagging'; }
-# check_suite_is_back TIMES: everything runs as before; Windows Search was stopped and started so often.
+# check_suite_is_back TIMES: everything runs as before; Windows Search was stopped and started TIMES times.
 check_suite_is_back() {
-  check "Quorbel.exe, asked early, had closed by itself" ended_with Quorbel.exe 0
+  check "Quorbel.exe had closed when it was asked early" ended_with Quorbel.exe 0
   check "the auto-tagging service, which ignores the request, was ended" ended_with Quorbel.AutoTagging.Service.exe 1
-  check "so was the Explorer with the extension" ended_with explorer.exe 1
-  check "program, helper and tray run; the auto-tagging service is left to itself" suite_runs_again
+  check "the Explorer with the extension was ended" ended_with explorer.exe 1
+  check "program, helper and tray run; the auto-tagging service is not started" suite_runs_again
   check "Windows' own Explorer runs" explorer_runs
   check "Windows Search was stopped and started (times: $1)" search_was_asked_times "$1"
-  check "and runs" search_is RUNNING
+  check "Windows Search runs" search_is RUNNING
   check "the folder windows are back" folders_are_back
   check "the next upgrade may start" eval '! scripts/wine.sh reg query "HKLM\SOFTWARE\Brenmoor\Quorbel\InstallerMaintenance" >/dev/null 2>&1 </dev/null'
   check "no recovery task is left" no_recovery_task
   check "PowerShell understood everything" powershell_understood_all
 }
 
-# failing_upgrade LOG TIMES ARGUMENT...: to 2.0.0, from 1.5.0 and back. The end of an installation that failed comes before the
-# rollback in Wine's engine, so what the package calls there, the recovery task, is run by hand.
+# failing_upgrade LOG TIMES ARGUMENT...: an upgrade from 1.5.0 to 2.0.0 that fails and is rolled back. Wine runs the
+# OnExit="error" actions before the rollback, so the package skips the recovery task there; it is run by hand here.
 failing_upgrade() {
   use_the_suite
   run_msiexec "$1" /i "$(package 2.0.0)" "${@:3}"
@@ -332,19 +329,19 @@ failing_upgrade() {
   local task arguments
   task=$(recovery_task Path)
   read -ra arguments <<<"$(recovery_task Arguments)"
-  for _ in 1 2; do # Wine loses a program at its start now and then
+  for _ in 1 2; do # CreateProcess fails on Wine about once in some thousand calls
     result=0
     scripts/wine.sh "$task" "${arguments[@]}" >"$logs/recovery.out" 2>&1 </dev/null || result=$?
     [ "$result" != 0 ] || break
   done
   sed 's/^/    /' "$logs/recovery.out"
-  check "which succeeded" succeeded
+  check "the recovery task succeeded" succeeded
   scripts/wine.sh reg delete "$stand_in\TaskScheduler" /f >/dev/null 2>&1 </dev/null
   check "the files are those of 1.5.0" notes_are "Quorbel 1.5.0"
-  check "so are the packages: ${packages_before}" packages_are "$packages_before"
+  check "the packages are as before: ${packages_before}" packages_are "$packages_before"
   check_suite_is_back "$2"
-  tell_powershell_nothing
-  # That engine has forgotten the product, too.
+  clear_powershell_orders
+  # Wine unregisters the product in such a rollback: install it again.
   end_suite
   scripts/wine.sh msiexec /i "$(package 1.5.0)" /qn >/dev/null 2>&1 </dev/null
 }
@@ -357,20 +354,20 @@ end_suite() {
 packages_before=$(packages)
 
 heading "Controlled upgrade to 2.0.0, in which a package cannot be registered"
-tell_powershell FailAdd /d 'Quorbel\Sorvane.Rate.Package.msix' # the new one, and not the saved one
+order_powershell FailAdd /d 'Quorbel\Sorvane.Rate.Package.msix' # the new package, not the saved one
 failing_upgrade 4-failing-package 1
 check "the packages before it were registered" logged "Controlled upgrade: install-3 finished in "
 check "and none after it" not_logged "Controlled upgrade: install-4 "
 check "everything was undone" marked rollback-complete
-check "the package that failed is told" logged "Quorbel upgrade: User operation failed; see retained upgrade recovery logs"
+check "the failed package is reported" logged "Quorbel upgrade: User operation failed; see retained upgrade recovery logs"
 
 heading "Controlled upgrade to 2.0.0, in which the tray does not return"
-tell_powershell LoseStart /d Quorbel.SystemTray.exe
-tell_powershell TrayWaitMs /t REG_DWORD /d 500
+order_powershell LoseStart /d Quorbel.SystemTray.exe
+order_powershell TrayWaitMs /t REG_DWORD /d 500
 failing_upgrade 5-failing-tray 2
 check "the new version was closed before the old files came back" logged "Runtime failure: candidate shutdown attempted before MSI file rollback."
-check "nor did the old tray, which the recovery task then started" logged "Rollback recovery incomplete: "
-check "so the undoing is not called complete" not_marked rollback-complete
+check "the old tray did not start either; the recovery task starts it" logged "Rollback recovery incomplete: "
+check "the rollback is not marked complete" not_marked rollback-complete
 
 heading "Controlled upgrade to 2.0.0, with a failure after it was committed"
 failing_upgrade 6-failing-later 1 FAIL_ON_PURPOSE=1
@@ -381,14 +378,14 @@ heading "Controlled upgrade to 2.0.0, which the user cancels before anything is 
 use_the_suite
 run_msiexec 7-cancelled-upgrade /i "$(package 2.0.0)" CANCEL_ON_PURPOSE=1
 check "the installer was cancelled" was_cancelled
-check "Quorbel.exe, asked early, had closed by itself" ended_with Quorbel.exe 0
-check "the end of a cancelled session brought it back" logged "Early recovery completed as original desktop user."
+check "Quorbel.exe had closed when it was asked early" ended_with Quorbel.exe 0
+check "the cancelled session restarted it at its end" logged "Early recovery completed as original desktop user."
 check "program, helper and tray run" suite_programs_run
 check "no recovery task is left" no_recovery_task
 check "the files are those of 1.5.0" notes_are "Quorbel 1.5.0"
-check "so are the packages: ${packages_before}" packages_are "$packages_before"
+check "the packages are as before: ${packages_before}" packages_are "$packages_before"
 end_suite
-for program in Quorbel.AutoTagging.Service.exe explorer.exe; do # nobody has closed these
+for program in Quorbel.AutoTagging.Service.exe explorer.exe; do # the early close leaves these running
   scripts/wine.sh taskkill /f /im $program >/dev/null 2>&1 </dev/null || true
 done
 
@@ -400,14 +397,14 @@ check "the files are those of 2.0.0" notes_are "Quorbel 2.0.0"
 check "all eight packages are of 2.0.0" packages_are "8 2.0.0.0"
 check_suite_is_back 1
 check "three programs closed when they were asked early" logged "Early graceful outcome: exited 3; remaining 1"
-check "Windows Search could not start by itself meanwhile" logged "Windows Search restart blocked; saved startup type 3"
-check "its way of starting was given back" logged "Windows Search startup configuration restored: 3"
-check "what was closed early came back as the user" logged "Early recovery completed as original desktop user."
-check "the main program was asked to show what is new" asked_for_whats_new
+check "Windows Search was disabled meanwhile" logged "Windows Search restart blocked; saved startup type 3"
+check "its start type was restored" logged "Windows Search startup configuration restored: 3"
+check "programs closed early were restarted as the user" logged "Early recovery completed as original desktop user."
+check "the main program was started to show what is new" asked_for_whats_new
 end_suite
 scripts/wine.sh reg delete "$search\Asked" /f >/dev/null 2>&1 </dev/null || true
 
-# What the suite does to a drive's icon while it is in use.
+# A drive icon set by the suite.
 plant "$drive" /ve /d ours.ico
 plant "$drive" /v sorvane_drive_icon_applied /d ours.ico
 plant "$drive" /v sorvane_drive_icon_had_original /t REG_DWORD /d 1
@@ -419,17 +416,17 @@ check "the installer succeeded" succeeded
 check "the restart notice was shown" logged "Please restart when it is convenient for you."
 remove_shell_host
 check "nothing is left of the suite" nothing_installed
-check "nor of its registry key" suite_value_is Version ""
-printf '    %s file types carry the property handler\n' "$(types_with_our_handler)"
-check "there is none" types_are 0
+check "its registry key is gone" suite_value_is Version ""
+printf '    %s file types have the property handler\n' "$(types_with_our_handler)"
+check "none has" types_are 0
 check "the handler that .jpg had before is back" default_is "$handlers\.jpg" "$foreign_handler"
-check "so is the icon handler of .ico" default_is "$icon_slot" "$foreign_handler"
-check "so is the icon that drive Q had before" default_is "$drive" before.ico
-check "the built-in New menu was looked after" logged "restore_built_in_new_context_menu: completed"
+check "the icon handler that .ico had before is back" default_is "$icon_slot" "$foreign_handler"
+check "the icon that drive Q had before is back" default_is "$drive" before.ico
+check "the built-in New menu was checked" logged "restore_built_in_new_context_menu: completed"
 check_search "Quorbel 2.0.0" ""
 check "no package is registered any more" packages_are ""
 check "no task is left" no_recovery_task
-check "every value and every file is as before, but for what the upgrades keep" machine_is_as_before
+check "every value and file is as before, except the upgrades' workspaces" machine_is_as_before
 
 heading "Install Quorbel 1.4.2 once more; Windows Search is stopped this time"
 scripts/wine.sh sc stop WSearch >/dev/null 2>&1 </dev/null
@@ -442,7 +439,7 @@ heading "Upgrade to 1.5.0, which fails at its end"
 toy_search --start
 run_msiexec 11-failed-upgrade /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
 check "the installer failed" failed_to_install
-# Wine does not bring back the old version's files, so what there is now depends on where this runs.
+# Whether the old files are back by then depends on the engine, so compare with what is there now.
 check_search "Quorbel 1.4.2" "$(notes_now)"
 
 heading "Upgrade to 1.5.0 again, and remove it"
@@ -453,22 +450,22 @@ check "the installer succeeded" succeeded
 check "nothing is left of the suite" nothing_installed
 check "Windows Search is running" search_is RUNNING
 
-heading "Install 1.5.0 on the machine that has none again, which fails at its end"
+heading "Install 1.5.0 on the now empty machine, which fails at its end"
 start_shell_host
 sleep 3
 run_msiexec 14-failed-install /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
 check "the installer failed" failed_to_install
 check "the Explorer with the extension was ended" ended_with explorer.exe 1
 check "Windows' own Explorer is back" explorer_runs
-check "and the log tells so" logged "$explorer_restored"
+check "the log says so" logged "$explorer_restored"
 check "no property handler of ours is left" types_are 0
-check "the icon handler is the one of before" default_is "$icon_slot" "$foreign_handler"
-check "nor is the suite's registry key left" suite_value_is Version ""
+check "the icon handler is the one from before" default_is "$icon_slot" "$foreign_handler"
+check "the suite's registry key is gone" suite_value_is Version ""
 
 printf '\n'
 if [ "$failed" = 0 ]; then
-  echo "Checked: $held things in $step steps (the installer's result, the actions' lines, files and registry); all hold."
+  echo "Checked: $passed things in $step steps (the installer's result, the actions' lines, files and registry); all passed."
 else
-  echo "Checked: $((held + failed)) things in $step steps; $failed do not hold. Full logs: $logs/"
+  echo "Checked: $((passed + failed)) things in $step steps; $failed failed. Full logs: $logs/"
   exit 1
 fi

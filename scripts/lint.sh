@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Checks the format and runs clang-tidy over every source that build/mingw compiles. With --fix, formats instead.
+# Checks the format and runs clang-tidy over every source compiled in build/mingw. --fix only formats.
 set -eu
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 mapfile -t sources < <(git ls-files --cached --others --exclude-standard -- '*.cpp' '*.h')
@@ -10,12 +10,12 @@ fi
 clang-format-19 --dry-run -Werror "${sources[@]}"
 echo "format: clean"
 
-# clang reads the cross compiler's own headers of the C++ library, in that compiler's order.
+# The cross compiler's C++ header folders, in its own order.
 cxx=x86_64-w64-mingw32-g++-posix
 include_folders=()
 while read -r folder; do include_folders+=("-extra-arg-before=-isystem$folder"); done \
   < <("$cxx" -x c++ -E -v /dev/null 2>&1 | sed -n 's#^ \(.*/include/c++.*\)#\1#p')
-# clang-tidy reads this from a library of its own version.
+# A clang-tidy plugin, built against the headers of that clang-tidy's version.
 mkdir -p build
 if [ ! build/own_code.so -nt scripts/own_code.cpp ]; then
   g++ -std=c++20 -O1 -Wall -Wextra -fno-rtti -shared -fPIC -isystem /usr/lib/llvm-19/include scripts/own_code.cpp \

@@ -1,19 +1,19 @@
 #!/usr/bin/env bash
-# Installs what building and testing need and the machine does not have yet: Debian packages, by name. Says nothing and
-# takes no time when all is there. Debian 12 and 13. More packages may be named: scripts/setup.sh PACKAGE...
+# Installs the Debian packages that building and testing need, on Debian 12 or 13. Quick and silent if all are there.
+#   scripts/setup.sh [PACKAGE...]   also installs these
 set -eu
 packages=(
   cmake
   ninja-build
   g++-mingw-w64-x86-64-posix # the cross compiler
-  googletest                 # its sources are compiled with the tests
-  wine64                     # runs what was compiled
-  python3                    # makes packages with the next two
-  wixl                       # fills them with files
-  msitools                   # reads and changes their tables
+  googletest                 # its sources are built with the tests
+  wine64                     # runs the programs
+  python3                    # builds packages with the next two
+  wixl                       # compiles a package
+  msitools                   # reads and edits its tables
   clang-format-19
   clang-tidy-19
-  libclang-19-dev # an extension of clang-tidy's is made with these
+  libclang-19-dev # for the clang-tidy plugin
   llvm-19-dev
   g++
   git

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Runs a Windows program in the project's own Wine prefix, build/wine, making the prefix first where there is none.
-# CMake uses it to run what it has cross-compiled.
+# Runs a Windows program in the project's own Wine prefix, build/wine, which is created if missing. CMake runs
+# cross-compiled programs with it.
 #   scripts/wine.sh PROGRAM [ARGUMENT...]
 #   scripts/wine.sh --limit SECONDS PROGRAM [ARGUMENT...]
-#                               ends the program when its time is over, and gives its output when it has ended: what it
-#                               leaves running holds nothing of the caller's open
+#                               ends the program when its time is over; prints its output at the end, so that processes
+#                               which it leaves running hold no pipe of the caller open
 #   scripts/wine.sh --end       ends everything that runs in the prefix
 set -eu
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -12,16 +12,16 @@ wine=/usr/lib/wine/wine64
 export WINESERVER=/usr/lib/wine/wineserver64
 export WINEPREFIX=$project/build/wine
 export WINEDEBUG=${WINEDEBUG:--all}
-export DISPOSABLE_MACHINE=1 # the prefix is: tests may install there what they like
-# Without its debugger a program that crashes ends at once; menu entries would go into the user's own menu; the other two
-# would be offered for download.
+export DISPOSABLE_MACHINE=1 # tests may install anything in the prefix
+# Disabled: the debugger, so that a crashing program ends at once; menu entries in the user's own menu; and the download
+# prompts for Mono and Gecko.
 export WINEDLLOVERRIDES='winedbg.exe=d;winemenubuilder.exe=d;mscoree=d;mshtml=d'
 
-# Everything in the prefix runs on one processor: the programs ask Wine's server all the time, and waking another
-# processor for each answer takes many times as long as the answer (a fault sweep: 60 s on two, 4 s on one).
+# Everything in the prefix runs on one processor. Programs call Wine's server all the time, and waking another processor
+# for each answer costs far more than the answer (a fault sweep: 60 s on two processors, 4 s on one).
 taskset -cp "$(taskset -cp $$ | sed 's/.*[^0-9]//')" $$ >/dev/null
 
-# within SECONDS COMMAND...: runs the command and says so where its time is over.
+# within SECONDS COMMAND...: runs the command with a time limit; says so if it is exceeded.
 within() {
   local code=0
   timeout -k 10 "$@" || code=$?
@@ -29,11 +29,11 @@ within() {
   return "$code"
 }
 
-end_all() { within 20 "$WINESERVER" -k >/dev/null 2>&1 </dev/null || true; } # it fails where no server runs
+end_all() { within 20 "$WINESERVER" -k >/dev/null 2>&1 </dev/null || true; } # fails if no server runs
 
 make_prefix() {
   within 180 "$wine" wineboot --init &&
-    # Real windows, and no display that shows them.
+    # Windows exist, but no display shows them.
     within 60 "$wine" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f &&
     { within 30 "$WINESERVER" -w || end_all; }
 }
@@ -52,7 +52,7 @@ fi
 if [ ! -f "$WINEPREFIX/.ready" ]; then
   mkdir -p "$WINEPREFIX"
   (
-    flock -w 300 9 || { echo "wine.sh: somebody else has been making $WINEPREFIX for 300 s" >&2; exit 1; }
+    flock -w 300 9 || { echo "wine.sh: another process has been creating $WINEPREFIX for 300 s" >&2; exit 1; }
     if [ ! -f "$WINEPREFIX/.ready" ]; then
       make_prefix >"$WINEPREFIX/.setup.log" 2>&1 </dev/null 9>&- || { cat "$WINEPREFIX/.setup.log" >&2; exit 1; }
       touch "$WINEPREFIX/.ready"
@@ -60,8 +60,8 @@ if [ ! -f "$WINEPREFIX/.ready" ]; then
   ) 9>"$WINEPREFIX/.lock"
 fi
 
-# The services of the prefix inherit the pipes of the program that brings them up, and whoever reads those pipes would
-# wait for them: so they are brought up here, and stay.
+# The prefix's services inherit the pipes of the program that starts them, and a reader of those pipes would wait for
+# the services to end. So they are started here, without pipes, and stay.
 if timeout -k 5 20 "$WINESERVER" -p >/dev/null 2>&1 </dev/null; then
   within 120 "$wine" wineboot >/dev/null 2>&1 </dev/null || { echo "wine.sh: wineboot ended with $?" >&2; exit 1; }
 fi

@@ -10,7 +10,7 @@
 
 namespace toy_suite {
 
-// What stands behind the program's name on the command line of this process.
+// This process's command-line arguments, without the program's name.
 inline std::vector<std::wstring> read_arguments()
 {
     int count = 0;

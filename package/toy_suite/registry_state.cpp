@@ -14,7 +14,7 @@ void require(LSTATUS status, const char* what)
     }
 }
 
-// A value of the types REG_SZ and REG_MULTI_SZ, with its zeros.
+// A REG_SZ or REG_MULTI_SZ value with its terminating zeros; nothing if absent or of another type.
 std::optional<std::wstring> read(HKEY key, const wchar_t* name, DWORD type)
 {
     DWORD found = 0;
@@ -65,7 +65,8 @@ std::optional<DWORD> registry_state::number(const wchar_t* name) const
 
 std::vector<std::wstring> registry_state::list(const wchar_t* name) const
 {
-    const std::wstring units = read(key_, name, REG_MULTI_SZ).value_or(L"") + L'\0'; // which may be left out
+    const std::wstring units =
+        read(key_, name, REG_MULTI_SZ).value_or(L"") + L'\0'; // the stored data may lack it
     std::vector<std::wstring> texts;
     for (const wchar_t* text = units.c_str(); *text != L'\0'; text += texts.back().size() + 1) {
         texts.emplace_back(text);

@@ -9,8 +9,8 @@
 
 namespace toy_suite {
 
-// A key of the registry in which a stand-in keeps what it knows and is told, made where it is not
-// there. Every function throws std::runtime_error where the registry does not do its part.
+// A registry key with a stand-in's state and settings, created if absent. The constructor and the writing
+// functions throw std::runtime_error if the registry refuses.
 class registry_state {
 public:
     explicit registry_state(const std::wstring& path, HKEY root = HKEY_CURRENT_USER);
@@ -24,14 +24,14 @@ public:
     [[nodiscard]] std::vector<std::wstring> list(const wchar_t* name) const;
     [[nodiscard]] std::vector<std::wstring> subkeys() const;
 
-    // Every text of the key, by its name.
+    // The key's REG_SZ values by name.
     [[nodiscard]] std::map<std::wstring, std::wstring> texts() const;
 
     void write(const wchar_t* name, const std::wstring& text) const;
     void write(const wchar_t* name, DWORD number) const;
     void write(const wchar_t* name, const std::vector<std::wstring>& texts) const;
 
-    // Whether there was one.
+    // True if there was one.
     bool remove_subkey(const std::wstring& name) const;
 
 private:

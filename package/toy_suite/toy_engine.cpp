@@ -1,7 +1,6 @@
-// What Wine's installer engine leaves out of an upgrade: it finds no component of a product that is installed
-// for the machine, it does not tell the old version's session that an upgrade removes it, and a rollback does
-// not put the old version's files back. These actions do (package/rehearsal.wxs), where the engine is Wine's;
-// Windows does it by itself. And the user who cancels.
+// Custom actions of package/rehearsal.wxs. They do on Wine what only Windows' engine does in an upgrade: find
+// a component of a per-machine product, tell the old version's session that an upgrade removes it, and put
+// the old version's files back in a rollback. One more cancels the session as a user would.
 
 #include <windows.h>
 #include <msi.h>
@@ -13,7 +12,7 @@
 
 namespace {
 
-// Where the old version's session finds the property UPGRADINGPRODUCTCODE.
+// The old version's session reads the property UPGRADINGPRODUCTCODE from here.
 constexpr const wchar_t* ENGINE_STATE = LR"(Software\QuorbelStandIn\Engine)";
 
 std::wstring read_property(MSIHANDLE session, const wchar_t* name)
@@ -25,8 +24,8 @@ std::wstring read_property(MSIHANDLE session, const wchar_t* name)
     return value;
 }
 
-// The data of a deferred action: the folder of the version that is installed.
-std::filesystem::path folder_told(MSIHANDLE session)
+// The installed version's folder, from the data of a deferred action.
+std::filesystem::path installed_folder(MSIHANDLE session)
 {
     return read_property(session, L"CustomActionData");
 }
@@ -37,8 +36,8 @@ std::filesystem::path saved_files()
     return std::filesystem::temp_directory_path(none) / L"quorbel-files-before-upgrade";
 }
 
-// Copies the files of one folder over those of another; false where anything fails. What is in use there is
-// set aside first, as Windows does.
+// Copies the files of one folder over those of another; false if anything fails. A file in use is renamed
+// first, as Windows does.
 bool copy_files(const std::filesystem::path& from, const std::filesystem::path& to)
 {
     std::error_code failure;
@@ -60,7 +59,7 @@ bool copy_files(const std::filesystem::path& from, const std::filesystem::path& 
 
 extern "C" {
 
-// Not in every msi.h.
+// Missing from MinGW's msi.h.
 INSTALLSTATE WINAPI MsiGetComponentPathExW(LPCWSTR, LPCWSTR, LPCWSTR, MSIINSTALLCONTEXT, LPWSTR, LPDWORD);
 
 __declspec(dllexport) UINT __stdcall find_installed_folder(MSIHANDLE session);
@@ -69,7 +68,7 @@ __declspec(dllexport) UINT __stdcall put_files_back(MSIHANDLE session);
 __declspec(dllexport) UINT __stdcall old_version_is_gone(MSIHANDLE session);
 __declspec(dllexport) UINT __stdcall cancel(MSIHANDLE session);
 
-// Immediate: what a search for the component's folder finds on Windows.
+// Immediate: sets what a search for the component's folder finds on Windows.
 UINT __stdcall find_installed_folder(MSIHANDLE session)
 {
     wchar_t key_path[MAX_PATH]{};
@@ -87,14 +86,14 @@ UINT __stdcall find_installed_folder(MSIHANDLE session)
     return done ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
 }
 
-// Deferred, last before the old version goes, so that nothing can fail in between.
+// Deferred, the last action before the old version is removed, so that nothing can fail in between.
 UINT __stdcall save_files(MSIHANDLE session)
 {
     std::error_code none;
     std::filesystem::remove_all(saved_files(), none); // of an earlier upgrade
     constexpr wchar_t upgrading[] = L"an upgrade";
     const bool done =
-        copy_files(folder_told(session), saved_files()) &&
+        copy_files(installed_folder(session), saved_files()) &&
         RegSetKeyValueW(
             HKEY_CURRENT_USER, ENGINE_STATE, L"UpgradingProductCode", REG_SZ, upgrading, sizeof upgrading) ==
             ERROR_SUCCESS;
@@ -108,14 +107,14 @@ UINT __stdcall old_version_is_gone(MSIHANDLE /*session*/)
                                                                             : ERROR_INSTALL_FAILURE;
 }
 
-// Rollback: the files are then as they were, if they were saved at all.
+// Rollback: puts the files back if they were saved.
 UINT __stdcall put_files_back(MSIHANDLE session)
 {
     std::error_code none;
     if (!std::filesystem::exists(saved_files(), none)) {
         return ERROR_SUCCESS;
     }
-    const bool done = copy_files(saved_files(), folder_told(session));
+    const bool done = copy_files(saved_files(), installed_folder(session));
     std::filesystem::remove_all(saved_files(), none);
     return done ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
 }

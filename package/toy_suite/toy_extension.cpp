@@ -1,4 +1,4 @@
-// A library of the toy suite, which does nothing but be loaded: a shell extension or a hook, by its name.
+// A library that can only be loaded: it serves as a shell extension or as the hook, depending on its name.
 
 #include <windows.h>
 

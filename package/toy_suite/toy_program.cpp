@@ -1,11 +1,11 @@
-// A program of the toy suite: the same one under each name. What it does is on its command line:
-//   --window=closes    a top-level window that closes when it is asked to (this is the default)
-//   --window=ignores   one that does not
+// The stand-in for every program of the suite, installed under each name. Its options:
+//   --window=closes    a top-level window that closes on request (the default)
+//   --window=ignores   a top-level window that ignores the request
 //   --window=none      no window
 //   --class=NAME       the window's class
 //   --load=PATH        loads a library first
-//   --exit-delay=MS    how long it takes to end after its window is gone
-//   --ready=NAME       sets the event of this name once all that is done
+//   --exit-delay=MS    how long the program runs on after its window is gone
+//   --ready=NAME       sets this event once all of that is done
 
 #include "package/toy_suite/arguments.h"
 
@@ -61,16 +61,16 @@ behaviour read_command_line()
     return read;
 }
 
-void show_window(HINSTANCE instance, const behaviour& told)
+void show_window(HINSTANCE instance, const behaviour& options)
 {
     WNDCLASSW window_class{};
-    window_class.lpfnWndProc = told.window == L"ignores" ? ignore_close_requests : on_message;
+    window_class.lpfnWndProc = options.window == L"ignores" ? ignore_close_requests : on_message;
     window_class.hInstance = instance;
-    window_class.lpszClassName = told.window_class.c_str();
+    window_class.lpszClassName = options.window_class.c_str();
     RegisterClassW(&window_class);
     CreateWindowExW(
         0,
-        told.window_class.c_str(),
+        options.window_class.c_str(),
         L"Quorbel",
         WS_OVERLAPPEDWINDOW,
         0,
@@ -87,15 +87,15 @@ void show_window(HINSTANCE instance, const behaviour& told)
 
 int WINAPI wWinMain(HINSTANCE instance, HINSTANCE /*previous*/, LPWSTR /*arguments*/, int /*show*/)
 {
-    const behaviour told = read_command_line();
-    if (!told.library.empty() && LoadLibraryW(told.library.c_str()) == nullptr) {
+    const behaviour options = read_command_line();
+    if (!options.library.empty() && LoadLibraryW(options.library.c_str()) == nullptr) {
         return 2;
     }
-    if (told.window != L"none") {
-        show_window(instance, told);
+    if (options.window != L"none") {
+        show_window(instance, options);
     }
-    if (!told.ready.empty()) {
-        HANDLE ready = OpenEventW(EVENT_MODIFY_STATE, FALSE, told.ready.c_str());
+    if (!options.ready.empty()) {
+        HANDLE ready = OpenEventW(EVENT_MODIFY_STATE, FALSE, options.ready.c_str());
         SetEvent(ready);
         CloseHandle(ready);
     }
@@ -103,6 +103,6 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE /*previous*/, LPWSTR /*argumen
     while (GetMessageW(&message, nullptr, 0, 0) > 0) {
         DispatchMessageW(&message);
     }
-    Sleep(told.exit_delay_ms);
+    Sleep(options.exit_delay_ms);
     return 0;
 }

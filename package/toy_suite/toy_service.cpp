@@ -1,14 +1,14 @@
-// Windows Search of the toy suite: a service program that puts itself under that service's name, "WSearch".
-//   toy_service --install TIME [FILE]   installs it, to be started on demand, in the place of one that was
-//                                       left: starting takes it TIME milliseconds, and so does stopping, and
-//                                       it keeps the first line of FILE when it starts and when it stops
-//   toy_service --start                 starts it, and forgets what was asked of it before
-//   toy_service --remove                ends it, in whatever state it is, and removes it, if it is there
-// Each ends when that is done, with 0, or says what went wrong and ends with 1. A Windows Search of the
-// machine's own is neither replaced nor removed.
+// The stand-in for Windows Search: a service program that installs itself as "WSearch".
+//   toy_service --install TIME [FILE]   installs it as a demand-start service, replacing an earlier stand-in.
+//                                       Starting and stopping take TIME milliseconds each; it records the
+//                                       first line of FILE when it starts and when it stops.
+//   toy_service --start                 starts it and clears the record
+//   toy_service --remove                ends it, whatever its state, and removes it; does nothing if absent
+// Each exits with 0 when done, or reports the error and exits with 1. The machine's own Windows Search is
+// never replaced or removed.
 //
-// The values of the key Asked below the service's own key tell what was asked of it: the numbers Starts and
-// Stops, and the lines AtStart and AtStop of the file. The event Global\toy-search-end ends it.
+// The record is the key Asked below the service's key: the counts Starts and Stops, and the lines AtStart and
+// AtStop. The event Global\toy-search-end ends the service.
 
 #include "custom_actions/common/scoped_handle.h"
 #include "package/toy_suite/arguments.h"
@@ -34,43 +34,44 @@ using custom_actions::service_handle;
 
 constexpr const wchar_t* SERVICE_NAME = L"WSearch";
 constexpr const wchar_t* SERVICE_KEY = LR"(SYSTEM\CurrentControlSet\Services\WSearch)";
-constexpr const wchar_t* ASKED = LR"(SYSTEM\CurrentControlSet\Services\WSearch\Asked)";
+constexpr const wchar_t* RECORD_KEY = LR"(SYSTEM\CurrentControlSet\Services\WSearch\Asked)";
 constexpr const wchar_t* END_EVENT = LR"(Global\toy-search-end)";
 
-// Opened anew each time, since it may have been forgotten.
-toy_suite::registry_state asked()
+// Opened anew each time, since --start deletes the key.
+toy_suite::registry_state record()
 {
-    return toy_suite::registry_state{ASKED, HKEY_LOCAL_MACHINE};
+    return toy_suite::registry_state{RECORD_KEY, HKEY_LOCAL_MACHINE};
 }
 
 void count_one(const wchar_t* name)
 {
-    asked().write(name, asked().number(name).value_or(0) + 1);
+    record().write(name, record().number(name).value_or(0) + 1);
 }
 
-void keep_first_line(const std::filesystem::path& of, const wchar_t* name)
+void record_first_line(const std::filesystem::path& of, const wchar_t* name)
 {
     std::ifstream file{of};
     std::string line;
     std::getline(file, line);
     std::erase(line, '\r');
-    asked().write(name, std::wstring{line.begin(), line.end()});
+    record().write(name, std::wstring{line.begin(), line.end()});
 }
 
 class toy_service {
 public:
-    // As the service manager starts it: with TIME and FILE.
+    // With TIME and FILE from the service's command line.
     explicit toy_service(const std::vector<std::wstring>& arguments)
-        : transition_ms_{std::stoul(arguments.at(0))}, watched_{arguments.size() > 1 ? arguments[1] : L""}
+        : transition_ms_{std::stoul(arguments.at(0))},
+          recorded_file_{arguments.size() > 1 ? arguments[1] : L""}
     {
-        ResetEvent(end_asked_); // the program before may still hold it
+        ResetEvent(end_asked_); // an earlier stand-in may still hold it open
     }
 
     void run()
     {
         if (start()) {
-            const HANDLE orders[]{stop_asked_, end_asked_};
-            if (WaitForMultipleObjects(2, orders, FALSE, INFINITE) == WAIT_OBJECT_0) {
+            const HANDLE requests[]{stop_asked_, end_asked_};
+            if (WaitForMultipleObjects(2, requests, FALSE, INFINITE) == WAIT_OBJECT_0) {
                 stop();
             }
         }
@@ -103,14 +104,14 @@ private:
         SetServiceStatus(reporting_, &status);
     }
 
-    // Waits for as long as a transition takes; false where the end was asked for.
+    // Waits for the time of a transition; false if the end was requested meanwhile.
     bool pass_time() { return WaitForSingleObject(end_asked_, transition_ms_) == WAIT_TIMEOUT; }
 
     bool start()
     {
         report(SERVICE_START_PENDING);
         count_one(L"Starts");
-        keep_first_line(watched_, L"AtStart");
+        record_first_line(recorded_file_, L"AtStart");
         if (!pass_time()) {
             return false;
         }
@@ -121,13 +122,13 @@ private:
     void stop()
     {
         if (pass_time()) {
-            keep_first_line(watched_, L"AtStop");
+            record_first_line(recorded_file_, L"AtStop");
         }
     }
 
     DWORD transition_ms_;
-    std::filesystem::path watched_;
-    // All of these are the process's own until it ends.
+    std::filesystem::path recorded_file_;
+    // Held until the process ends.
     HANDLE stop_asked_ = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     HANDLE end_asked_ = CreateEventW(nullptr, TRUE, FALSE, END_EVENT);
     SERVICE_STATUS_HANDLE reporting_ = RegisterServiceCtrlHandlerExW(SERVICE_NAME, on_control, this);
@@ -145,14 +146,16 @@ void require(bool done, const std::string& what)
     }
 }
 
-// For ten seconds at most.
+// Throws if `reached` does not come true within 10 seconds.
 void wait_until(const std::function<bool()>& reached, const char* complaint)
 {
-    for (int tries = 0; !reached(); ++tries) {
-        if (tries == 1000) {
+    constexpr DWORD limit_ms = 10'000;
+    constexpr DWORD interval_ms = 10;
+    for (DWORD waited_ms = 0; !reached(); waited_ms += interval_ms) {
+        if (waited_ms == limit_ms) {
             throw std::runtime_error{complaint};
         }
-        Sleep(10);
+        Sleep(interval_ms);
     }
 }
 
@@ -176,7 +179,7 @@ bool is_ours()
     return std::wstring_view{program}.find(L"toy_service.exe") != std::wstring_view::npos;
 }
 
-// It is gone once its program has ended and nobody has it open.
+// Returns when the service is gone: its program has ended and every handle to it is closed.
 void remove_service(SC_HANDLE manager)
 {
     if (const service_handle service = open_service(manager)) {
@@ -185,7 +188,7 @@ void remove_service(SC_HANDLE manager)
         }
         const auto has_ended = [&] {
             const kernel_handle end{OpenEventW(EVENT_MODIFY_STATE, FALSE, END_EVENT)};
-            SetEvent(end.get()); // where there is none, it does not run, or not yet
+            SetEvent(end.get()); // fails if the program does not run (yet)
             return state_of(service) == SERVICE_STOPPED;
         };
         wait_until(has_ended, "the service does not end");
@@ -232,22 +235,22 @@ void start_service(SC_HANDLE manager)
                           StartServiceW(service.get(), 0, nullptr));
     require(started, "the service cannot be started");
     wait_until([&] { return state_of(service) == SERVICE_RUNNING; }, "the service does not start");
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, ASKED);
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, RECORD_KEY);
 }
 
-void follow(const std::vector<std::wstring>& arguments)
+void run_command(const std::vector<std::wstring>& arguments)
 {
     const service_handle manager{OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)};
     require(bool{manager}, "the service manager cannot be opened");
-    const std::wstring& order = arguments[0];
-    if (order == L"--install" && arguments.size() > 1) {
+    const std::wstring& command = arguments[0];
+    if (command == L"--install" && arguments.size() > 1) {
         install_service(manager.get(), {arguments.begin() + 1, arguments.end()});
-    } else if (order == L"--start") {
+    } else if (command == L"--start") {
         start_service(manager.get());
-    } else if (order == L"--remove") {
+    } else if (command == L"--remove") {
         remove_service(manager.get());
     } else {
-        throw std::runtime_error{"--install TIME [FILE], --start or --remove is what it can do"};
+        throw std::runtime_error{"use --install TIME [FILE], --start or --remove"};
     }
 }
 
@@ -258,12 +261,13 @@ int main()
     try {
         const std::vector<std::wstring> arguments = toy_suite::read_arguments();
         if (!arguments.empty() && arguments[0].starts_with(L"--")) {
-            follow(arguments);
+            run_command(arguments);
         } else {
             std::wstring name = SERVICE_NAME;
             const SERVICE_TABLE_ENTRYW services[]{{name.data(), run_service}, {nullptr, nullptr}};
             require(
-                StartServiceCtrlDispatcherW(services) != FALSE, "it is started by the service manager alone");
+                StartServiceCtrlDispatcherW(services) != FALSE,
+                "without a command, only the service manager can start it");
         }
         return 0;
     } catch (const std::exception& error) {

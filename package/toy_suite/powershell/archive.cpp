@@ -19,7 +19,7 @@ namespace {
     throw std::runtime_error{std::string{"The archive cannot be read: "} + what};
 }
 
-// The bits of a deflated stream, from the lowest of each byte up.
+// The bits of a deflated stream, lowest bit of each byte first.
 class bit_reader {
 public:
     explicit bit_reader(std::string_view bytes) : bytes_{bytes} {}
@@ -43,8 +43,7 @@ private:
     std::size_t position_ = 0;
 };
 
-// A code whose words are told by their lengths alone: shorter words come first, and symbols of the same
-// length in their own order.
+// A canonical Huffman code, given by the length of each symbol's code word.
 class prefix_code {
 public:
     explicit prefix_code(const std::vector<unsigned>& lengths)
@@ -73,7 +72,7 @@ public:
             first_word = (first_word + counts_[length]) * 2;
             word *= 2;
         }
-        refuse("there is no such code word");
+        refuse("unknown code word");
     }
 
 private:
@@ -81,7 +80,7 @@ private:
     std::vector<unsigned> symbols_;
 };
 
-// Lengths and distances are told by a symbol for a range and further bits for the place in it.
+// A symbol names a range of lengths or distances; extra bits give the position in the range.
 unsigned take_length(bit_reader& bits, unsigned symbol)
 {
     if (symbol == 28) {
@@ -112,7 +111,7 @@ void inflate_coded(
         const unsigned length = take_length(bits, symbol - 257);
         const unsigned distance = take_distance(bits, distances.take_symbol(bits));
         if (distance > to.size()) {
-            refuse("it refers to what is before its start");
+            refuse("a distance goes back too far");
         }
         for (unsigned i = 0; i != length; ++i) {
             to += to[to.size() - distance];
@@ -130,7 +129,7 @@ void inflate_stored(bit_reader& bits, std::string& to)
     }
 }
 
-void inflate_with_known_codes(bit_reader& bits, std::string& to)
+void inflate_with_fixed_codes(bit_reader& bits, std::string& to)
 {
     std::vector<unsigned> lengths(288, 8);
     std::fill(lengths.begin() + 144, lengths.begin() + 256, 9U);
@@ -138,15 +137,15 @@ void inflate_with_known_codes(bit_reader& bits, std::string& to)
     inflate_coded(bits, prefix_code{lengths}, prefix_code{std::vector<unsigned>(30, 5)}, to);
 }
 
-void inflate_with_own_codes(bit_reader& bits, std::string& to)
+void inflate_with_dynamic_codes(bit_reader& bits, std::string& to)
 {
     static constexpr std::array<std::uint8_t, 19> order{
         16, 17, 18, 0, 8, 7, 9, 6, 10, 5, 11, 4, 12, 3, 13, 2, 14, 1, 15};
     const unsigned literals = bits.take(5) + 257;
     const unsigned distances = bits.take(5) + 1;
-    const unsigned lengths_told = bits.take(4) + 4;
+    const unsigned length_count = bits.take(4) + 4;
     std::vector<unsigned> length_lengths(order.size());
-    for (unsigned i = 0; i != lengths_told; ++i) {
+    for (unsigned i = 0; i != length_count; ++i) {
         length_lengths[order[i]] = bits.take(3);
     }
     const prefix_code code{length_lengths};
@@ -179,19 +178,19 @@ std::string inflate(std::string_view packed)
             inflate_stored(bits, content);
             break;
         case 1:
-            inflate_with_known_codes(bits, content);
+            inflate_with_fixed_codes(bits, content);
             break;
         case 2:
-            inflate_with_own_codes(bits, content);
+            inflate_with_dynamic_codes(bits, content);
             break;
         default:
-            refuse("there is no such block");
+            refuse("unknown block type");
         }
     }
     return content;
 }
 
-// The number of `size` bytes at `offset`.
+// The little-endian number of `size` bytes at `offset`.
 std::size_t number_at(std::string_view bytes, std::size_t offset, std::size_t size)
 {
     if (bytes.size() < size || offset > bytes.size() - size) {
@@ -212,7 +211,7 @@ std::string_view part(std::string_view bytes, std::size_t offset, std::size_t si
     return bytes.substr(offset, size);
 }
 
-// The content of the entry that this record of the directory at the archive's end is about.
+// The content of the entry that the central directory describes at `record`.
 std::string content_of(std::string_view bytes, std::size_t record)
 {
     const std::size_t method = number_at(bytes, record + 10, 2);
@@ -226,7 +225,7 @@ std::string content_of(std::string_view bytes, std::size_t record)
     case 8:
         return inflate(packed);
     default:
-        refuse("there is no such method");
+        refuse("unknown compression method");
     }
 }
 

@@ -5,11 +5,11 @@
 
 namespace toy_powershell {
 
-// The whole file, byte for byte. Throws std::runtime_error where it cannot be read.
+// The file's bytes. Throws std::runtime_error if it cannot be opened.
 std::string read_file(const std::filesystem::path& path);
 
-// The content of the entry `name` of a ZIP archive. Throws std::runtime_error where the archive is no such
-// one, has no such entry, or packs it by another method than storing or deflating.
+// The content of the entry `name` of a ZIP archive. Throws std::runtime_error if the file is no ZIP archive,
+// has no such entry, or compresses it with a method other than deflate.
 std::string read_archive_entry(const std::filesystem::path& archive, const std::string& name);
 
 } // namespace toy_powershell

@@ -1,10 +1,9 @@
-// Stands in for Windows PowerShell where there is none. It understands the two command lines and the very
-// statements that the custom actions give to PowerShell, on a machine whose packages and folder windows are
-// made up in the registry; processes are real. Whatever else it is given it refuses: exit code 64, with the
-// text on standard error and in the state's value "Refused".
+// The stand-in for Windows PowerShell. It understands exactly the two command lines and the statements that
+// the custom actions use. Packages and folder windows are entries in the registry; processes are real.
+// Anything else is refused: exit code 64, with the text on standard error and in the state's value "Refused".
 //
-// Every script is kept, numbered from 1 to "ScriptCount", in the values of the state's key "Scripts";
-// "ElevationType" is the TOKEN_ELEVATION_TYPE under which the last one ran.
+// Every script is recorded in the state's key "Scripts" under its number, from 1 to "ScriptCount".
+// "ElevationType" is the TOKEN_ELEVATION_TYPE of the last run.
 
 #include "package/toy_suite/arguments.h"
 #include "package/toy_suite/powershell/state.h"
@@ -29,7 +28,7 @@ namespace {
 
 constexpr int REFUSED = 64;
 
-// The text that Base64 of its UTF-16 units stands for.
+// The text of Base64-encoded UTF-16.
 std::optional<std::wstring> decode(const std::wstring& encoded)
 {
     DWORD size = 0;
@@ -50,7 +49,7 @@ std::optional<std::wstring> decode(const std::wstring& encoded)
     return decoded != FALSE ? std::optional{std::move(text)} : std::nullopt;
 }
 
-// The script of either command line; nothing where it is another.
+// The script in either command line; nothing if the command line is neither.
 std::optional<std::wstring> read_script(const std::vector<std::wstring>& arguments)
 {
     static constexpr std::wstring_view encoded =
@@ -89,7 +88,7 @@ void record(const std::wstring& script)
     state.write(L"ElevationType", static_cast<DWORD>(elevation));
 }
 
-// As many bytes as the order says.
+// Text of the size that the order asks for.
 std::string filling(const wchar_t* order, const std::wstring& script)
 {
     std::string text(std::stoul(order_argument(order, script).value_or(L"0")), '\0');
@@ -103,7 +102,7 @@ void run_steps(const parsed_script& parsed, const std::wstring& script, run_stat
         Sleep(INFINITE);
     }
     if (ordered(L"Fail", script)) {
-        throw std::runtime_error{"The script was told to fail"};
+        throw std::runtime_error{"The script was ordered to fail"};
     }
     for (const script_step& step : parsed.steps) {
         step.what->run(state, step.values);
@@ -127,8 +126,8 @@ int run_on_streams(const parsed_script& parsed, const std::wstring& script)
     return code;
 }
 
-// The log is opened before anything is done. What is printed has a byte-order mark in front and lines as
-// Windows' own are; where nothing is, the log stays empty.
+// Opens the log before the first step. The output gets a byte-order mark and CRLF line ends; without output
+// the log stays empty.
 int run_into_log(const std::wstring& path, const parsed_script& parsed, const std::wstring& script)
 {
     if (ordered(L"NoLog", script)) {

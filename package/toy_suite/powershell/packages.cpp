@@ -18,7 +18,7 @@ std::wstring package_key(const std::wstring& full_name)
     return std::wstring{PACKAGES} + L'\\' + full_name;
 }
 
-// The value of an attribute of the manifest's identity; references to characters are not understood.
+// The value of an attribute of the manifest's identity. Throws if it has character references.
 std::wstring attribute(const std::string& element, const std::string& name)
 {
     const std::size_t start = element.find(' ' + name + "=\"");
@@ -33,7 +33,7 @@ std::wstring attribute(const std::string& element, const std::string& name)
     return widen(text);
 }
 
-// Stands for what the system makes of a publisher in the names of packages.
+// A fake of the publisher's hash in package names.
 std::wstring publisher_id(const std::wstring& publisher)
 {
     std::uint64_t hash = 0xCBF29CE484222325U;
@@ -47,7 +47,7 @@ std::wstring publisher_id(const std::wstring& publisher)
     return id;
 }
 
-// Whether both are the same package, of whatever version.
+// True if both are versions of the same package.
 bool same_family(const std::wstring& full_name, const package_identity& identity)
 {
     return full_name.starts_with(identity.name + L'_') &&

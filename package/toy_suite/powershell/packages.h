@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-// The packages that are registered for the user: a key each below the state's key "Packages", by full name.
+// The user's registered packages: one key each, by full name, below the state's key "Packages".
 namespace toy_powershell {
 
 struct package_identity {
@@ -13,10 +13,10 @@ struct package_identity {
     std::wstring version;
 };
 
-// What the manifest in a package says of it. Throws std::runtime_error.
+// The identity in a package's manifest. Throws std::runtime_error.
 package_identity read_identity(const std::filesystem::path& package);
 
-// How the system names a registered package.
+// The system's name for a registered package.
 std::wstring full_package_name(const package_identity& identity, const std::wstring& architecture = L"x64");
 
 struct registered_package {
@@ -25,20 +25,20 @@ struct registered_package {
     std::wstring status;
 };
 
-// All of them, in the order of their full names.
+// All packages, sorted by full name.
 std::vector<registered_package> registered_packages();
 
 // Get-AppxPackage -Name.
 std::vector<registered_package> packages_named(const std::wstring& name);
 
-// Those of them that are this publisher's.
+// The packages with this name and publisher.
 std::vector<registered_package> packages_of(const package_identity& identity);
 
-// Add-AppxPackage -ForceUpdateFromAnyVersion: takes the place of whatever version of the package is
-// registered. The path is a pattern (wildcards.h). Throws std::runtime_error.
+// Add-AppxPackage -ForceUpdateFromAnyVersion: replaces any registered version of the package. The path is a
+// pattern (wildcards.h). Throws std::runtime_error.
 void add_package(const std::wstring& path, const std::wstring& external_location);
 
-// Registers a package beside whatever is.
+// Registers a package and leaves all others registered.
 void register_package(const package_identity& identity, const std::wstring& external_location);
 
 // Remove-AppxPackage.

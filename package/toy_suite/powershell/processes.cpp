@@ -22,7 +22,7 @@ bool try_to_start(const std::wstring& program, std::wstring command_line, const 
             nullptr,
             nullptr,
             FALSE,
-            CREATE_NEW_CONSOLE, // and not this process's output, which somebody may be reading to its end
+            CREATE_NEW_CONSOLE, // so that it does not hold this process's output open
             nullptr,
             folder.empty() ? nullptr : folder.c_str(),
             &startup,
@@ -42,9 +42,10 @@ void start_process(
     const std::wstring program = path_named_by(program_pattern);
     const std::wstring folder = path_named_by(folder_pattern);
     const std::wstring command_line = L'"' + program + L'"' + (arguments.empty() ? L"" : L' ' + arguments);
-    // Wine loses a program at its start now and then.
+    // CreateProcess fails on Wine about once in some thousand calls.
+    constexpr int retries = 2;
     for (int tries = 0; !try_to_start(program, command_line, folder); ++tries) {
-        if (tries == 2) {
+        if (tries == retries) {
             throw std::runtime_error{
                 "Start-Process : This command cannot be run: " + narrow(program) + ", error " +
                 std::to_string(GetLastError())};
@@ -63,11 +64,12 @@ std::wstring path_of(DWORD process)
     std::wstring path(32768, L'\0');
     auto size = static_cast<DWORD>(path.size());
     HANDLE opened = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, process);
-    const bool told = opened != nullptr && QueryFullProcessImageNameW(opened, 0, path.data(), &size) != FALSE;
+    const bool found =
+        opened != nullptr && QueryFullProcessImageNameW(opened, 0, path.data(), &size) != FALSE;
     if (opened != nullptr) {
         CloseHandle(opened);
     }
-    path.resize(told ? size : 0);
+    path.resize(found ? size : 0);
     return path;
 }
 

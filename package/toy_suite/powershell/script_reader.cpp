@@ -5,7 +5,7 @@
 namespace toy_powershell {
 namespace {
 
-// PowerShell takes typographic single quotes for plain ones.
+// To PowerShell, typographic single quotes are quotes, too.
 bool is_quote(wchar_t unit)
 {
     return unit == L'\'' || (unit >= L'\u2018' && unit <= L'\u201B');

@@ -6,16 +6,16 @@
 
 namespace toy_powershell {
 
-// Runs from a script's front to its end.
+// Reads a script from front to end.
 class script_reader {
 public:
     explicit script_reader(std::wstring_view text) : rest_{text} {}
 
     [[nodiscard]] bool at_end() const { return rest_.empty(); }
 
-    // Takes what `pattern` describes, where the text goes on with it: character for character, but "%s"
-    // stands for one literal in single quotes and "%d" for decimal digits, whose values are put behind
-    // `values`. Otherwise nothing is taken and `values` is as it was.
+    // Consumes `pattern` if the rest of the text begins with it. In the pattern, "%s" matches a literal in
+    // single quotes and "%d" decimal digits; their values are appended to `values`. Without a match nothing
+    // changes.
     bool take(std::wstring_view pattern, std::vector<std::wstring>& values);
 
 private:

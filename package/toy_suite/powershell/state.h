@@ -8,11 +8,11 @@
 
 namespace toy_powershell {
 
-// Where the stand-in has what it is told, what it was given, and what it pretends about the machine; tests
-// and scripts read and write it there.
+// The stand-in's orders, its record of scripts, and its fake packages and folder windows. Tests and scripts
+// read and write them here.
 inline constexpr const wchar_t* STATE = LR"(Software\QuorbelStandIn\PowerShell)";
 
-// The state's key, or one below it.
+// The state's key, or a subkey of it.
 class state_key : public toy_suite::registry_state {
 public:
     explicit state_key(const std::wstring& below = L"")
@@ -23,26 +23,26 @@ public:
 
 inline constexpr const wchar_t* ORDERS = L"Orders";
 
-// An order is a value of this key of the state: "ARGUMENT TEXT", or "TEXT" alone where it takes no
-// argument. It holds for everything that contains the text. (An empty text is contained in everything.)
+// An order is a value of this subkey: "ARGUMENT TEXT", or "TEXT" alone if it takes no argument. It applies to
+// whatever contains the text; an empty text applies to everything.
 //
-//   Hang       TEXT         the script never ends
-//   Die        CODE TEXT    the script ends at once with this code
-//   NoLog      TEXT         the script does nothing and ends with 0, without its log
-//   EmptyLog   TEXT         the script runs, and its log stays empty
-//   PrintOut   BYTES TEXT   the script first prints this much
-//   PrintError BYTES TEXT   the same on standard error (or into the log, where there is one)
+//   Hang       TEXT         the script hangs
+//   Die        CODE TEXT    the script exits at once with this code
+//   NoLog      TEXT         the script does nothing and exits with 0, without a log
+//   EmptyLog   TEXT         the script runs, but its log stays empty
+//   PrintOut   BYTES TEXT   the script first prints this many bytes
+//   PrintError BYTES TEXT   the same on standard error (or into the log, if there is one)
 //   Fail       TEXT         the script then fails
 //   FailAdd    TEXT         Add-AppxPackage fails for this path
-//   LoseStart  TEXT         Start-Process of this program succeeds, and nothing is started
-//   KeepPackage TEXT        Remove-AppxPackage does nothing to this package
+//   LoseStart  TEXT         Start-Process of this program succeeds without starting it
+//   KeepPackage TEXT        Remove-AppxPackage leaves this package registered
 //
-// Another value there, TrayWaitMs (a number), shortens the 15 seconds in which the tray has to come.
+// The number TrayWaitMs there replaces the 15 seconds that a script waits for the tray.
 //
-// Whether the order `name` holds for `text`.
+// True if the order `name` applies to `text`.
 bool ordered(const wchar_t* name, std::wstring_view text);
 
-// The argument of the order `name`, where it holds for `text`.
+// The argument of the order `name`, if it applies to `text`.
 std::optional<std::wstring> order_argument(const wchar_t* name, std::wstring_view text);
 
 } // namespace toy_powershell

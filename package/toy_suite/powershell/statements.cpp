@@ -84,7 +84,7 @@ bool is_folder(const std::wstring& url)
 
 constexpr const wchar_t* OPEN_FOLDERS = L"OpenFolders";
 
-// The few characters that have names in XML, and their names.
+// The characters that XML escapes by name.
 struct named_character {
     wchar_t character;
     std::wstring_view name;
@@ -197,7 +197,7 @@ void wait_for_tray(run_state& /*state*/, const literals& values)
     }
 }
 
-void start_what_was_closed(run_state& /*state*/, const literals& values)
+void start_closed_programs(run_state& /*state*/, const literals& values)
 {
     const DWORD session = session_of(GetCurrentProcessId());
     for (const std::filesystem::path path : values) {
@@ -210,7 +210,7 @@ void start_what_was_closed(run_state& /*state*/, const literals& values)
     }
 }
 
-// What stands in a script that runs for the controlled upgrade.
+// The statements of the controlled upgrade's scripts.
 constexpr statement STATEMENTS[]{
     {.text = L"Add-Type -AssemblyName System.IO.Compression.FileSystem; "
              L"$zip=[IO.Compression.ZipFile]::OpenRead(%s); "
@@ -260,7 +260,7 @@ constexpr statement STATEMENTS[]{
      .run = wait_for_tray},
 };
 
-// What is a script by itself.
+// Statements that are a whole script.
 constexpr statement WHOLE_SCRIPTS[]{
     {.text = L"Add-AppxPackage -Path %s -ExternalLocation %s -ForceUpdateFromAnyVersion "
              L"-DeferRegistrationWhenPackagesAreInUse -ErrorAction Stop",
@@ -272,10 +272,10 @@ constexpr statement WHOLE_SCRIPTS[]{
      .run = remove_by_name},
 };
 
-// The script that starts what was closed, around its list of programs.
+// The recovery script, before and after its list of programs.
 constexpr statement RECOVERY{
     .text = L"$ErrorActionPreference='Stop'; $session=(Get-Process -Id $PID).SessionId; foreach($path in @(",
-    .run = start_what_was_closed};
+    .run = start_closed_programs};
 constexpr const wchar_t* RECOVERY_END =
     L")) { $name=[IO.Path]::GetFileNameWithoutExtension($path); "
     L"$running=@(Get-Process -Name $name -ErrorAction SilentlyContinue | "
@@ -283,7 +283,7 @@ constexpr const wchar_t* RECOVERY_END =
     L"if (!$running.Count -and (Test-Path -LiteralPath $path)) { Start-Process -FilePath $path "
     L"-WorkingDirectory ([IO.Path]::GetDirectoryName($path)) | Out-Null } }";
 
-// What is around the statements of a script whose output goes to a file.
+// The frame of a script whose output goes to a log file.
 constexpr const wchar_t* LOGGED_START =
     L"$ErrorActionPreference='Stop'; $ProgressPreference='SilentlyContinue'; try { & { ";
 constexpr const wchar_t* LOGGED_END =

@@ -9,17 +9,17 @@
 
 namespace toy_powershell {
 
-// What the statements of one run hand on.
+// What the statements of one run pass on to later ones.
 struct run_state {
-    package_identity identity; // $id; without a name until a manifest was read
-    std::string output;        // UTF-8, lines that end in a line feed
+    package_identity identity; // $id; empty until a manifest was read
+    std::string output;        // UTF-8, lines end in LF
 };
 
-// The literals of a statement, in order.
+// A statement's literals, in order.
 using literals = std::vector<std::wstring>;
 
-// A statement that the stand-in understands: its text, a pattern of script_reader, and what it does. It
-// throws std::runtime_error where PowerShell would report an error that ends the script.
+// A statement that the stand-in understands: its text (a pattern for script_reader) and its effect. `run`
+// throws std::runtime_error when PowerShell would report an error that ends the script.
 struct statement {
     const wchar_t* text;
     void (*run)(run_state& state, const literals& values);
@@ -31,11 +31,11 @@ struct script_step {
 };
 
 struct parsed_script {
-    std::optional<std::wstring> log; // the file that takes what is printed, where it is not the streams
+    std::optional<std::wstring> log; // the file that takes the output; without it, the standard streams do
     std::vector<script_step> steps;
 };
 
-// A script as the steps that it consists of. Nothing where it holds anything that is not understood.
+// The script's steps; nothing if any part of it is not understood.
 std::optional<parsed_script> parse(std::wstring_view script);
 
 } // namespace toy_powershell

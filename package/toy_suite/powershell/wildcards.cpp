@@ -10,11 +10,11 @@
 namespace toy_powershell {
 namespace {
 
-// The files of a folder whose names fit.
+// The files of a folder whose names match.
 std::vector<std::filesystem::path>
 files_named_by(const std::filesystem::path& folder, const std::wstring& pattern)
 {
-    // In a regular expression brackets mean the same; its other signs stand for themselves.
+    // Brackets mean the same in a regular expression; all other special characters are escaped.
     const std::wregex special{LR"([.^$*+?(){}|\\])"};
     const std::wregex names{std::regex_replace(pattern, special, LR"(\$&)"), std::regex::icase};
     std::vector<std::filesystem::path> found;

@@ -17,16 +17,16 @@
 #include <type_traits>
 #include <utility>
 
-// Objects of COM with a table of functions each. The tables are filled in by hand (CINTERFACE), so that a
-// place that is left empty can be given a function of its own that says who called it.
+// COM objects whose vtables are filled in by hand (CINTERFACE), so that each slot left empty gets a function
+// that records the unexpected call.
 namespace toy_scheduler {
 
-// What the objects of one task share; the service and its folder have one, too.
+// What all objects about one task share. The service and its folder share one, too.
 struct task {
     std::wstring name;
     properties values;
-    custom_actions::kernel_handle program;          // that was started
-    DWORD start_failure = SCHED_S_TASK_HAS_NOT_RUN; // the result where no program was started
+    custom_actions::kernel_handle program;          // the started one
+    DWORD start_failure = SCHED_S_TASK_HAS_NOT_RUN; // the result if no program was started
 };
 
 class refusal : public std::exception {
@@ -39,11 +39,11 @@ private:
     HRESULT code_;
 };
 
-// Refuses a call, with a note, that the real scheduler would not take either.
+// If not fulfilled, notes the expectation and throws refusal: the real scheduler would reject the call, too.
 void expect(bool fulfilled, std::wstring_view expectation);
 
-// The result of a call, which is noted: E_ACCESSDENIED where it is told to fail, or what `answer` returns or
-// is refused with.
+// Notes the call. Returns E_ACCESSDENIED if the call is set to fail; otherwise what `answer` returns, or the
+// code of the refusal that it throws.
 HRESULT answered(std::wstring_view name, const std::function<HRESULT()>& answer) noexcept;
 
 HRESULT unexpected(std::wstring_view interface_name, std::size_t method) noexcept;
@@ -62,7 +62,7 @@ std::wstring text_of(Number number)
     return std::to_wstring(static_cast<long>(number));
 }
 
-// A text as a template argument.
+// A string literal as a template argument.
 template <std::size_t Size>
 struct fixed_text {
     wchar_t text[Size]{};
@@ -120,14 +120,14 @@ HRESULT STDMETHODCALLTYPE query(Interface* self, REFIID wanted, void** found) no
     return known ? S_OK : E_NOINTERFACE;
 }
 
-// A method that is answered by `Function`.
+// A method implemented by `Function`.
 template <fixed_text Name, auto Function, class... Arguments>
 HRESULT STDMETHODCALLTYPE call(Arguments... arguments) noexcept
 {
     return answered(Name.text, [&] { return Function(arguments...); });
 }
 
-// A method that keeps a property of the task: "ITaskSettings::put_Enabled" that of "Enabled".
+// A method that sets a property of the task: "ITaskSettings::put_Enabled" sets "Enabled".
 template <fixed_text Name, class Interface, class Value>
 HRESULT STDMETHODCALLTYPE put(Interface* self, Value value) noexcept
 {
@@ -138,26 +138,26 @@ HRESULT STDMETHODCALLTYPE put(Interface* self, Value value) noexcept
     });
 }
 
-// Whatever the arguments are: on x64 it is the caller who clears them away.
+// Fits any slot: on x64 the caller removes the arguments.
 template <fixed_text Interface, std::size_t Method>
 HRESULT STDMETHODCALLTYPE unexpected_method() noexcept
 {
     return unexpected(Interface.text, Method);
 }
 
-// The table with the three methods of every object, and with the empty places filled.
+// Adds IUnknown's methods to the table, and unexpected_method to every slot left empty.
 template <fixed_text Name, class Interface>
 table_of<Interface> completed(table_of<Interface> methods)
 {
-    using places = std::array<void*, sizeof methods / sizeof(void*)>;
+    using slots = std::array<void*, sizeof methods / sizeof(void*)>;
     if (methods.QueryInterface == nullptr) {
         methods.QueryInterface = query<Interface>;
     }
     methods.AddRef = add_reference<Interface>;
     methods.Release = release<Interface>;
-    auto functions = std::bit_cast<places>(methods);
+    auto functions = std::bit_cast<slots>(methods);
     [&]<std::size_t... Method>(std::index_sequence<Method...>) {
-        const places others{reinterpret_cast<void*>(&unexpected_method<Name, Method>)...};
+        const slots others{reinterpret_cast<void*>(&unexpected_method<Name, Method>)...};
         for (std::size_t i = 0; i != functions.size(); ++i) {
             functions[i] = functions[i] == nullptr ? others[i] : functions[i];
         }
@@ -165,7 +165,7 @@ table_of<Interface> completed(table_of<Interface> methods)
     return std::bit_cast<table_of<Interface>>(functions);
 }
 
-// A new object, with one reference, which is the caller's.
+// A new object; the caller owns its one reference.
 template <class Interface>
 Interface* make(table_of<Interface>& methods, const IID& kind, std::shared_ptr<task> about)
 {

@@ -7,7 +7,7 @@
 namespace toy_scheduler {
 namespace {
 
-// ERROR_FILE_NOT_FOUND and ERROR_ALREADY_EXISTS, as results of COM.
+// ERROR_FILE_NOT_FOUND and ERROR_ALREADY_EXISTS as HRESULTs.
 constexpr auto NO_SUCH_TASK = static_cast<HRESULT>(0x80070002);
 constexpr auto TASK_EXISTS = static_cast<HRESULT>(0x800700B7);
 
@@ -24,7 +24,7 @@ bool is_empty(const VARIANT& value) noexcept
 
 bool is_running(const task& run)
 {
-    return told(L"State") || (run.program && WaitForSingleObject(run.program.get(), 0) == WAIT_TIMEOUT);
+    return setting(L"State") || (run.program && WaitForSingleObject(run.program.get(), 0) == WAIT_TIMEOUT);
 }
 
 HRESULT refresh(IRunningTask* self)
@@ -35,7 +35,7 @@ HRESULT refresh(IRunningTask* self)
 HRESULT get_state(IRunningTask* self, TASK_STATE* state)
 {
     const TASK_STATE own = is_running(task_of(self)) ? TASK_STATE_RUNNING : TASK_STATE_READY;
-    *state = static_cast<TASK_STATE>(told(L"State").value_or(own));
+    *state = static_cast<TASK_STATE>(setting(L"State").value_or(own));
     return S_OK;
 }
 
@@ -78,7 +78,7 @@ void start_program(task& run)
 HRESULT run(IRegisteredTask* self, VARIANT parameters, IRunningTask** running)
 {
     expect(is_empty(parameters) && running != nullptr, L"IRegisteredTask::Run without parameters");
-    if (!told(L"State") && !told(L"Result")) {
+    if (!setting(L"State") && !setting(L"Result")) {
         start_program(task_of(self));
     }
     *running = make_running_task(object_of(self).about);
@@ -94,7 +94,7 @@ HRESULT get_last_result(IRegisteredTask* self, LONG* result)
     } else if (run.program) {
         GetExitCodeProcess(run.program.get(), &own);
     }
-    *result = static_cast<LONG>(told(L"Result").value_or(own));
+    *result = static_cast<LONG>(setting(L"Result").value_or(own));
     return S_OK;
 }
 
@@ -122,12 +122,12 @@ HRESULT create_action(IActionCollection* self, TASK_ACTION_TYPE type, IAction** 
         return completed<L"IExecAction", IExecAction>(table);
     }();
     expect(type == TASK_ACTION_EXEC && action != nullptr, L"IActionCollection::Create of a program");
-    // An action is what an executable action begins with.
+    // IExecAction begins with IAction's slots.
     *action = reinterpret_cast<IAction*>(make<IExecAction>(methods, IID_IExecAction, object_of(self).about));
     return S_OK;
 }
 
-// The getter of a part of the definition, which is about the same task.
+// The getter of a part of the definition.
 template <const IID& Kind, class Part, table_of<Part>& (*Methods)()>
 HRESULT get_part(ITaskDefinition* self, Part** part)
 {
@@ -289,7 +289,7 @@ void expect(bool fulfilled, std::wstring_view expectation)
 HRESULT answered(std::wstring_view name, const std::function<HRESULT()>& answer) noexcept
 try {
     note(L"Calls", name);
-    return told_to_fail(name) ? E_ACCESSDENIED : answer();
+    return must_fail(name) ? E_ACCESSDENIED : answer();
 } catch (const refusal& refused) {
     return refused.code();
 } catch (const std::exception&) {

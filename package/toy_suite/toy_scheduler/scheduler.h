@@ -5,7 +5,7 @@
 
 namespace toy_scheduler {
 
-// The class factory of the service object; the caller's reference.
+// The class factory of the service object. The caller releases it.
 IClassFactory* make_factory();
 
 } // namespace toy_scheduler

@@ -17,12 +17,12 @@ registry_state tasks()
 
 } // namespace
 
-std::optional<DWORD> told(const wchar_t* name)
+std::optional<DWORD> setting(const wchar_t* name)
 {
     return registry_state{STATE}.number(name);
 }
 
-bool told_to_fail(std::wstring_view call)
+bool must_fail(std::wstring_view call)
 {
     return registry_state{STATE}.text(L"Fail") == call;
 }

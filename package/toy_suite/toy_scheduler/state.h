@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
-// What the stand-in keeps and is told, in the registry; toy_scheduler.cpp lists it. A function that is not
-// noexcept throws std::runtime_error where the registry does not do its part.
+// The stand-in's state and settings in the registry; toy_scheduler.cpp lists them. A function that is not
+// noexcept throws std::runtime_error if the registry refuses.
 namespace toy_scheduler {
 
 using toy_suite::registry_state;
@@ -19,25 +19,26 @@ inline constexpr const wchar_t* STATE = LR"(Software\QuorbelStandIn\TaskSchedule
 // A task's properties by their names, all as text.
 using properties = std::map<std::wstring, std::wstring>;
 
-// What the stand-in is told under this name, if anything.
-std::optional<DWORD> told(const wchar_t* name);
+// The setting of this name: "State" or "Result".
+std::optional<DWORD> setting(const wchar_t* name);
 
-bool told_to_fail(std::wstring_view call);
+// True if the setting "Fail" names this call.
+bool must_fail(std::wstring_view call);
 
-// Adds a line to one of the texts that the stand-in keeps.
+// Appends a line to the value of this name: "Calls" or "Unexpected".
 void note(const wchar_t* name, std::wstring_view line);
 
 void note_object_count(DWORD count) noexcept;
 
-// The registered tasks, in the order of their names.
+// The names of the registered tasks, sorted.
 std::vector<std::wstring> task_names();
 
-// The properties of a registered task; nothing where there is none of this name.
+// The properties of a registered task; nothing if there is no such task.
 std::optional<properties> load_task(const std::wstring& name);
 
 void save_task(const std::wstring& name, const properties& task);
 
-// Whether there was one.
+// True if there was one.
 bool delete_task(const std::wstring& name);
 
 } // namespace toy_scheduler

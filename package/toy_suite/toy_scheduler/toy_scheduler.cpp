@@ -1,19 +1,19 @@
-// Stands in for the Task Scheduler where the system's own is not all there: an in-process COM server under
-// the same class, registered for the machine by regsvr32 (regsvr32 /u gives the class back to the system). It
-// answers the calls that the library makes, and no others. A task's program really runs, as whoever asks for
-// it and with no time limit.
+// The stand-in for the Task Scheduler, of which Wine lacks parts: an in-process COM server of the same class,
+// registered for the machine by regsvr32 (regsvr32 /u restores the system's own). It implements the calls
+// that the library makes, and no others. A task's program really runs, as the caller and without a time
+// limit.
 //
-// HKCU\Software\QuorbelStandIn\TaskScheduler has what it keeps:
+// HKCU\Software\QuorbelStandIn\TaskScheduler has its state:
 //   Tasks\NAME   a registered task: its properties, as text ("Path", "Arguments", "UserId", "RunLevel", ...),
-//                and what it was registered with ("RegisteredUser", "RegisteredLogonType")
-//   Calls        every call that it knows ("ITaskService::Connect"), a line each
-//   Unexpected   every call that it does not know ("IPrincipal, method 5", counted from 0) or whose arguments
-//                it does not take
-//   Objects      how many of its objects live in the process that used it last
-// and what it is told:
-//   Fail         the call that fails ("IRegisteredTask::Run"), with E_ACCESSDENIED
-//   State        what a run stays in; no program is started
-//   Result       what a run has ended with; no program is started
+//                and the arguments of its registration ("RegisteredUser", "RegisteredLogonType")
+//   Calls        every implemented call ("ITaskService::Connect"), a line each
+//   Unexpected   every call that is not implemented ("IPrincipal, method 5", counted from 0) or that has
+//                arguments which it rejects
+//   Objects      the number of its live objects in the process that used it last
+// and its settings:
+//   Fail         the call that fails with E_ACCESSDENIED ("IRegisteredTask::Run")
+//   State        the state of every run; no program is started
+//   Result       the result of every run; no program is started
 
 #include "package/toy_suite/toy_scheduler/com_object.h"
 #include "package/toy_suite/toy_scheduler/scheduler.h"
@@ -27,9 +27,9 @@ namespace {
 
 constexpr const wchar_t* SERVER =
     L"Software\\Classes\\CLSID\\{0F87369F-A4E5-4CFC-BD3E-73E6154572DD}\\InprocServer32";
-constexpr const wchar_t* BEFORE = L"BeforeStandIn"; // the server that it stands in for
+constexpr const wchar_t* BEFORE = L"BeforeStandIn"; // the path of the system's own server
 
-// Copies a text of the key to another name; false where there is none.
+// Copies a REG_SZ value of the key to another name; false if there is none.
 bool copy_text(const wchar_t* from, const wchar_t* to)
 {
     wchar_t text[MAX_PATH]{};
