@@ -12,12 +12,12 @@
 #include "support/registry_sandbox.h"
 #include "support/toy_suite.h"
 #include "tests/support/call_sweep.h"
+#include "tests/support/fake_machine.h"
 #include "tests/support/faults.h"
-#include "tests/support/played_machine.h"
 #include "tests/support/scheduler_stand_in.h"
 #include "tests/support/test_limit.h"
-#include "tests/support/upgrade_scene.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
+#include "tests/support/upgrade_fixture.h"
 
 #include <gtest/gtest.h>
 #include <taskschd.h>
@@ -132,8 +132,8 @@ struct stage {
     registry_sandbox machine_hive{HKEY_LOCAL_MACHINE};
     registry_sandbox user_hive{HKEY_CURRENT_USER};
     loaded_library library;
-    watched_session session{library.module()};
-    played_machine machine{library.module()};
+    test_session session{library.module()};
+    fake_machine machine{library.module()};
     call_sweep sweep{library.module()};
     std::filesystem::path folder = std::filesystem::path{toy_library(L"any.dll")}.parent_path();
     std::wstring upgrade_data = new_upgrade_data(folder.wstring());

@@ -3,8 +3,8 @@
 #include "package/toy_suite/powershell/packages.h"
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
-#include "tests/support/upgrade_scene.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
+#include "tests/support/upgrade_fixture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -22,11 +22,11 @@ TEST(PackageActions, run_a_hidden_command_with_good_data_alone_and_tell_what_it_
     if (!machine_is_disposable()) {
         GTEST_SKIP() << "takes PowerShell's place: set DISPOSABLE_MACHINE where that may be";
     }
-    const upgrade_scene scene;
+    const upgrade_fixture fixture;
     const loaded_library library;
     // The lines that msix_..._package writes, and what it returns.
     const auto run = [&](const std::string& action, const std::wstring& data) {
-        watched_session session{library.module()};
+        test_session session{library.module()};
         session.set_property(L"CustomActionData", data);
         const UINT code = library.call(("msix_" + action + "_package").c_str(), session.handle());
         std::wstring told;
@@ -45,16 +45,16 @@ TEST(PackageActions, run_a_hidden_command_with_good_data_alone_and_tell_what_it_
     while (much.size() != 100'000) {
         much += L"0123456789";
     }
-    scene.powershell.tell(L"PrintOut", L"100000 Plexa");
-    scene.powershell.tell(L"PrintError", L"100000 Plexa");
-    const std::wstring folder = scene.context().product_directory; // which has a quote in it
+    fixture.powershell.set_order(L"PrintOut", L"100000 Plexa");
+    fixture.powershell.set_order(L"PrintError", L"100000 Plexa");
+    const std::wstring folder = fixture.context().product_directory; // which has a quote in it
     const std::wstring line = L"\nCustom action: msix_install_package: ";
     const std::wstring told = run("install", folder + L"\\Quorbel.Plexa.Package.msix");
     const std::wstring expected =
         line + L"Starting InstallMsixPackage..." + line + L"Install path: " + folder + line +
         L"MSIX fullpath: " + folder + L"\\Quorbel.Plexa.Package.msix" + line +
         L"about to run: powershell.exe -NoProfile -ExecutionPolicy Bypass -Command \"" +
-        scene.powershell.scripts().at(L"1") + L'"' + line + L"PowerShell Output: " + much + line +
+        fixture.powershell.scripts().at(L"1") + L'"' + line + L"PowerShell Output: " + much + line +
         L"PowerShell Error: " + much + L" (error)" + line + L"ran command - result exitCode: 0\n0";
     EXPECT_EQ(told, expected);
     const auto plexa = toy_powershell::packages_named(L"Quorbel.Plexa").at(0);
@@ -78,7 +78,7 @@ TEST(PackageActions, run_a_hidden_command_with_good_data_alone_and_tell_what_it_
     EXPECT_THAT(run("install", folder + L"\\[1].msix"), testing::EndsWith(L"\n1603"));
     EXPECT_THAT(run("install", folder + L"\\Quorbel.Plex[a-c].Package.msix"), testing::EndsWith(L"\n0"));
     EXPECT_THAT(run("install", folder + L"\\O\u2019Brien.msix"), testing::EndsWith(L"\n1603"));
-    EXPECT_NE(scene.powershell.refused(), L"");
+    EXPECT_NE(fixture.powershell.refused(), L"");
 
     const std::wstring name =
         L"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789.-" + std::wstring(195, L'n');
@@ -91,7 +91,7 @@ TEST(PackageActions, run_a_hidden_command_with_good_data_alone_and_tell_what_it_
         const std::wstring bad = std::wstring{L"Icon"} + unit;
         EXPECT_THAT(run("uninstall", bad), testing::EndsWith(L": MSIX fullpath: " + bad + L"\n87"));
     }
-    EXPECT_EQ(scene.powershell.scripts().size(), 6U) << "nothing was run";
+    EXPECT_EQ(fixture.powershell.scripts().size(), 6U) << "nothing was run";
     EXPECT_THAT(run("uninstall", name), testing::EndsWith(L"\n0")) << "there is none of this name";
 }
 

@@ -4,8 +4,8 @@
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
 #include "support/toy_suite.h"
-#include "tests/support/played_clock.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/test_session.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -32,7 +32,7 @@ protected:
     }
 
     loaded_library library;
-    watched_session session{library.module()};
+    test_session session{library.module()};
 };
 
 TEST_F(ProcessActions, close_the_suite_and_its_hosts_and_nobody_else)
@@ -48,7 +48,7 @@ TEST_F(ProcessActions, close_the_suite_and_its_hosts_and_nobody_else)
     const toy_process other{L"Other.exe", L"--load=" + toy_library(L"QUORBEL.windoworganizer.x64.dll")};
     const toy_process other_host{L"dllhost.exe", L"--load=" + toy_library(L"Other.dll")};
 
-    const played_clock clock{library.module()};
+    const fake_clock clock{library.module()};
     ULONGLONG waited = 0;
     const intercepted_import<"GetTickCount64", decltype(GetTickCount64)> later{
         library.module(), [&] { return std::optional{clock.now() + waited}; }};
@@ -116,7 +116,7 @@ TEST_F(ProcessActions, bring_explorer_back_where_it_ran_and_for_its_user_alone)
     EXPECT_EQ(restore(L"00|S-1-5-18"), L"Explorer cannot start in session zero");
     EXPECT_EQ(restore(own + L"1"), L"Explorer session user changed during installation");
 
-    const played_clock clock{library.module()};
+    const fake_clock clock{library.module()};
     EXPECT_EQ(restore(L"0" + own), L"Explorer did not return after launch");
     EXPECT_EQ(clock.sleeps(), std::vector<DWORD>(40, 250));
     elsewhere = false;

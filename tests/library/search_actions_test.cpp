@@ -1,8 +1,8 @@
 // The actions of the built library with a service that is played.
 
 #include "support/loaded_library.h"
-#include "tests/support/played_clock.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/test_session.h"
 
 #include <gtest/gtest.h>
 
@@ -41,8 +41,8 @@ protected:
     DWORD access = 0;                 // with which it was opened
 
     loaded_library library;
-    watched_session session{library.module()};
-    played_clock clock{library.module()};
+    test_session session{library.module()};
+    fake_clock clock{library.module()};
     intercepted_import<"OpenServiceW", decltype(OpenServiceW)> open{
         library.module(), [this](SC_HANDLE, LPCWSTR, DWORD asked) {
             access = asked;

@@ -2,7 +2,7 @@
 
 #include "support/loaded_library.h"
 #include "support/registry_sandbox.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@ namespace {
 class SmallActions : public testing::Test {
 protected:
     loaded_library library;
-    watched_session session{library.module()};
+    test_session session{library.module()};
 };
 
 TEST_F(SmallActions, tell_a_minor_upgrade_by_the_first_two_numbers)

@@ -4,10 +4,10 @@
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
 #include "tests/support/failing_import.h"
-#include "tests/support/played_clock.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/scheduler_stand_in.h"
-#include "tests/support/upgrade_scene.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
+#include "tests/support/upgrade_fixture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -50,7 +50,7 @@ protected:
     }
 
     loaded_library library;
-    watched_session session{library.module()};
+    test_session session{library.module()};
     std::optional<scheduler_stand_in> scheduler;
     const std::wstring data = new_upgrade_data(LR"(C:\Quorbel)");
     const custom_actions::controlled_upgrade::context upgrade = load_context(data);
@@ -145,7 +145,7 @@ TEST_F(UpgradeActions, keep_the_recovery_task_until_it_has_succeeded)
     scheduler->register_task(task);
     for (const TASK_STATE state : {TASK_STATE_QUEUED, TASK_STATE_RUNNING}) {
         scheduler->stay_in(state);
-        const played_clock clock{library.module()};
+        const fake_clock clock{library.module()};
         EXPECT_THAT(run("recover_early_upgrade"), EndsWith(L"launcher timed out; task retained"));
         EXPECT_EQ(clock.sleeps(), std::vector<DWORD>(150, 100));
     }

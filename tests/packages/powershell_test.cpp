@@ -2,10 +2,10 @@
 #include "custom_actions/upgrade/scripts.h"
 #include "support/disposable_machine.h"
 #include "support/toy_suite.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/faults.h"
-#include "tests/support/played_clock.h"
-#include "tests/support/upgrade_scene.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
+#include "tests/support/upgrade_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -45,18 +45,18 @@ TEST(PowerShell, runs_a_script_as_the_user_and_ends_it_when_its_time_is_over)
             EXPECT_EQ(test_support::thread_is_impersonating(), is_log) << "with whose rights it is opened";
             return std::nullopt;
         }};
-    const test_support::played_clock clock{module};
-    test_support::watched_session session{module};
-    const test_support::upgrade_scene scene;
-    const controlled_upgrade::context& upgrade = scene.context();
+    const test_support::fake_clock clock{module};
+    test_support::test_session session{module};
+    const test_support::upgrade_fixture fixture;
+    const controlled_upgrade::context& upgrade = fixture.context();
     const std::wstring log = upgrade.workspace + L"\\output\\capture-folders.log";
     std::filesystem::create_directories(upgrade.workspace + L"\\output");
 
     const auto& messages = session.messages();
     std::string output;
     const auto run = [&](const wchar_t* order, const wchar_t* argument, DWORD limit = 20'000) {
-        scene.powershell.tell_nothing();
-        scene.powershell.tell(order, argument);
+        fixture.powershell.clear_orders();
+        fixture.powershell.set_order(order, argument);
         return test_support::thrown_by([&] {
             const auto script = controlled_upgrade::capture_folders_script(upgrade);
             output = run_powershell(session.handle(), upgrade, script, L"capture-folders", limit);
@@ -85,7 +85,8 @@ TEST(PowerShell, runs_a_script_as_the_user_and_ends_it_when_its_time_is_over)
     controlled_upgrade::context bracketed = upgrade; // what is there can be opened and not started
     bracketed.product_directory += L"\\[1]";
     std::filesystem::create_directory(bracketed.product_directory);
-    std::filesystem::copy_file(scene.program(L"Quorbel.exe"), bracketed.product_directory + L"\\Quorbel.exe");
+    std::filesystem::copy_file(
+        fixture.program(L"Quorbel.exe"), bracketed.product_directory + L"\\Quorbel.exe");
     EXPECT_EQ(
         test_support::thrown_by([&] {
             const auto script = controlled_upgrade::whats_new_script(bracketed);

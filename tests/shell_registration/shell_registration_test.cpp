@@ -5,7 +5,7 @@
 #include "custom_actions/shell_registration/property_handler.h"
 #include "support/registry_sandbox.h"
 #include "tests/support/failing_import.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
 
 #include <gtest/gtest.h>
 #include <shlobj.h>
@@ -48,7 +48,7 @@ protected:
     HMODULE program = GetModuleHandleW(nullptr);
     registry_sandbox classes_root{HKEY_CLASSES_ROOT}; // which does not follow the user's
     registry_sandbox hive{root};
-    watched_session session{program};
+    test_session session{program};
     const custom_actions::action_log log{session.handle(), L"tested"};
 };
 

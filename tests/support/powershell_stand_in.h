@@ -23,14 +23,14 @@ public:
     powershell_stand_in(const powershell_stand_in&) = delete;
     powershell_stand_in& operator=(const powershell_stand_in&) = delete;
 
-    // An order, as in tell(L"Fail", L"install-3") or tell(L"Die", L"17 capture").
-    void tell(const wchar_t* order, const std::wstring& text) const
+    // An order, as in set_order(L"Fail", L"install-3") or set_order(L"Die", L"17 capture").
+    void set_order(const wchar_t* order, const std::wstring& text) const
     {
         toy_powershell::state_key{toy_powershell::ORDERS}.write(order, text);
     }
 
     // Takes back every order, and nothing else.
-    void tell_nothing() const { toy_powershell::state_key{}.remove_subkey(toy_powershell::ORDERS); }
+    void clear_orders() const { toy_powershell::state_key{}.remove_subkey(toy_powershell::ORDERS); }
 
     // The scripts that it was given, by their numbers: "1", "2", ...
     [[nodiscard]] std::map<std::wstring, std::wstring> scripts() const

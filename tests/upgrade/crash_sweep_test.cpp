@@ -14,8 +14,8 @@
 #include "support/loaded_library.h"
 #include "tests/support/call_sweep.h"
 #include "tests/support/test_limit.h"
-#include "tests/support/upgrade_scene.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
+#include "tests/support/upgrade_fixture.h"
 #include "tests/support/windows_search.h"
 
 #include <gtest/gtest.h>
@@ -71,7 +71,7 @@ TEST(Fault, DISABLED_is_killed_in_an_action)
     std::getline(words, data);
 
     const loaded_library library;
-    watched_session session{library.module()};
+    test_session session{library.module()};
     const import_patch<decltype(Sleep)> impatience{library.module(), "Sleep", &nap};
     session.set_property(L"CustomActionData", data);
     call_sweep sweep{library.module(), CHANGING};
@@ -107,23 +107,23 @@ std::vector<DWORD> running(const std::vector<std::wstring_view>& images)
 }
 
 // One of the phases and the machine on which it is killed.
-class crash_scene {
+class crash_test {
 public:
-    explicit crash_scene(const std::string& phase) : phase_{phase}
+    explicit crash_test(const std::string& phase) : phase_{phase}
     {
         search_.start();
         if (phase != BEGIN) { // which is done once: the later ones add to what it leaves, and no more
             prepare();
-            succeeds(BEGIN, scene_.data());
-            begun_ = scene_.program(L"begun");
-            fs::copy(scene_.context().workspace, begun_, fs::copy_options::recursive);
+            succeeds(BEGIN, fixture_.data());
+            begun_ = fixture_.program(L"begun");
+            fs::copy(fixture_.context().workspace, begun_, fs::copy_options::recursive);
         }
     }
 
-    ~crash_scene() { end_explorer(); }
+    ~crash_test() { end_explorer(); }
 
-    crash_scene(const crash_scene&) = delete;
-    crash_scene& operator=(const crash_scene&) = delete;
+    crash_test(const crash_test&) = delete;
+    crash_test& operator=(const crash_test&) = delete;
 
     void sweep()
     {
@@ -139,9 +139,9 @@ public:
         for (std::size_t nth = 1; nth <= calls_.size() && !testing::Test::HasFailure(); nth += step) {
             kill_at(nth);
         }
-        EXPECT_EQ(scene_.powershell.refused(), L"");
-        fs::remove_all(scene_.context().workspace); // the next one has another
-        succeeds(BEGIN, scene_.data());
+        EXPECT_EQ(fixture_.powershell.refused(), L"");
+        fs::remove_all(fixture_.context().workspace); // the next one has another
+        succeeds(BEGIN, fixture_.data());
         std::cout << phase_ << ": " << calls_.size() << " calls, killed before " << killed_ << ", "
                   << checked_ << " invariants checked\n";
     }
@@ -152,27 +152,27 @@ private:
     // again.
     void prepare()
     {
-        scene_.powershell.open_folders({FOLDER, L"https://example.org/"});
+        fixture_.powershell.open_folders({FOLDER, L"https://example.org/"});
         for (const wchar_t* program : {HELPER, TRAY, HOTKEYS}) {
             if (running({program}).empty()) {
-                programs_.emplace_back(scene_.program(program));
+                programs_.emplace_back(fixture_.program(program));
             }
         }
-        fs::remove_all(scene_.context().workspace);
+        fs::remove_all(fixture_.context().workspace);
         if (begun_.empty()) {
             return;
         }
-        fs::copy(begun_, scene_.context().workspace, fs::copy_options::recursive);
+        fs::copy(begun_, fixture_.context().workspace, fs::copy_options::recursive);
         custom_actions::set_search_start_type(SERVICE_DISABLED);
         custom_actions::stop_search_service();
-        scene_.copy_packages(L"2.0.0");
+        fixture_.copy_packages(L"2.0.0");
         if (phase_ == FINISH) { // as the second phase leaves it
             end_explorer();
             for (const std::wstring file : custom_actions::controlled_upgrade::UPGRADE_PACKAGES) {
-                scene_.powershell.register_package(file.substr(0, file.find(L".Package")), L"2.0.0.0");
+                fixture_.powershell.register_package(file.substr(0, file.find(L".Package")), L"2.0.0.0");
             }
-            write_marker(scene_.context(), L"packages-touched");
-            write_marker(scene_.context(), L"packages-verified");
+            write_marker(fixture_.context(), L"packages-touched");
+            write_marker(fixture_.context(), L"packages-verified");
         }
     }
 
@@ -190,7 +190,7 @@ private:
         prepare();
         const auto programs = running({HELPER, TRAY, HOTKEYS});
         std::vector<std::wstring> packages = registered_packages();
-        const child_result phase = run(phase_, scene_.data(), nth);
+        const child_result phase = run(phase_, fixture_.data(), nth);
         const std::string call = nth == 0 ? "no call" : calls_[nth - 1];
         SCOPED_TRACE("killed before " + call + ", " + std::to_string(nth) + "; " + phase.output);
         killed_ += phase.exit_code == call_sweep::KILLED ? 1 : 0;
@@ -203,10 +203,10 @@ private:
             SleepEx(10, FALSE);
         }
         holds("a key of a process that has gone is live", guard_is_live(), false);
-        auto markers = scene_.markers();
+        auto markers = fixture_.markers();
         const bool stopped = std::ranges::count(markers, "shutdown-started") != 0;
         if (stopped) {
-            scene_.powershell.open_folders({}); // Explorer may have been ended
+            fixture_.powershell.open_folders({}); // Explorer may have been ended
             markers.emplace_back("rollback-complete");
             std::ranges::sort(markers);
         }
@@ -216,12 +216,12 @@ private:
         }
         // What the installer does before the rollback. Nothing of the new version holds these files, which is
         // what nobody but a failing finish itself makes sure of.
-        scene_.copy_packages(L"1.5.0");
+        fixture_.copy_packages(L"1.5.0");
 
-        const child_result rollback = run("rollback_controlled_upgrade", scene_.data());
+        const child_result rollback = run("rollback_controlled_upgrade", fixture_.data());
         SCOPED_TRACE("rolled back: " + rollback.output);
         holds("the rollback", rollback.exit_code, 0U);
-        holds("the markers", scene_.markers(), markers);
+        holds("the markers", fixture_.markers(), markers);
         const LSTATUS key = RegDeleteKeyExW(HKEY_LOCAL_MACHINE, MAINTENANCE_KEY, KEY_WOW64_64KEY, 0);
         holds("the maintenance key", key, LSTATUS{ERROR_FILE_NOT_FOUND});
         holds("the packages", registered_packages(), packages);
@@ -237,14 +237,14 @@ private:
         holds("the tray", running({TRAY}).size(), 1U);
         holds("Explorer", running({L"explorer.exe"}).empty(), false);
         // Windows of other places than folders do not come back, and the suite's other programs do not.
-        holds("the folder windows", scene_.powershell.folders(), std::vector<std::wstring>{FOLDER});
+        holds("the folder windows", fixture_.powershell.folders(), std::vector<std::wstring>{FOLDER});
         holds("the other programs", running({HOTKEYS, L"Quorbel.exe"}).size(), 0U);
         return phase.output;
     }
 
     std::string phase_;
     windows_search search_; // on demand
-    upgrade_scene scene_;
+    upgrade_fixture fixture_;
     std::deque<toy_process> programs_;
     fs::path begun_; // a copy of the workspace that the first phase left
     import_patch<decltype(Sleep)> impatience_{GetModuleHandleW(nullptr), "Sleep", &nap};
@@ -260,7 +260,7 @@ TEST_P(CrashSweep, is_undone_whole_wherever_it_is_killed)
     if (!machine_is_disposable()) {
         GTEST_SKIP() << "ends programs, replaces PowerShell: set DISPOSABLE_MACHINE where that may be";
     }
-    crash_scene{GetParam()}.sweep();
+    crash_test{GetParam()}.sweep();
 }
 
 INSTANTIATE_TEST_SUITE_P(

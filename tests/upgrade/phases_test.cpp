@@ -8,10 +8,10 @@
 #include "custom_actions/upgrade/upgrade_packages.h"
 #include "custom_actions/upgrade/workspace.h"
 #include "support/disposable_machine.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/faults.h"
-#include "tests/support/played_clock.h"
-#include "tests/support/upgrade_scene.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
+#include "tests/support/upgrade_fixture.h"
 #include "tests/support/windows_search.h"
 
 #include <gmock/gmock.h>
@@ -44,13 +44,13 @@ protected:
             GTEST_SKIP() << "ends programs, replaces PowerShell: set DISPOSABLE_MACHINE where that may be";
         }
         test_support::end_explorer(); // the system's own, which is looked at as a host
-        scene.emplace();
-        upgrade = scene->context();
+        fixture.emplace();
+        upgrade = fixture->context();
     }
 
     void TearDown() override
     {
-        if (scene) {
+        if (fixture) {
             test_support::end_explorer();
         }
     }
@@ -61,8 +61,8 @@ protected:
     }
 
     HMODULE this_module = GetModuleHandleW(nullptr);
-    test_support::watched_session session{this_module};
-    std::optional<test_support::upgrade_scene> scene;
+    test_support::test_session session{this_module};
+    std::optional<test_support::upgrade_fixture> fixture;
     context upgrade{};
 };
 
@@ -71,22 +71,22 @@ TEST_F(UpgradePhases, stop_nothing_before_all_is_saved)
     const test_support::windows_search search;
     set_search_start_type(SERVICE_AUTO_START);
     search.start();
-    const toy_process tray{scene->program(L"Quorbel.SystemTray.exe")};
+    const toy_process tray{fixture->program(L"Quorbel.SystemTray.exe")};
     const toy_process elsewhere{L"Quorbel.Comment.exe"};
     upgrade.user_sid += L'1';
     EXPECT_EQ(thrown_by(calling(begin)), "Interactive user changed during upgrade");
-    upgrade = scene->context();
+    upgrade = fixture->context();
     EXPECT_EQ( // which is then told as session 0
         THROWN_WITH(calling(begin), ProcessIdToSessionId, TRUE, {0, 1, 0}),
         "QBL is running in another session; close it there before upgrading");
-    scene->powershell.tell(L"EmptyLog", L"capture-0");
+    fixture->powershell.set_order(L"EmptyLog", L"capture-0");
     EXPECT_EQ(thrown_by(calling(begin)), "Cannot capture original package registration");
     EXPECT_EQ(thrown_by(calling(begin)), "Cannot create unique recovery directory (183)") << "it stays";
     EXPECT_FALSE(tray.exit_code());
     EXPECT_EQ(read_search_start_type(), DWORD{SERVICE_AUTO_START});
 
     std::filesystem::remove_all(upgrade.workspace);
-    scene->powershell.tell_nothing();
+    fixture->powershell.clear_orders();
     // The delayed start of a service, which not every system under the tests can tell.
     const test_support::intercepted_import<"QueryServiceConfig2W", decltype(QueryServiceConfig2W)> delayed{
         this_module, [](SC_HANDLE, DWORD, LPBYTE info, auto...) {
@@ -119,16 +119,16 @@ TEST_F(UpgradePhases, stop_nothing_before_all_is_saved)
 
 TEST_F(UpgradePhases, refuse_what_comes_again_and_do_not_mind_what_goes)
 {
-    const toy_process program{scene->program(L"Quorbel.HotkeyHandler.exe")};
+    const toy_process program{fixture->program(L"Quorbel.HotkeyHandler.exe")};
     std::deque<toy_process> latecomers; // which do not close themselves
     std::vector<DWORD> limits;
-    const test_support::played_clock clock{this_module};
+    const test_support::fake_clock clock{this_module};
     const test_support::intercepted_import<"WaitForSingleObject", decltype(WaitForSingleObject)> waits{
         this_module, [&](HANDLE process, DWORD limit) {
             if (limit <= 5000) { // not that of a latecomer's start
                 limits.push_back(limit);
                 if (limit != 0) {
-                    latecomers.emplace_back(scene->program(L"Quorbel.SystemTray.exe"), L"--window=ignores");
+                    latecomers.emplace_back(fixture->program(L"Quorbel.SystemTray.exe"), L"--window=ignores");
                 }
             }
             return std::optional{WaitForSingleObjectEx(process, limit == 1000 ? 10 : limit, FALSE)};
@@ -152,7 +152,7 @@ TEST_F(UpgradePhases, refuse_what_comes_again_and_do_not_mind_what_goes)
 
 TEST_F(UpgradePhases, do_not_mind_a_program_that_ends_while_it_is_looked_at)
 {
-    const toy_process program{scene->program(L"Quorbel.exe")};
+    const toy_process program{fixture->program(L"Quorbel.exe")};
     const test_support::intercepted_import<"QueryFullProcessImageNameW", decltype(QueryFullProcessImageNameW)>
         look{this_module, [&](auto...) {
                  test_support::end_programs(L"Quorbel.exe");
@@ -191,15 +191,15 @@ TEST_F(UpgradePhases, undo_all_that_can_be_undone)
     EXPECT_EQ(thrown_by(calling(finish)), "Package verification was not completed");
     write_marker(upgrade, marker::PACKAGES_TOUCHED);
     write_marker(upgrade, marker::PACKAGES_VERIFIED);
-    scene->powershell.register_package(L"Quorbel.Plexa", L"2.0.0.0");
-    scene->powershell.tell(L"Fail", L"restore-runtime");
+    fixture->powershell.register_package(L"Quorbel.Plexa", L"2.0.0.0");
+    fixture->powershell.set_order(L"Fail", L"restore-runtime");
     EXPECT_EQ(
         THROWN_WITH(calling(finish), RegDeleteKeyExW, ERROR_ACCESS_DENIED, {0}),
         "Cannot release upgrade guard; " + FAILED_SCRIPT + "; ");
     EXPECT_TRUE(guard_is_live()) << "taken again";
     EXPECT_EQ(read_search_start_type(), DWORD{SERVICE_DISABLED});
 
-    scene->powershell.tell_nothing();
+    fixture->powershell.clear_orders();
     std::filesystem::remove(saved_package(upgrade, 0));
     EXPECT_EQ(
         THROWN_WITH(calling(rollback), RegSetValueExW, ERROR_ACCESS_DENIED, {0}),

@@ -3,8 +3,8 @@
 #include "custom_actions/upgrade/phases.h"
 #include "custom_actions/upgrade/workspace.h"
 #include "tests/support/faults.h"
-#include "tests/support/upgrade_scene.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
+#include "tests/support/upgrade_fixture.h"
 
 #include <aclapi.h>
 #include <gtest/gtest.h>
@@ -35,7 +35,7 @@ protected:
     HMODULE program = GetModuleHandleW(nullptr);
     const context upgrade = load_context(test_support::new_upgrade_data(L"C:\\Suite"));
     const fs::path folder = upgrade.workspace;
-    test_support::watched_session session{program};
+    test_support::test_session session{program};
     std::wstring owner; // of every file and folder; empty for the real one
     intercepted_import<"GetSecurityInfo", decltype(GetSecurityInfo)> owners{
         program,

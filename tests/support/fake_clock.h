@@ -10,9 +10,9 @@ namespace test_support {
 
 // A clock for one module (its GetTickCount64) that runs only while the module sleeps (its Sleep, which
 // returns at once). One can live at a time.
-class played_clock {
+class fake_clock {
 public:
-    explicit played_clock(HMODULE module)
+    explicit fake_clock(HMODULE module)
         : clock_{module, "GetTickCount64", &tell}, sleep_{module, "Sleep", &pass}
     {
         now_ = 0;

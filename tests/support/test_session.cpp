@@ -1,4 +1,4 @@
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
 
 #include "custom_actions/common/installer_session.h"
 #include "support/require.h"
@@ -28,20 +28,20 @@ void PrintTo(const posted_message& message, std::ostream* out)
          << '}';
 }
 
-watched_session::watched_session(HMODULE module)
+test_session::test_session(HMODULE module)
 {
-    watch_records(module);
+    count_records(module);
     if (module != GetModuleHandleW(nullptr)) { // a test program asks for neither folders nor components
-        play_product(module);
+        fake_product(module);
     }
 }
 
-watched_session::~watched_session()
+test_session::~test_session()
 {
     EXPECT_EQ(open_records_, 0U) << "records left open";
 }
 
-void watched_session::watch_records(HMODULE module)
+void test_session::count_records(HMODULE module)
 {
     interceptions_.push_back(intercept<"MsiCreateRecord", decltype(MsiCreateRecord)>(module, [this](UINT) {
         ++open_records_;
@@ -55,7 +55,7 @@ void watched_session::watch_records(HMODULE module)
         }));
 }
 
-void watched_session::play_product(HMODULE module)
+void test_session::fake_product(HMODULE module)
 {
     interceptions_.push_back(intercept<"MsiSetTargetPathW", decltype(MsiSetTargetPathW)>(
         module, [this](MSIHANDLE, const std::wstring& folder, const std::wstring& path) {
@@ -81,12 +81,12 @@ void watched_session::play_product(HMODULE module)
         }));
 }
 
-void watched_session::set_property(const std::wstring& name, const std::wstring& value) const
+void test_session::set_property(const std::wstring& name, const std::wstring& value) const
 {
     require(MsiSetPropertyW(handle(), name.c_str(), value.c_str()), "MsiSetPropertyW");
 }
 
-std::optional<std::wstring> watched_session::property(const std::wstring& name) const
+std::optional<std::wstring> test_session::property(const std::wstring& name) const
 {
     const std::wstring value = custom_actions::read_property(handle(), name.c_str());
     return value.empty() ? std::nullopt : std::optional{value};

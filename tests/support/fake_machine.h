@@ -1,7 +1,7 @@
 #pragma once
 
 #include "tests/support/failing_import.h"
-#include "tests/support/played_clock.h"
+#include "tests/support/fake_clock.h"
 
 #include <windows.h>
 
@@ -19,10 +19,10 @@ namespace test_support {
 // no time passes but for a clock that is turned by sleeping. What else the module does is real. Everything
 // that it is given to close (service handles and environments too) is a real handle, and one left open is
 // counted with the others. One can live at a time.
-class played_machine {
+class fake_machine {
 public:
     // Throws std::runtime_error where `module` does not import what is played here.
-    explicit played_machine(HMODULE module);
+    explicit fake_machine(HMODULE module);
 
     struct program {
         std::wstring_view name;
@@ -34,9 +34,9 @@ public:
     DWORD search_state = SERVICE_RUNNING;
 
 private:
-    void play_snapshots();
-    void play_programs();
-    void play_service();
+    void fake_snapshots();
+    void fake_programs();
+    void fake_service();
 
     template <function_name Name, class Function, class Answer>
     void answer(Function* played, Answer result);
@@ -44,7 +44,7 @@ private:
     HMODULE module_;
     DWORD last_listed_ = 0; // in the snapshot that is being read
     DWORD inspected_ = 0;   // whose library is the next module
-    played_clock clock_;
+    fake_clock clock_;
     std::vector<std::shared_ptr<void>> interceptions_;
 };
 

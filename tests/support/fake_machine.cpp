@@ -1,4 +1,4 @@
-#include "tests/support/played_machine.h"
+#include "tests/support/fake_machine.h"
 
 #include <gtest/gtest.h>
 #include <tlhelp32.h>
@@ -39,22 +39,22 @@ constexpr auto close = [](void* handle) {
 } // namespace
 
 template <function_name Name, class Function, class Answer>
-void played_machine::answer(Function* /*played*/, Answer result)
+void fake_machine::answer(Function* /*played*/, Answer result)
 {
     interceptions_.push_back(
         std::make_shared<intercepted_import<Name, Function>>(module_, std::move(result)));
 }
 
-played_machine::played_machine(HMODULE module) : module_{module}, clock_{module}
+fake_machine::fake_machine(HMODULE module) : module_{module}, clock_{module}
 {
-    play_snapshots();
-    play_programs();
-    play_service();
+    fake_snapshots();
+    fake_programs();
+    fake_service();
 }
 
 // A snapshot has what is there when it is looked at: each program once, and as its modules one of no name and
 // the library that it has loaded.
-void played_machine::play_snapshots()
+void fake_machine::fake_snapshots()
 {
     const auto next = [this](HANDLE, PROCESSENTRY32W* entry) {
         const auto found = running.upper_bound(last_listed_);
@@ -83,7 +83,7 @@ void played_machine::play_snapshots()
     });
 }
 
-void played_machine::play_programs()
+void fake_machine::fake_programs()
 {
     answer<"OpenProcess">(&OpenProcess, [this](DWORD access, BOOL inherit, DWORD process) {
         if (running.contains(process) || !programs.contains(process)) {
@@ -144,7 +144,7 @@ void played_machine::play_programs()
     });
 }
 
-void played_machine::play_service()
+void fake_machine::fake_service()
 {
     const auto open = [](auto...) { return reinterpret_cast<SC_HANDLE>(new_handle()); };
     const auto bring_to = [this](DWORD state) {

@@ -16,14 +16,14 @@ std::wstring new_upgrade_data(const std::wstring& product_directory);
 // package files, before an upgrade: of it, one package is registered as it should be, one in an older
 // version, and the others are not. PowerShell is the stand-in. No workspace is there yet. At the end nothing
 // of it runs or is there, the maintenance key neither. The machine must be disposable.
-class upgrade_scene {
+class upgrade_fixture {
 public:
     // Throws std::exception where the suite cannot be put there.
-    upgrade_scene();
-    ~upgrade_scene();
+    upgrade_fixture();
+    ~upgrade_fixture();
 
-    upgrade_scene(const upgrade_scene&) = delete;
-    upgrade_scene& operator=(const upgrade_scene&) = delete;
+    upgrade_fixture(const upgrade_fixture&) = delete;
+    upgrade_fixture& operator=(const upgrade_fixture&) = delete;
 
     // What an installer does between the phases.
     void copy_packages(const std::wstring& version) const;

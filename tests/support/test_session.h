@@ -18,11 +18,11 @@ void PrintTo(const posted_message& message, std::ostream* out);
 // A session of the real installer for one module. What needs a product that is installed or being installed
 // is played: its components, and the folders to install to. A record that is still open at the end, or closed
 // twice, fails the test. One can live at a time.
-class watched_session : public real_session {
+class test_session : public real_session {
 public:
     // Throws std::runtime_error when `module` does not import what is watched or played.
-    explicit watched_session(HMODULE module);
-    ~watched_session();
+    explicit test_session(HMODULE module);
+    ~test_session();
 
     void set_property(const std::wstring& name, const std::wstring& value) const;
     [[nodiscard]] std::optional<std::wstring> property(const std::wstring& name) const;
@@ -40,8 +40,8 @@ public:
     [[nodiscard]] unsigned open_records() const noexcept { return open_records_; }
 
 private:
-    void watch_records(HMODULE module);
-    void play_product(HMODULE module);
+    void count_records(HMODULE module);
+    void fake_product(HMODULE module);
 
     unsigned open_records_ = 0;
     std::wstring installed_; // product and component
