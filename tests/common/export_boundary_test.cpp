@@ -23,7 +23,7 @@ TEST(ExportBoundary, turns_an_exception_into_messages_and_a_code)
 {
     const test_support::test_session session{GetModuleHandleW(nullptr)};
     EXPECT_EQ(run_action(session.handle(), report_upgrade_failure, fail), 1603U);
-    EXPECT_EQ(run_action(0, report_upgrade_failure, fail), 1603U) << "which has nobody to tell";
+    EXPECT_EQ(run_action(0, report_upgrade_failure, fail), 1603U) << "without a session";
     EXPECT_THAT(
         session.messages(),
         testing::ElementsAre(

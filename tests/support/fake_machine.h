@@ -13,24 +13,25 @@
 
 namespace test_support {
 
-// The machine around one module, played, so that an action can be run a thousand times: real programs are
-// listed, asked, opened and inspected, but end only in the play, terminated or, without a library, asked at a
-// window of theirs; a service "WSearch" is started and stopped; scripts succeed at once and leave their log;
-// no time passes but for a clock that is turned by sleeping. What else the module does is real. Everything
-// that it is given to close (service handles and environments too) is a real handle, and one left open is
-// counted with the others. One can live at a time.
+// Fakes the machine around one module, so that an action can run a thousand times:
+// - `programs` are real processes that are listed, opened and inspected, but end only in `running`: when
+//   terminated or, if they have no library, when one of their windows is asked to close;
+// - a service "WSearch" starts and stops at once; scripts succeed at once and leave their log;
+// - time passes only by sleeping.
+// Everything else is real. All that the module has to close, service handles and environments included, is a
+// real handle, so that a leak is counted. Only one may exist at a time.
 class fake_machine {
 public:
-    // Throws std::runtime_error where `module` does not import what is played here.
+    // Throws std::runtime_error if `module` does not import a function that is replaced here.
     explicit fake_machine(HMODULE module);
 
     struct program {
         std::wstring_view name;
-        std::wstring_view library; // which it has loaded
+        std::wstring_view library; // that it has loaded
     };
 
-    std::map<DWORD, program> programs; // by their processes
-    std::set<DWORD> running;           // those of them that are listed; a program that is started joins them
+    std::map<DWORD, program> programs; // by process id
+    std::set<DWORD> running;           // the ids that are listed; starting a program adds its own
     DWORD search_state = SERVICE_RUNNING;
 
 private:
@@ -39,11 +40,11 @@ private:
     void fake_service();
 
     template <function_name Name, class Function, class Answer>
-    void answer(Function* played, Answer result);
+    void answer(Function* replaced, Answer result);
 
     HMODULE module_;
-    DWORD last_listed_ = 0; // in the snapshot that is being read
-    DWORD inspected_ = 0;   // whose library is the next module
+    DWORD last_listed_ = 0; // in the current snapshot
+    DWORD inspected_ = 0;   // its library is the next module
     fake_clock clock_;
     std::vector<std::shared_ptr<void>> interceptions_;
 };

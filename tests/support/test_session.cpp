@@ -31,7 +31,7 @@ void PrintTo(const posted_message& message, std::ostream* out)
 test_session::test_session(HMODULE module)
 {
     count_records(module);
-    if (module != GetModuleHandleW(nullptr)) { // a test program asks for neither folders nor components
+    if (module != GetModuleHandleW(nullptr)) { // a test program imports neither function
         fake_product(module);
     }
 }
@@ -50,7 +50,7 @@ void test_session::count_records(HMODULE module)
     interceptions_.push_back(
         intercept<"MsiCloseHandle", decltype(MsiCloseHandle)>(module, [this](MSIHANDLE record) {
             --open_records_;
-            EXPECT_NE(MsiRecordGetFieldCount(record), ~0U) << "closed, but no open record: " << record;
+            EXPECT_NE(MsiRecordGetFieldCount(record), ~0U) << "closes what is not an open record: " << record;
             return std::nullopt;
         }));
 }
@@ -59,7 +59,7 @@ void test_session::fake_product(HMODULE module)
 {
     interceptions_.push_back(intercept<"MsiSetTargetPathW", decltype(MsiSetTargetPathW)>(
         module, [this](MSIHANDLE, const std::wstring& folder, const std::wstring& path) {
-            // As the installer does, with one separator at its end.
+            // Like the installer, with one separator at the end.
             set_property(folder, path.ends_with(L'\\') ? path : path + L'\\');
             return UINT{ERROR_SUCCESS};
         }));
@@ -76,7 +76,7 @@ void test_session::fake_product(HMODULE module)
                 context != MSIINSTALLCONTEXT_MACHINE) {
                 return INSTALLSTATE_UNKNOWN;
             }
-            *size = static_cast<DWORD>(key_path_.copy(path, *size)); // which is all zeros
+            *size = static_cast<DWORD>(key_path_.copy(path, *size)); // the buffer is filled with zeros
             return INSTALLSTATE_LOCAL;
         }));
 }

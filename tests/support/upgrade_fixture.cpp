@@ -49,7 +49,7 @@ upgrade_fixture::upgrade_fixture()
       data_{new_upgrade_data(folder_)}, context_{custom_actions::controlled_upgrade::load_context(data_)}
 {
     end_suite();
-    fs::remove_all(folder_); // of a process with the same id
+    fs::remove_all(folder_); // a killed process may have left one with the same id
     fs::create_directories(folder_);
     for (const wchar_t* name : PROGRAMS) {
         fs::copy_file(beside_this_program(L"toy_program.exe"), program(name));

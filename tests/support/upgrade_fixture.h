@@ -9,28 +9,28 @@
 
 namespace test_support {
 
-// The CustomActionData of an upgrade of this folder, new, for this process's own user and session.
+// CustomActionData for a new upgrade of this folder by this process's user and session.
 std::wstring new_upgrade_data(const std::wstring& product_directory);
 
-// An installed suite in a folder of this process's own, whose name is a hard one, with version 1.5.0 of its
-// package files, before an upgrade: of it, one package is registered as it should be, one in an older
-// version, and the others are not. PowerShell is the stand-in. No workspace is there yet. At the end nothing
-// of it runs or is there, the maintenance key neither. The machine must be disposable.
+// An installed suite before an upgrade, in this process's own folder (whose name needs quoting), with package
+// files of version 1.5.0: one package registered in that version, one in an older one, the others not at all.
+// PowerShell is the stand-in; there is no workspace yet. At the end all of it is ended and deleted, and the
+// maintenance key too. The machine must be disposable.
 class upgrade_fixture {
 public:
-    // Throws std::exception where the suite cannot be put there.
+    // Throws std::exception if the suite cannot be set up.
     upgrade_fixture();
     ~upgrade_fixture();
 
     upgrade_fixture(const upgrade_fixture&) = delete;
     upgrade_fixture& operator=(const upgrade_fixture&) = delete;
 
-    // What an installer does between the phases.
+    // Copies the package files of `version` into the folder, as the installer does between the phases.
     void copy_packages(const std::wstring& version) const;
 
     [[nodiscard]] std::wstring program(const wchar_t* name) const { return folder_ + L'\\' + name; }
 
-    // The markers in the workspace, sorted; nothing where that is not there.
+    // The markers in the workspace, sorted; empty if there is no workspace.
     [[nodiscard]] std::vector<std::string> markers() const;
 
     [[nodiscard]] const std::wstring& data() const noexcept { return data_; }
