@@ -1,4 +1,4 @@
-# How every target of the project is compiled and linked, on both compilers.
+# Compile and link options for every target, on both compilers.
 add_library(project_options INTERFACE)
 target_compile_features(project_options INTERFACE cxx_std_20)
 set(CMAKE_CXX_EXTENSIONS OFF)
@@ -7,11 +7,11 @@ target_compile_definitions(project_options INTERFACE UNICODE _UNICODE WIN32_LEAN
 target_include_directories(project_options INTERFACE ${PROJECT_SOURCE_DIR})
 
 if(MSVC)
-  # The runtime goes into the library: nothing of the compiler's beside it.
+  # Static runtime: the library needs no redistributable beside it.
   set(CMAKE_MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>")
   target_compile_options(project_options INTERFACE /W4 /WX /permissive- /utf-8 /Zc:__cplusplus /guard:cf)
   target_compile_definitions(project_options INTERFACE _CRT_SECURE_NO_WARNINGS)
-  # Address randomisation with high entropy and no-execute are this linker's defaults, named to be seen.
+  # /DYNAMICBASE, /HIGHENTROPYVA and /NXCOMPAT are the linker's defaults, spelled out.
   target_link_options(project_options INTERFACE /DYNAMICBASE /HIGHENTROPYVA /NXCOMPAT /guard:cf /CETCOMPAT)
 else()
   target_compile_options(
@@ -41,29 +41,27 @@ else()
               -Wunused
               -fstack-protector-strong
               -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
-  # The runtime goes into the library, too; and the same sources make the same bytes.
+  # Static runtime here too, and reproducible output.
   target_link_options(project_options INTERFACE -static -fstack-protector-strong -Wl,--dynamicbase,--high-entropy-va,--nxcompat
                       -Wl,--no-insert-timestamp)
 endif()
 
 option(CUSTOM_ACTIONS_COVERAGE "Instrument the library for line coverage (GCC only)" OFF)
 
-# What is shipped, on top of that: small, since the installer unpacks and loads it anew for each action.
+# Extra options for what is shipped: small, because the installer unpacks and loads it for each action.
 add_library(library_options INTERFACE)
 if(MSVC)
-  # Without what nobody calls and the linker's room for changes; the same sources make the same bytes. The load flag keeps
-  # the libraries that ours imports to the system directory.
+  # No dead code, no incremental linking, reproducible output; imported libraries load from the system directory only.
   set(link_options /INCREMENTAL:NO /OPT:REF /OPT:ICF /Brepro /DEPENDENTLOADFLAG:0x800)
 else()
   target_compile_options(library_options INTERFACE $<$<CONFIG:Release,RelWithDebInfo>:-Os>)
-  # An exception that nobody catches ends the process without its name on a standard error that nobody reads: the
-  # runtime's part that takes names apart stays out.
+  # Leaves out the runtime's name demangler: nobody reads what an uncaught exception prints to standard error.
   set(link_options -Wl,--defsym=_ZN9__gnu_cxx27__verbose_terminate_handlerEv=abort)
 endif()
-# CMake passes link options on to whatever links a static library that has them: the tests' programs take none of these.
+# Shared libraries only: CMake would pass the link options of a static library on to the test programs.
 target_link_options(library_options INTERFACE "$<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:${link_options}>")
 
-# The symbols of a library go into a file of their own, which it names, so that a debugger finds them.
+# Moves a library's symbols into LIBRARY.dll.debug and links to it, so that a debugger finds them.
 function(split_symbols library)
   if(MSVC OR CUSTOM_ACTIONS_COVERAGE)
     return()

@@ -1,12 +1,12 @@
-# Read by CTest when it starts: an entry for each suite of `program`, which `emulator` runs, with `properties`. Its lists go into
-# files named after `list_file`.
+# Included by CTest when it starts: adds a test with `properties` for each suite of `program`, run by `emulator`.
+# The program's output goes to `list_file`.txt and .err.
 get_filename_component(name ${program} NAME_WE)
 if(NOT EXISTS ${program})
   add_test(${name}_is_built ${program})
   return()
 endif()
 
-# Into files: whatever the program leaves running would keep a pipe open.
+# To files, because a process that the program leaves running would keep a pipe open.
 execute_process(
   COMMAND ${emulator} ${program} --gtest_list_tests --gtest_filter=-Fault.*
   OUTPUT_FILE ${list_file}.txt
@@ -19,7 +19,7 @@ if(NOT result EQUAL 0)
   message(FATAL_ERROR "${program} does not list its tests: ${result}\n${output}${errors}")
 endif()
 
-# A suite stands at the beginning of its line and ends in a full stop; its cases are indented.
+# A suite's line is not indented and ends in a full stop; its cases are indented.
 file(STRINGS ${list_file}.txt suites REGEX "^[A-Za-z0-9_/]+\\.")
 foreach(line IN LISTS suites)
   string(REGEX REPLACE "\\..*" "" suite "${line}")

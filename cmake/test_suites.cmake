@@ -1,11 +1,10 @@
-# One entry of CTest's for each suite of a GoogleTest program: one for each case would cost a process each, and one for
-# the program would hide which part of it failed. The program is asked for its suites when CTest starts, since it may not
-# run where it is built.
+# Adds one CTest test for each suite of a GoogleTest program: one for each case would cost a process each, and one for
+# the whole program would hide which part failed. CTest lists the suites when it starts, as the program may not run on
+# the machine that builds it.
 #   add_test_suites(TARGET [PROPERTY VALUE...])
-# The cases of the suite "Fault" break on purpose; others run them in processes of their own.
+# Leaves out the suite "Fault": its cases crash on purpose, and other tests run them in child processes.
 function(add_test_suites target)
-  # The program ends a test that is over its time by itself, with its name; behind that is the limit of a suite, and
-  # CTest's own is behind both.
+  # In seconds. The program itself has a time limit for each test and names the one that exceeds it.
   set(suite_limit 600)
   set(ctest_limit 630)
   if(CMAKE_CROSSCOMPILING)

@@ -7,7 +7,7 @@
 
 namespace test_support {
 
-// The same text with a byte for each unit; it has to be ASCII.
+// Converts `text`, which must be ASCII.
 inline std::string as_ascii(std::wstring_view text)
 {
     std::string bytes;

@@ -8,6 +8,8 @@ namespace test_support {
 
 using custom_actions::kernel_handle;
 
+constexpr DWORD TERMINATION_LIMIT_MS = 5000;
+
 std::wstring this_program()
 {
     std::wstring path(MAX_PATH, L'\0');
@@ -28,7 +30,7 @@ started_child start_child(std::wstring command_line, DWORD flags, HANDLE output)
     startup.hStdOutput = output;
     startup.hStdError = output;
     PROCESS_INFORMATION started{};
-    // Wine loses one program of some thousands while it starts.
+    // Under Wine about one start in some thousands fails.
     for (int tries = 0; !CreateProcessW(
              nullptr,
              command_line.data(),
@@ -52,8 +54,8 @@ started_child start_child(std::wstring command_line, DWORD flags, HANDLE output)
 
 child_result run_child(std::wstring command_line, std::chrono::milliseconds limit)
 {
-    // A file that goes when it is closed. What the child leaves running may write into it for as long as it
-    // likes, and nobody waits for that as they would at the end of a pipe.
+    // A temporary file, deleted when closed. Unlike a pipe, it makes nobody wait for a process that the child
+    // leaves running.
     std::wstring path(MAX_PATH, L'\0');
     GetTempFileNameW(std::filesystem::temp_directory_path().c_str(), L"out", 0, path.data());
     SECURITY_ATTRIBUTES inheritable{
@@ -73,7 +75,7 @@ child_result run_child(std::wstring command_line, std::chrono::milliseconds limi
         start_child(std::move(command_line), CREATE_NO_WINDOW, output.get()).process;
     if (WaitForSingleObject(process.get(), static_cast<DWORD>(limit.count())) != WAIT_OBJECT_0) {
         TerminateProcess(process.get(), WAIT_TIMEOUT);
-        WaitForSingleObject(process.get(), 5000);
+        WaitForSingleObject(process.get(), TERMINATION_LIMIT_MS);
     }
     child_result result{
         .exit_code = STILL_ACTIVE, .output = std::string(GetFileSize(output.get(), nullptr), '\0')};

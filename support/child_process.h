@@ -11,10 +11,10 @@ namespace test_support {
 
 struct child_result {
     DWORD exit_code;
-    std::string output; // standard output and standard error, as they came
+    std::string output; // standard output and standard error, interleaved
 };
 
-// The file of this program, and one of this name beside it.
+// The path of this program, and of the file `name` beside it.
 std::wstring this_program();
 std::wstring beside_this_program(const std::wstring& name);
 
@@ -23,12 +23,12 @@ struct started_child {
     DWORD id;
 };
 
-// Starts a program. With an inheritable `output` it writes there, and inherits whatever else is inheritable.
-// Throws std::system_error where it cannot be started.
+// Starts a program. An inheritable `output` becomes its standard output and error; it then inherits every
+// other inheritable handle too. Throws std::system_error if it cannot be started.
 started_child start_child(std::wstring command_line, DWORD flags = 0, HANDLE output = nullptr);
 
-// Runs `command_line` without a window and waits for its end. A child that is still running after `limit` is
-// ended. Throws std::system_error where it cannot be started.
+// Runs `command_line` without a window and waits until it exits; terminates it after `limit`. Throws
+// std::system_error if it cannot be started.
 child_result run_child(std::wstring command_line, std::chrono::milliseconds limit);
 
 } // namespace test_support

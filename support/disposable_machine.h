@@ -4,9 +4,8 @@
 
 namespace test_support {
 
-// Whether the machine may be changed, which the environment variable DISPOSABLE_MACHINE says; scripts/wine.sh
-// sets it for the project's own Wine prefix. A test that needs it skips with the name of the variable
-// otherwise.
+// True if tests may change this machine: the environment variable DISPOSABLE_MACHINE is set, as
+// scripts/wine.sh does for the project's own Wine prefix. Otherwise such tests skip and name the variable.
 inline bool machine_is_disposable()
 {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): the environment is changed on one thread alone

@@ -6,13 +6,12 @@
 
 namespace test_support {
 
-// Sends the calls that one module makes through one entry of its import table somewhere else, until the scope
-// ends. Only calls of that module are redirected, and only those that go through the table (not
-// GetProcAddress). A function that is running while the patch comes or goes may have read its imports
-// already.
+// Redirects one entry of a module's import table until the scope ends. Calls by other modules or through
+// GetProcAddress are not affected. A function that runs while the patch is set or removed may use the old
+// entry.
 class untyped_import_patch {
 public:
-    // Throws std::runtime_error where `module` does not import `function`.
+    // Throws std::runtime_error if `module` does not import `function`.
     untyped_import_patch(HMODULE module, const char* function, ULONG_PTR replacement);
     ~untyped_import_patch();
 
@@ -27,8 +26,7 @@ private:
     ULONG_PTR original_;
 };
 
-// As above, with the function's type: import_patch<decltype(MsiCloseHandle)> patch{module, "MsiCloseHandle",
-// other}.
+// The same, typed: import_patch<decltype(MsiCloseHandle)> patch{module, "MsiCloseHandle", &replacement}.
 template <class Function>
 class import_patch : public untyped_import_patch {
     static_assert(std::is_function_v<Function>);
@@ -39,7 +37,6 @@ public:
     {
     }
 
-    // What the calls went to before.
     [[nodiscard]] Function* original() const noexcept
     {
         return reinterpret_cast<Function*>(untyped_import_patch::original());

@@ -22,7 +22,7 @@ loaded_library::loaded_library(const std::wstring& path)
         throw std::system_error{
             static_cast<int>(GetLastError()), std::system_category(), "loading the library"};
     }
-    // With its first exception the library's runtime opens handles of its own; no test is to count them.
+    // The runtime opens handles of its own with its first exception: throw one now, so no test counts them.
     call("prepare_controlled_upgrade", 0);
 }
 

@@ -6,14 +6,13 @@
 
 namespace test_support {
 
-// custom_actions.dll beside this program.
+// The path of custom_actions.dll beside this program.
 std::wstring built_library();
 
-// The library, loaded as on a machine that has nothing but the system's own libraries: what it needs is
-// looked for in the system directory alone.
+// The library, loaded with its imports looked up in the system directory only, as on a clean machine.
 class loaded_library {
 public:
-    // `path` is absolute. Throws std::system_error where the library does not load.
+    // `path` is absolute. Throws std::system_error if the library does not load.
     explicit loaded_library(const std::wstring& path = built_library());
     ~loaded_library();
 
@@ -22,7 +21,7 @@ public:
 
     [[nodiscard]] HMODULE module() const noexcept { return module_; }
 
-    // Calls the exported action `name`. Throws std::runtime_error where there is none.
+    // Calls the exported action `name` and returns its code. Throws std::runtime_error if there is none.
     UINT call(const char* name, unsigned long session) const;
 
 private:

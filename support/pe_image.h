@@ -5,13 +5,13 @@
 #include <string>
 #include <vector>
 
-// A module as it is loaded in this process, read from its own headers.
+// Reads the headers of a module loaded in this process.
 namespace test_support {
 
 struct imported_function {
     std::string library;
-    std::string name; // looked up in the library when it is imported by number; empty if it has none there
-    ULONG_PTR* slot;  // the entry of the import address table that calls go through
+    std::string name; // looked up in the library if imported by number; empty if it has none there
+    ULONG_PTR* slot;  // its entry in the import address table
     bool by_number;
 };
 
@@ -22,7 +22,7 @@ public:
 
     [[nodiscard]] const IMAGE_NT_HEADERS64& headers() const noexcept { return *headers_; }
 
-    // In the order of the export name table, which is alphabetical. The image has one.
+    // In alphabetical order. The image must have an export table.
     [[nodiscard]] std::vector<std::string> exported_names() const;
 
     [[nodiscard]] std::vector<imported_function> imports() const;
@@ -30,7 +30,7 @@ public:
 private:
     [[nodiscard]] const IMAGE_EXPORT_DIRECTORY& exports() const noexcept;
 
-    // The name under which the image exports the function with this number; empty if there is none.
+    // The name of the export with this number; empty if there is none.
     [[nodiscard]] std::string exported_name(ULONGLONG number) const;
 
     template <class T>

@@ -19,14 +19,13 @@ struct posted_message {
     bool operator==(const posted_message&) const = default;
 };
 
-// A session of the real installer in this process, on a package with nothing to install, made for it and gone
-// with it. Its properties, records and messages are the installer's own; it is no deferred context.
+// A session of the real installer in this process, on a temporary package with nothing to install.
+// Properties, records and messages are the installer's own. It is not a deferred context.
 class real_session {
 public:
-    // Called with each message as it is posted.
     using message_listener = std::function<void(const posted_message&)>;
 
-    // Throws std::system_error with the installer's code.
+    // Calls `listener` with each message as it is posted. Throws std::system_error with the installer's code.
     explicit real_session(message_listener listener = {});
     ~real_session();
 
@@ -35,14 +34,14 @@ public:
 
     [[nodiscard]] MSIHANDLE handle() const noexcept { return session_.get(); }
 
-    // What was posted to the session since it was opened.
+    // Every message posted since the session was opened.
     [[nodiscard]] const std::vector<posted_message>& messages() const noexcept { return messages_; }
 
 private:
     static INT WINAPI on_message(LPVOID context, UINT type, MSIHANDLE record);
 
     scratch_database database_;
-    custom_actions::record_handle session_; // MsiCloseHandle closes every kind of the installer's handles
+    custom_actions::record_handle session_; // MsiCloseHandle closes sessions too
     message_listener listener_;
     std::vector<posted_message> messages_;
 };

@@ -9,7 +9,7 @@
 namespace test_support {
 namespace {
 
-// Two sandboxes of one process redirect different roots, so the root's low bits keep their keys apart.
+// A process may have a sandbox for each root: the root's low bits make their names differ.
 std::wstring scratch_name(HKEY root)
 {
     return std::to_wstring(GetCurrentProcessId()) + L"-" +
@@ -32,7 +32,7 @@ std::string hexadecimal(std::wstring_view text)
     return hexadecimal({reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t)});
 }
 
-// Names are shown as they are where they are ASCII, and otherwise by their bytes.
+// `name` itself if it is ASCII, otherwise its bytes in hexadecimal.
 std::string shown(std::wstring_view name)
 {
     const bool ascii = std::ranges::all_of(name, [](wchar_t unit) { return unit < 0x80; });
@@ -82,8 +82,8 @@ registry_sandbox::registry_sandbox(HKEY root) : root_{root}, name_{scratch_name(
             nullptr,
             parent_.put(),
             nullptr),
-        "cannot make the tests' key");
-    RegDeleteTreeW(parent_.get(), name_.c_str()); // what a process that crashed may have left
+        "cannot create the tests' key");
+    RegDeleteTreeW(parent_.get(), name_.c_str()); // a crashed process with this id may have left one
     require(
         RegCreateKeyExW(
             parent_.get(),
@@ -95,7 +95,7 @@ registry_sandbox::registry_sandbox(HKEY root) : root_{root}, name_{scratch_name(
             nullptr,
             scratch_.put(),
             nullptr),
-        "cannot make the scratch key");
+        "cannot create the scratch key");
     require(RegOverridePredefKey(root_, scratch_.get()), "cannot redirect the predefined key");
 }
 
@@ -114,8 +114,8 @@ std::string registry_text(std::wstring_view text)
 void plant_value(HKEY root, const std::wstring& path, const wchar_t* name, std::string_view bytes, DWORD type)
 {
     custom_actions::registry_key_handle key;
-    require(RegCreateKeyW(root, path.c_str(), key.put()), "cannot make a key");
-    // The system adds a terminating zero to a text without one where it finds a zero behind it.
+    require(RegCreateKeyW(root, path.c_str(), key.put()), "cannot create a key");
+    // Keeps a zero from following the bytes: the system would store it with a text that is not terminated.
     const std::string padded = std::string{bytes} + "\xFF\xFF";
     require(
         RegSetValueExW(

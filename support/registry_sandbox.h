@@ -9,13 +9,12 @@
 
 namespace test_support {
 
-// Gives this process a predefined key of its own: while it lives, everything under `root`
-// (HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER or HKEY_CLASSES_ROOT) lands in an empty scratch key, which is
-// deleted at the end. The 64-bit and the 32-bit view both go there, and HKEY_CLASSES_ROOT goes with neither
-// of the others.
+// Redirects `root` (HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER or HKEY_CLASSES_ROOT) for this process to an empty
+// scratch key, which is deleted at the end. The 64-bit and the 32-bit view share it. HKEY_CLASSES_ROOT does
+// not follow the other two: it needs its own sandbox.
 class registry_sandbox {
 public:
-    // Throws std::system_error where the scratch key cannot be made or put in place.
+    // Throws std::system_error if the key cannot be created or redirected.
     explicit registry_sandbox(HKEY root);
     ~registry_sandbox();
 
@@ -29,24 +28,23 @@ private:
     custom_actions::registry_key_handle scratch_;
 };
 
-// The bytes of `text` and its terminating zero, as the registry keeps them.
+// The bytes of `text` with its terminating zero, as the registry stores them.
 std::string registry_text(std::wstring_view text);
 
-// Writes a value (an empty name is the default one), making the key where it is not there. Throws
-// std::system_error.
+// Writes a value (the default one if `name` is empty), creating the key if needed. Throws std::system_error.
 void plant_value(
     HKEY root, const std::wstring& path, const wchar_t* name, std::string_view bytes, DWORD type = REG_SZ);
 
-// The same with a number, as REG_DWORD.
+// Writes a REG_DWORD.
 void plant_number(HKEY root, const std::wstring& path, const wchar_t* name, DWORD number);
 
-// The bytes of a value, or nothing where it is not there.
+// The bytes of a value; nothing if it is absent.
 std::optional<std::string> planted_value(HKEY root, const std::wstring& path, const wchar_t* name);
 
-// A number, or 0 where it is not there.
+// A REG_DWORD; 0 if it is absent.
 DWORD planted_number(HKEY root, const std::wstring& path, const wchar_t* name) noexcept;
 
-// Every key and value below `key`, a line each ("\\path\\ name type bytes in hexadecimal"), in a fixed order.
+// A line for each key and value below `key` ("\\path\\ name type bytes in hexadecimal"), sorted.
 std::vector<std::string> dump_registry(HKEY key);
 
 } // namespace test_support

@@ -6,7 +6,7 @@
 
 namespace test_support {
 
-// Throws std::system_error where the result (of the installer, of the registry) is not ERROR_SUCCESS.
+// Throws std::system_error if `result` is not ERROR_SUCCESS.
 inline void require(UINT result, const char* what)
 {
     if (result != ERROR_SUCCESS) {

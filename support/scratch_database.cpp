@@ -12,7 +12,7 @@ namespace {
 
 using custom_actions::record_handle;
 
-// By the process's number, so that those that killed processes leave do not become more and more.
+// Named by process id, so that files left by killed processes are overwritten and do not pile up.
 std::wstring scratch_file()
 {
     static unsigned made_before = 0;
@@ -32,7 +32,7 @@ void describe(MSIHANDLE database, const std::wstring& package_code)
     };
     set(7, VT_LPSTR, 0, L"x64;1033");
     set(9, VT_LPSTR, 0, package_code.c_str());
-    set(14, VT_I4, 200, nullptr); // the version of the installer that it needs
+    set(14, VT_I4, 200, nullptr); // the installer version required
     set(15, VT_I4, 2, nullptr);   // compressed, long names
     require(MsiSummaryInfoPersist(summary.get()), "MsiSummaryInfoPersist");
 }

@@ -9,8 +9,8 @@
 
 namespace test_support {
 
-// A database of the installer's in a temporary file, which goes with it: what a package must tell of itself,
-// and its properties. Every function throws std::system_error with the installer's code.
+// An installer database in a temporary file, deleted at the end, with the summary information and the
+// properties that every package needs. Every function throws std::system_error with the installer's code.
 class scratch_database {
 public:
     explicit scratch_database(const std::wstring& product_code);
@@ -19,12 +19,12 @@ public:
     scratch_database(const scratch_database&) = delete;
     scratch_database& operator=(const scratch_database&) = delete;
 
-    // Each question mark of the statement takes the field of `record` with its number.
+    // Executes a statement; its question marks take the fields of `record` in order.
     void run(const std::wstring& sql, MSIHANDLE record = 0) const;
 
     void add_property(const std::wstring& name, const std::wstring& value) const;
 
-    // Writes the file, so that the installer can read it, and closes it: nothing can be added any more.
+    // Commits and closes the file, for the installer to open. Nothing can be added afterwards.
     void finish();
 
     [[nodiscard]] MSIHANDLE handle() const noexcept { return database_.get(); }
@@ -33,7 +33,7 @@ public:
 
 private:
     std::wstring path_;
-    custom_actions::record_handle database_; // MsiCloseHandle closes every kind of the installer's handles
+    custom_actions::record_handle database_; // MsiCloseHandle closes databases too
 };
 
 } // namespace test_support

@@ -14,8 +14,11 @@ namespace {
 
 using custom_actions::kernel_handle;
 
-// A folder of this process's own, empty at first and gone in the end. (A process id comes again, and with it
-// the folder of a process that was ended.)
+constexpr DWORD START_LIMIT_MS = 20'000;
+constexpr DWORD TERMINATION_LIMIT_MS = 5000;
+
+// This process's own folder, deleted at the end. Emptied at first: a killed process may have left one with
+// the same id.
 class toy_folder {
 public:
     toy_folder()
@@ -57,7 +60,7 @@ std::size_t end_programs(const std::wstring& name)
     using custom_actions::listing;
     const std::array<std::wstring_view, 1> names{name};
     const std::size_t at_first = find_processes_by_image(names, listing::strict).size();
-    for (int tries = 0; tries != 100; ++tries) {
+    for (int tries = 0; tries != 100; ++tries) { // 5 seconds
         const auto running = find_processes_by_image(names, listing::strict);
         if (running.empty()) {
             return at_first;
@@ -68,7 +71,7 @@ std::size_t end_programs(const std::wstring& name)
         }
         Sleep(50);
     }
-    throw std::runtime_error{"a program does not end"};
+    throw std::runtime_error{"a program did not end"};
 }
 
 void end_explorer()
@@ -83,7 +86,7 @@ std::wstring toy_library(const std::wstring& name)
 
 toy_process::toy_process(const std::wstring& name, const std::wstring& behaviour)
 {
-    static unsigned started_before = 0; // the program before may still hold its event
+    static unsigned started_before = 0; // the previous program may still hold its event
     const std::wstring event =
         L"toy-ready-" + std::to_wstring(GetCurrentProcessId()) + L'-' + std::to_wstring(++started_before);
     const kernel_handle ready{CreateEventW(nullptr, TRUE, FALSE, event.c_str())};
@@ -93,15 +96,15 @@ toy_process::toy_process(const std::wstring& name, const std::wstring& behaviour
     started_child started = start_child(command_line);
     process_ = std::move(started.process);
     id_ = started.id;
-    if (WaitForSingleObject(ready.get(), 20'000) != WAIT_OBJECT_0) {
-        throw std::runtime_error{"the toy program does not get ready"};
+    if (WaitForSingleObject(ready.get(), START_LIMIT_MS) != WAIT_OBJECT_0) {
+        throw std::runtime_error{"the toy program did not become ready"};
     }
 }
 
 toy_process::~toy_process()
 {
     TerminateProcess(process_.get(), 99);
-    WaitForSingleObject(process_.get(), 5000);
+    WaitForSingleObject(process_.get(), TERMINATION_LIMIT_MS);
 }
 
 std::optional<DWORD> toy_process::exit_code(std::chrono::milliseconds limit) const

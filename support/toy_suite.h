@@ -8,26 +8,26 @@
 #include <optional>
 #include <string>
 
-// Real programs and libraries under the suite's names. They are found by name on the whole machine, so tests
+// Real programs and libraries with the suite's names. They are found by name on the whole machine, so tests
 // that start them need a disposable one.
 namespace test_support {
 
-// Ends every Explorer and waits until none is listed. A test that lets Explorer come back calls this at its
-// end: what was started by a test holds the test's output open, and whoever reads that would wait for it.
+// Ends every Explorer and waits until none is listed. A test that restarts Explorer calls this at its end:
+// Explorer inherits the test's output, and whoever reads that would wait for it.
 void end_explorer();
 
-// Ends every program of this name and waits until none is listed; how many there were at first.
+// Ends every program of this name and waits until none is listed. Returns how many there were at first.
+// Throws std::runtime_error if one does not end.
 std::size_t end_programs(const std::wstring& name);
 
-// A copy of the toy library under this name, in a folder of this process's own; its path.
+// Copies the toy library under this name to this process's own folder and returns the copy's path.
 std::wstring toy_library(const std::wstring& name);
 
-// A copy of the toy program under this name, or the installed one with this path, running and ready until its
-// scope ends.
+// Runs a copy of the toy program under this name, or the installed one at this path, until the scope ends.
 class toy_process {
 public:
-    // `behaviour` is the program's command line, as in "--window=ignores". Throws std::exception where it
-    // does not come up.
+    // Returns once the program is ready. `behaviour` is its command line, such as "--window=ignores". Throws
+    // std::exception if it does not start.
     explicit toy_process(const std::wstring& name, const std::wstring& behaviour = L"");
     ~toy_process();
 
@@ -36,7 +36,7 @@ public:
 
     [[nodiscard]] DWORD id() const noexcept { return id_; }
 
-    // The exit code, once it has ended within `limit`; nothing where it is still running.
+    // Waits up to `limit` for the exit code; nothing if the program is still running then.
     [[nodiscard]] std::optional<DWORD> exit_code(std::chrono::milliseconds limit = {}) const;
 
 private:

@@ -1,7 +1,7 @@
 #include "custom_actions/common/export_boundary.h"
 #include "custom_actions/common/installer_session.h"
 #include "support/real_session.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,9 +21,9 @@ UINT fail()
 
 TEST(ExportBoundary, turns_an_exception_into_messages_and_a_code)
 {
-    const test_support::watched_session session{GetModuleHandleW(nullptr)};
+    const test_support::test_session session{GetModuleHandleW(nullptr)};
     EXPECT_EQ(run_action(session.handle(), report_upgrade_failure, fail), 1603U);
-    EXPECT_EQ(run_action(0, report_upgrade_failure, fail), 1603U) << "which has nobody to tell";
+    EXPECT_EQ(run_action(0, report_upgrade_failure, fail), 1603U) << "without a session";
     EXPECT_THAT(
         session.messages(),
         testing::ElementsAre(

@@ -18,10 +18,10 @@ TEST(Path, begins_with_a_drive_or_a_server)
     EXPECT_EQ(normalized_folder(L"//server/share//a.b/"), LR"(\\server\share\a.b)");
 }
 
-TEST(Path, is_read_as_the_standard_library_reads_it)
+TEST(Path, is_parsed_like_the_standard_library)
 {
-    // Beyond the root, in whose form the libraries differ.
-    std::mt19937 random{7}; // NOLINT(cert-msc32-c,cert-msc51-cpp): the same texts every time
+    // Random paths below a fixed root, since standard libraries differ in how they parse roots.
+    std::mt19937 random{7}; // NOLINT(cert-msc32-c,cert-msc51-cpp): the same paths every time
     for (int i = 0; i != 20'000; ++i) {
         std::wstring text = random() % 2 == 0 ? LR"(C:\a)" : L"a";
         for (auto left = random() % 12; left != 0; --left) {

@@ -1,6 +1,6 @@
-// Every action of the built library with the n-th of its calls to Windows failing: once with the fault
-// passing and once with it staying. It has to return one of its codes with a message that says what failed
-// (fault_messages.txt), and to leave nothing behind.
+// Runs every action of the built library with its n-th call to Windows failing, once with a passing and once
+// with a staying fault. The action must return one of its codes with a message that says what failed
+// (fault_messages.txt), and leave nothing behind.
 
 #include "custom_actions/common/text.h"
 #include "custom_actions/shell_registration/file_type_tables.h"
@@ -12,12 +12,12 @@
 #include "support/registry_sandbox.h"
 #include "support/toy_suite.h"
 #include "tests/support/call_sweep.h"
+#include "tests/support/fake_machine.h"
 #include "tests/support/faults.h"
-#include "tests/support/played_machine.h"
 #include "tests/support/scheduler_stand_in.h"
 #include "tests/support/test_limit.h"
-#include "tests/support/upgrade_scene.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
+#include "tests/support/upgrade_fixture.h"
 
 #include <gtest/gtest.h>
 #include <taskschd.h>
@@ -58,8 +58,8 @@ void plant(
     plant_value(root, path, name, registry_text(text));
 }
 
-// The machine on which the actions are called: the suite's programs, without a window where they have to be
-// ended, and a host of one of its libraries. One for all actions, since in the play they run for ever.
+// The machine for the actions: the suite's programs, one without a window so that it must be killed, and a
+// host of one of its libraries. Shared by all actions, since the real programs never end.
 struct stage {
     stage()
     {
@@ -73,7 +73,7 @@ struct stage {
         session.install_component(PRODUCT, SUITE_COMPONENT, (folder / L"Quorbel.exe").wstring());
     }
 
-    // What the action reads. No action sets what itself reads.
+    // Sets the properties that the action reads, which are never those that it sets.
     void set_properties(const std::string& action) const
     {
         session.set_property(L"INSTALLED_APP_VERSION", L"1.5.0");
@@ -85,8 +85,8 @@ struct stage {
         session.set_property(L"CustomActionData", own == data.end() ? upgrade_data : own->second);
     }
 
-    // As it is before each run: both hives empty, every program and Search running.
-    void begin_anew()
+    // Resets the machine before each run: both hives empty, every program and Search running.
+    void reset()
     {
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software");
         RegDeleteTreeW(HKEY_CURRENT_USER, L"Software");
@@ -97,15 +97,15 @@ struct stage {
         foreign.clear();
     }
 
-    // Plants a handler or an icon of somebody else's, which a run may lose where fault_messages.txt says so.
+    // Plants another vendor's handler or icon, which a run may lose only if fault_messages.txt says so.
     void plant_foreign(const std::wstring& path, const wchar_t* name, HKEY root = HKEY_CURRENT_USER)
     {
         plant(path, name, FOREIGN, root);
         foreign.emplace_back(root, path);
     }
 
-    // Whose key has it neither in its place nor in a backup. None is lost unless a call about its very key
-    // has failed.
+    // The keys with the foreign value neither in its place nor in a backup. Fails the test if no call about
+    // such a key has failed.
     [[nodiscard]] std::wstring lost() const
     {
         std::wstring paths;
@@ -118,7 +118,7 @@ struct stage {
                 paths.append(L"(loses ").append(path).append(L")");
                 EXPECT_TRUE(std::ranges::any_of(
                     failed, [&](const std::wstring& key) { return key.ends_with(L'\\' + path); }))
-                    << "through no fault of its own: " << testing::PrintToString(path)
+                    << "lost without a fault of its own: " << testing::PrintToString(path)
                     << testing::PrintToString(failed);
             }
         }
@@ -128,19 +128,19 @@ struct stage {
     toy_process main{L"Quorbel.exe"};
     toy_process helper{L"Quorbel.Kindra.HelperService.exe", L"--window=none"};
     toy_process explorer{L"explorer.exe"};
-    scheduler_stand_in scheduler; // before the sandboxes, since it is the machine's
+    scheduler_stand_in scheduler; // before the sandboxes: it needs the real registry
     registry_sandbox machine_hive{HKEY_LOCAL_MACHINE};
     registry_sandbox user_hive{HKEY_CURRENT_USER};
     loaded_library library;
-    watched_session session{library.module()};
-    played_machine machine{library.module()};
+    test_session session{library.module()};
+    fake_machine machine{library.module()};
     call_sweep sweep{library.module()};
     std::filesystem::path folder = std::filesystem::path{toy_library(L"any.dll")}.parent_path();
     std::wstring upgrade_data = new_upgrade_data(folder.wstring());
     custom_actions::controlled_upgrade::context upgrade =
         custom_actions::controlled_upgrade::load_context(upgrade_data);
     const std::map<std::string, std::wstring> data{
-        // of the actions that do not take the upgrade's
+        // for the actions that do not take the upgrade's
         {"restore_explorer", std::to_wstring(upgrade.session_id) + L'|' + upgrade.user_sid},
         {"stop_search", L"running"},
         {"restore_search", L"running"},
@@ -149,7 +149,7 @@ struct stage {
     std::vector<std::pair<HKEY, std::wstring>> foreign;
 };
 
-// One type has lists and no handler yet, or is the only one that is registered.
+// ".jpeg" has lists. If `registered` it is the only type with our handler, otherwise the only one without.
 void plant_property_handlers(stage& stage, bool registered)
 {
     const std::wstring ours = widen(custom_actions::PROPERTY_HANDLER_CLSID);
@@ -167,7 +167,7 @@ void plant_property_handlers(stage& stage, bool registered)
     plant(HANDLERS + L".jpg", L"", registered ? ours : L"{another}", HKEY_LOCAL_MACHINE);
 }
 
-// With what else the removal looks at.
+// And drive icons, which the removal restores too.
 void plant_icon_handlers(stage& stage, const wchar_t* handler)
 {
     const std::wstring ini = ASSOCIATIONS + L".ini" + ICON_SLOT;
@@ -192,7 +192,7 @@ void plant_icon_handlers(stage& stage, const wchar_t* handler)
     stage.plant_foreign(drive_c, DRIVE_ICON_BACKUP);
 }
 
-// The upgrade's folder as its earlier phases left it.
+// Creates the workspace as the earlier phases leave it.
 void begin_upgrade(stage& stage)
 {
     const std::filesystem::path workspace = stage.upgrade.workspace;
@@ -205,9 +205,9 @@ void begin_upgrade(stage& stage)
     }
 }
 
-// What an action may say where this call of it fails, as fault_messages.txt has it: without its numbers; "*"
-// is every action and every call, and what may stand in front. A call is a function of Windows, or of an
-// object of the Task Scheduler's ("ITaskService::Connect").
+// A line of fault_messages.txt: a text, without its numbers, that an action may report if this call fails.
+// "*" stands for every action and every call. A call is a function of Windows or a method of the Task
+// Scheduler's objects ("ITaskService::Connect").
 struct expected_text {
     std::wstring action;
     std::wstring call;
@@ -224,7 +224,7 @@ std::vector<expected_text> expected_texts()
     return all;
 }
 
-// What is done before each run of an action, where it takes more than an upgrade's data.
+// Set up before each run of an action that needs more than an upgrade's data.
 const std::map<std::string_view, void (*)(stage&)> SCENARIOS{
     {"propertyhandler_update_registry", [](stage& stage) { plant_property_handlers(stage, false); }},
     {"propertyhandler_remove_registry", [](stage& stage) { plant_property_handlers(stage, true); }},
@@ -254,7 +254,7 @@ protected:
     void SetUp() override
     {
         if (!machine_is_disposable()) {
-            GTEST_SKIP() << "starts the suite's programs: set DISPOSABLE_MACHINE where that may be";
+            GTEST_SKIP() << "starts the suite's programs: set DISPOSABLE_MACHINE if that is allowed";
         }
         if (!stage_) {
             stage_.emplace();
@@ -262,7 +262,7 @@ protected:
         stage_->set_properties(GetParam());
     }
 
-    // What there is in the text beside what may be said where this call fails.
+    // What remains of the text without the texts expected if this call fails.
     std::wstring unexpected(const std::wstring& failing, std::wstring text) const
     {
         for (const auto& [action, call, known] : expected_) {
@@ -278,10 +278,10 @@ protected:
         return text;
     }
 
-    // Calls the action and looks at what it leaves. Returns how many handles more are open than before.
+    // Calls the action and checks what it leaves. Returns how many more handles are open than before.
     long run(std::size_t nth = 0, call_sweep::fault fault = call_sweep::fault::passing)
     {
-        stage_->begin_anew();
+        stage_->reset();
         if (const auto scenario = SCENARIOS.find(GetParam()); scenario != SCENARIOS.end()) {
             scenario->second(*stage_);
         }
@@ -297,18 +297,18 @@ protected:
         const bool of_package = code == ERROR_INVALID_PARAMETER && GetParam().starts_with("msix_");
         EXPECT_TRUE(code == ERROR_SUCCESS || code == ERROR_INSTALL_FAILURE || of_package) << code;
         const bool silent = messages.size() == posted;
-        std::wstring told = silent ? L"(is silent)" : messages.back().text;
+        std::wstring outcome = silent ? L"(is silent)" : messages.back().text;
         if (code == ERROR_SUCCESS && (silent || messages.back().type != INSTALLMESSAGE_ERROR)) {
-            told = L"(succeeds)";
+            outcome = L"(succeeds)";
         }
-        EXPECT_EQ(unexpected(failing, told + stage_->lost()), L"");
+        EXPECT_EQ(unexpected(failing, outcome + stage_->lost()), L"");
         EXPECT_EQ(stage_->session.open_records(), 0U);
         EXPECT_EQ(stage_->scheduler.objects(), 0U);
         EXPECT_EQ(stage_->scheduler.unexpected(), L"");
         EXPECT_FALSE(thread_is_impersonating());
         RevertToSelf();
         const auto left_open = static_cast<long>(open_handles() - handles);
-        std::filesystem::remove_all(stage_->upgrade.workspace); // throws where a file of it is left open
+        std::filesystem::remove_all(stage_->upgrade.workspace); // throws if one of its files is left open
         faults_ += stage_->sweep.failed();
         return left_open;
     }
@@ -318,8 +318,7 @@ protected:
         for (const auto fault : {call_sweep::fault::passing, call_sweep::fault::staying}) {
             const char* const how = fault == call_sweep::fault::passing ? ", passing" : ", staying";
             SCOPED_TRACE(calls_[nth - 1] + ", call " + std::to_string(nth) + how);
-            // A handle that stays may be the system's own, made on first use; one that a second run leaves as
-            // well is leaked.
+            // The system may open a handle on first use and keep it; one that a second run leaves is a leak.
             if (run(nth, fault) > 0) {
                 EXPECT_LE(run(nth, fault), 0) << "handles left open";
             }
@@ -345,10 +344,10 @@ protected:
     std::size_t faults_ = 0;
 };
 
-TEST_P(FaultSweep, returns_a_code_of_its_own_and_leaves_nothing_behind)
+TEST_P(FaultSweep, returns_one_of_its_codes_and_leaves_nothing_behind)
 {
-    testing::internal::CaptureStdout(); // what the action prints, a thousand times
-    run();                              // what the system makes on first use
+    testing::internal::CaptureStdout(); // the action prints a thousand times
+    run();                              // the system opens handles on first use
     EXPECT_EQ(run(), 0) << "handles left open without a fault";
     calls_ = stage_->sweep.calls();
     allow_test(std::chrono::minutes{5});

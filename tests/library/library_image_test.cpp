@@ -1,4 +1,4 @@
-// The library as it is shipped: what it exports, what it needs, how it is linked.
+// The shipped library: its exports, imports and link options.
 
 #include "support/loaded_library.h"
 #include "support/pe_image.h"
@@ -15,11 +15,11 @@
 namespace test_support {
 namespace {
 
-TEST(LibraryImage, exports_the_documented_actions_needs_nothing_but_the_system_and_is_hardened)
+TEST(LibraryImage, exports_the_documented_actions_imports_only_system_libraries_and_is_hardened)
 {
     const loaded_library library;
     const pe_image image{library.module()};
-    std::vector<std::string> documented; // in a row of their own
+    std::vector<std::string> documented; // one in each row of the table
     std::ifstream file{SOURCE_DIR "/docs/actions.md"};
     const std::regex row{R"(^\| `(\w+)` \|.*)"};
     for (std::string line; std::getline(file, line);) {
@@ -30,12 +30,12 @@ TEST(LibraryImage, exports_the_documented_actions_needs_nothing_but_the_system_a
     EXPECT_THAT(documented, testing::SizeIs(22));
     EXPECT_THAT(image.exported_names(), testing::UnorderedElementsAreArray(documented));
 
-    const std::regex of_the_system{
+    const std::regex system_library{
         "(kernel32|msi|msvcrt|advapi32|crypt32|ole32|oleaut32|shell32|shlwapi|user32|userenv|wtsapi32)\\.dll",
         std::regex::icase};
     for (const auto& [from, name, slot, by_number] : image.imports()) {
-        EXPECT_TRUE(std::regex_match(from, of_the_system)) << name << " of " << from;
-        EXPECT_NE(name, "") << "a number without a name from " << from;
+        EXPECT_TRUE(std::regex_match(from, system_library)) << name << " of " << from;
+        EXPECT_NE(name, "") << "an unknown ordinal of " << from;
     }
     constexpr unsigned hardened = IMAGE_DLLCHARACTERISTICS_DYNAMIC_BASE |
                                   IMAGE_DLLCHARACTERISTICS_HIGH_ENTROPY_VA |
@@ -43,7 +43,7 @@ TEST(LibraryImage, exports_the_documented_actions_needs_nothing_but_the_system_a
     EXPECT_EQ(image.headers().OptionalHeader.DllCharacteristics & hardened, hardened);
 }
 
-TEST(Documents, have_every_message_of_a_failure)
+TEST(Documents, list_every_failure_message)
 {
     std::ostringstream documents;
     documents << std::ifstream{SOURCE_DIR "/docs/actions.md"}.rdbuf();
@@ -53,7 +53,7 @@ TEST(Documents, have_every_message_of_a_failure)
         const bool of_an_action = call != "*" && !text.starts_with('(');
         EXPECT_TRUE(!of_an_action || documents.str().find(text) != std::string::npos) << text;
     }
-    EXPECT_NE(call, "") << "no list";
+    EXPECT_NE(call, "") << "the list is missing";
 }
 
 } // namespace

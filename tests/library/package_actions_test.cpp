@@ -1,10 +1,10 @@
-// msix_install_package and msix_uninstall_package in the built library, with the stand-in for PowerShell.
+// msix_install_package and msix_uninstall_package of the built library, with the PowerShell stand-in.
 
 #include "package/toy_suite/powershell/packages.h"
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
-#include "tests/support/upgrade_scene.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
+#include "tests/support/upgrade_fixture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,23 +17,23 @@
 namespace test_support {
 namespace {
 
-TEST(PackageActions, run_a_hidden_command_with_good_data_alone_and_tell_what_it_printed)
+TEST(PackageActions, validate_their_data_run_a_hidden_command_and_log_its_output)
 {
     if (!machine_is_disposable()) {
-        GTEST_SKIP() << "takes PowerShell's place: set DISPOSABLE_MACHINE where that may be";
+        GTEST_SKIP() << "replaces PowerShell: set DISPOSABLE_MACHINE if that is allowed";
     }
-    const upgrade_scene scene;
+    const upgrade_fixture fixture;
     const loaded_library library;
-    // The lines that msix_..._package writes, and what it returns.
+    // Calls msix_..._package and returns the lines that it logs, with its code last.
     const auto run = [&](const std::string& action, const std::wstring& data) {
-        watched_session session{library.module()};
+        test_session session{library.module()};
         session.set_property(L"CustomActionData", data);
         const UINT code = library.call(("msix_" + action + "_package").c_str(), session.handle());
-        std::wstring told;
+        std::wstring lines;
         for (const auto& [type, text] : session.messages()) {
-            told += L'\n' + text + (type == INSTALLMESSAGE_ERROR ? L" (error)" : L"");
+            lines += L'\n' + text + (type == INSTALLMESSAGE_ERROR ? L" (error)" : L"");
         }
-        return told + L'\n' + std::to_wstring(code);
+        return lines + L'\n' + std::to_wstring(code);
     };
     const intercepted_import<"CreateProcessW", decltype(CreateProcessW)> start{
         library.module(), [](const auto&... arguments) -> std::optional<BOOL> {
@@ -41,28 +41,28 @@ TEST(PackageActions, run_a_hidden_command_with_good_data_alone_and_tell_what_it_
             return std::nullopt;
         }};
 
-    std::wstring much; // more than a pipe holds
+    std::wstring much; // more than a pipe's buffer
     while (much.size() != 100'000) {
         much += L"0123456789";
     }
-    scene.powershell.tell(L"PrintOut", L"100000 Plexa");
-    scene.powershell.tell(L"PrintError", L"100000 Plexa");
-    const std::wstring folder = scene.context().product_directory; // which has a quote in it
+    fixture.powershell.set_order(L"PrintOut", L"100000 Plexa");
+    fixture.powershell.set_order(L"PrintError", L"100000 Plexa");
+    const std::wstring folder = fixture.context().product_directory; // with a quote in its name
     const std::wstring line = L"\nCustom action: msix_install_package: ";
-    const std::wstring told = run("install", folder + L"\\Quorbel.Plexa.Package.msix");
+    const std::wstring logged = run("install", folder + L"\\Quorbel.Plexa.Package.msix");
     const std::wstring expected =
         line + L"Starting InstallMsixPackage..." + line + L"Install path: " + folder + line +
         L"MSIX fullpath: " + folder + L"\\Quorbel.Plexa.Package.msix" + line +
         L"about to run: powershell.exe -NoProfile -ExecutionPolicy Bypass -Command \"" +
-        scene.powershell.scripts().at(L"1") + L'"' + line + L"PowerShell Output: " + much + line +
+        fixture.powershell.scripts().at(L"1") + L'"' + line + L"PowerShell Output: " + much + line +
         L"PowerShell Error: " + much + L" (error)" + line + L"ran command - result exitCode: 0\n0";
-    EXPECT_EQ(told, expected);
+    EXPECT_EQ(logged, expected);
     const auto plexa = toy_powershell::packages_named(L"Quorbel.Plexa").at(0);
     EXPECT_EQ(plexa.identity.version, L"1.5.0.0");
     EXPECT_EQ(toy_powershell::state_key{LR"(Packages\)" + plexa.full_name}.text(L"ExternalLocation"), folder);
     {
-        // A text too long for any memory: its reader must still read the pipe to its end.
-        const failing_import<"MultiByteToWideChar", decltype(MultiByteToWideChar)> endless{
+        // Text too long for memory (the length is -1): the pipe must still be read to its end.
+        const failing_import<"MultiByteToWideChar", decltype(MultiByteToWideChar)> huge{
             library.module(), -1, {0, 1, 0}};
         EXPECT_THAT(
             run("install", folder + L"\\Quorbel.Plexa.Package.msix"),
@@ -72,13 +72,12 @@ TEST(PackageActions, run_a_hidden_command_with_good_data_alone_and_tell_what_it_
         L"PowerShell Error: Could not find file 'C:\\\u00DC\u20AC.msix'.\r\n (error)" + line +
         L"ran command - result exitCode: 1\n1603";
     EXPECT_THAT(run("install", L"C:\\\u00DC\u20AC.msix"), testing::EndsWith(failure));
-    // What PowerShell makes of brackets and of typographic quotes: another file's name, and the end of the
-    // literal.
+    // PowerShell takes brackets as a wildcard, and a typographic quote as the end of the literal.
     std::filesystem::copy_file(folder + L"\\Quorbel.Plexa.Package.msix", folder + L"\\[1].msix");
     EXPECT_THAT(run("install", folder + L"\\[1].msix"), testing::EndsWith(L"\n1603"));
     EXPECT_THAT(run("install", folder + L"\\Quorbel.Plex[a-c].Package.msix"), testing::EndsWith(L"\n0"));
     EXPECT_THAT(run("install", folder + L"\\O\u2019Brien.msix"), testing::EndsWith(L"\n1603"));
-    EXPECT_NE(scene.powershell.refused(), L"");
+    EXPECT_NE(fixture.powershell.refused(), L"");
 
     const std::wstring name =
         L"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789.-" + std::wstring(195, L'n');
@@ -91,8 +90,8 @@ TEST(PackageActions, run_a_hidden_command_with_good_data_alone_and_tell_what_it_
         const std::wstring bad = std::wstring{L"Icon"} + unit;
         EXPECT_THAT(run("uninstall", bad), testing::EndsWith(L": MSIX fullpath: " + bad + L"\n87"));
     }
-    EXPECT_EQ(scene.powershell.scripts().size(), 6U) << "nothing was run";
-    EXPECT_THAT(run("uninstall", name), testing::EndsWith(L"\n0")) << "there is none of this name";
+    EXPECT_EQ(fixture.powershell.scripts().size(), 6U) << "invalid data must run nothing";
+    EXPECT_THAT(run("uninstall", name), testing::EndsWith(L"\n0")) << "no package has this name";
 }
 
 } // namespace

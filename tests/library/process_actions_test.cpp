@@ -1,11 +1,11 @@
-// close_and_kill_our_processes and restore_explorer in the built library.
+// close_and_kill_our_processes and restore_explorer of the built library.
 
 #include "custom_actions/processes/token.h"
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
 #include "support/toy_suite.h"
-#include "tests/support/played_clock.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/test_session.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -26,16 +26,16 @@ protected:
     void SetUp() override
     {
         if (!machine_is_disposable()) {
-            GTEST_SKIP() << "closes the suite's programs: set DISPOSABLE_MACHINE where that may be";
+            GTEST_SKIP() << "closes the suite's programs: set DISPOSABLE_MACHINE if that is allowed";
         }
         end_explorer();
     }
 
     loaded_library library;
-    watched_session session{library.module()};
+    test_session session{library.module()};
 };
 
-TEST_F(ProcessActions, close_the_suite_and_its_hosts_and_nobody_else)
+TEST_F(ProcessActions, close_the_suite_and_its_hosts_and_nothing_else)
 {
     const std::wstring extension = L" --load=" + toy_library(L"Sorvane.Tag.ShellExtension.dll");
     std::deque<toy_process> ours;
@@ -48,7 +48,7 @@ TEST_F(ProcessActions, close_the_suite_and_its_hosts_and_nobody_else)
     const toy_process other{L"Other.exe", L"--load=" + toy_library(L"QUORBEL.windoworganizer.x64.dll")};
     const toy_process other_host{L"dllhost.exe", L"--load=" + toy_library(L"Other.dll")};
 
-    const played_clock clock{library.module()};
+    const fake_clock clock{library.module()};
     ULONGLONG waited = 0;
     const intercepted_import<"GetTickCount64", decltype(GetTickCount64)> later{
         library.module(), [&] { return std::optional{clock.now() + waited}; }};
@@ -56,28 +56,28 @@ TEST_F(ProcessActions, close_the_suite_and_its_hosts_and_nobody_else)
     const intercepted_import<"WaitForSingleObject", decltype(WaitForSingleObject)> wait{
         library.module(), [&](HANDLE, DWORD limit) {
             waits.push_back(limit);
-            const bool in_vain = waits.size() == 2 || waits.size() == 5; // the tray, the first of the desktop
-            Sleep(in_vain ? 300 : 0);                                    // enough for whoever was asked
-            waited += in_vain ? limit : 0;
-            return in_vain ? std::optional{WAIT_TIMEOUT} : std::nullopt;
+            const bool timed_out = waits.size() == 2 || waits.size() == 5; // the tray, the first Explorer
+            Sleep(timed_out ? 300 : 0); // enough for programs that close when asked
+            waited += timed_out ? limit : 0;
+            return timed_out ? std::optional{WAIT_TIMEOUT} : std::nullopt;
         }};
     const failing_import<"PostThreadMessageW", decltype(PostThreadMessageW)> wake{
         library.module(), FALSE, {ERROR_ACCESS_DENIED, 1, 0}};
     EXPECT_EQ(library.call(CLOSE, session.handle()), 0U);
-    EXPECT_NE(session.property(L"restore_explorer"), L"unchanged") << "Explorer ran before";
+    EXPECT_NE(session.property(L"restore_explorer"), L"unchanged") << "Explorer was running";
     for (std::size_t i = 0; i != ours.size(); ++i) {
-        EXPECT_EQ(ours[i].exit_code(), i == 0 || i == 2 ? 0U : 1U) << "asked, or ended unasked: " << i;
+        EXPECT_EQ(ours[i].exit_code(), i == 0 || i == 2 ? 0U : 1U) << "0 closed when asked, 1 killed: " << i;
     }
     EXPECT_FALSE(other.exit_code() || other_host.exit_code());
     EXPECT_THAT(waits, testing::ElementsAre(5000, 5000, 5000, 1000, 1000, 5000, 0, 5000, 0, 5000, 0, 5000));
-    EXPECT_GT(wake.calls(), 0U) << "a thread that is woken lets go of the hook";
+    EXPECT_GT(wake.calls(), 0U) << "threads must be woken to release the hook";
     EXPECT_EQ(clock.sleeps(), std::vector<DWORD>(12, 250));
     EXPECT_THAT(
         session.messages().at(3).text,
         testing::EndsWith(L"; its file will be removed on restart. PIDs: " + std::to_wstring(other.id())));
 }
 
-TEST_F(ProcessActions, bring_explorer_back_where_it_ran_and_for_its_user_alone)
+TEST_F(ProcessActions, restore_explorer_only_in_its_session_and_for_its_user)
 {
     const toy_process explorer{L"explorer.exe", L"--window=none"};
     bool elsewhere = false;
@@ -90,7 +90,7 @@ TEST_F(ProcessActions, bring_explorer_back_where_it_ran_and_for_its_user_alone)
     const std::wstring own = session.property(L"rollback_explorer").value_or(L"");
     elsewhere = true;
     EXPECT_EQ(library.call(CLOSE, session.handle()), 0U);
-    EXPECT_EQ(session.property(L"restore_explorer"), L"unchanged") << "it is somebody else's";
+    EXPECT_EQ(session.property(L"restore_explorer"), L"unchanged") << "Explorer runs in another session";
 
     unsigned starts = 0;
     const intercepted_import<"CreateProcessAsUserW", decltype(CreateProcessAsUserW)> start{
@@ -116,14 +116,14 @@ TEST_F(ProcessActions, bring_explorer_back_where_it_ran_and_for_its_user_alone)
     EXPECT_EQ(restore(L"00|S-1-5-18"), L"Explorer cannot start in session zero");
     EXPECT_EQ(restore(own + L"1"), L"Explorer session user changed during installation");
 
-    const played_clock clock{library.module()};
+    const fake_clock clock{library.module()};
     EXPECT_EQ(restore(L"0" + own), L"Explorer did not return after launch");
     EXPECT_EQ(clock.sleeps(), std::vector<DWORD>(40, 250));
     elsewhere = false;
     for (const std::wstring& record : {own, std::wstring{L"unchanged"}}) {
         EXPECT_EQ(restore(record), L"Explorer restoration completed for the original interactive session.");
     }
-    EXPECT_EQ(starts, 1U) << "it is there already";
+    EXPECT_EQ(starts, 1U) << "Explorer was running already";
 }
 
 } // namespace

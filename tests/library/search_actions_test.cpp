@@ -1,8 +1,8 @@
-// The actions of the built library with a service that is played.
+// The Search actions of the built library, with a fake service.
 
 #include "support/loaded_library.h"
-#include "tests/support/played_clock.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/test_session.h"
 
 #include <gtest/gtest.h>
 
@@ -21,10 +21,10 @@ constexpr const wchar_t* STOPPED = L"Windows Search stopped before file changes.
 
 class SearchActions : public testing::Test {
 protected:
-    // The action's only message: a log line of a success, an error of a failure; "" where there is none.
+    // Returns the action's message: a log line if it succeeded, an error if it failed; "" if there was none.
     std::wstring call(const char* action, const std::wstring& data = L"running")
     {
-        looks = 0;
+        queries = 0;
         session.set_property(L"CustomActionData", data);
         const std::size_t before = session.messages().size();
         const UINT result = library.call(action, session.handle());
@@ -33,44 +33,44 @@ protected:
         return silent ? L"" : session.messages().back().text;
     }
 
-    // What the service is seen to be, in turn; the last one stays. No state is one that is not installed.
+    // The service's state at each query; the last one stays. Empty if it is not installed.
     std::vector<DWORD> states;
-    std::size_t looks = 0;
-    SERVICE_STATUS_PROCESS service{}; // what else it is seen to be
-    DWORD progress = 0;               // of its check point with each look
-    DWORD access = 0;                 // with which it was opened
+    std::size_t queries = 0;
+    SERVICE_STATUS_PROCESS service{}; // the rest of its status
+    DWORD progress = 0;               // added to its check point at each query
+    DWORD access = 0;                 // requested when it was opened last
 
     loaded_library library;
-    watched_session session{library.module()};
-    played_clock clock{library.module()};
+    test_session session{library.module()};
+    fake_clock clock{library.module()};
     intercepted_import<"OpenServiceW", decltype(OpenServiceW)> open{
-        library.module(), [this](SC_HANDLE, LPCWSTR, DWORD asked) {
-            access = asked;
+        library.module(), [this](SC_HANDLE, LPCWSTR, DWORD requested) {
+            access = requested;
             SetLastError(ERROR_SERVICE_DOES_NOT_EXIST);
             return std::optional{
                 states.empty() ? nullptr : OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT)};
         }};
     intercepted_import<"QueryServiceStatusEx", decltype(QueryServiceStatusEx)> query{
         library.module(), [this](SC_HANDLE, SC_STATUS_TYPE, LPBYTE status, DWORD, LPDWORD) {
-            service.dwCurrentState = states.at(std::min(looks++, states.size() - 1));
+            service.dwCurrentState = states.at(std::min(queries++, states.size() - 1));
             service.dwCheckPoint += progress;
-            EXPECT_TRUE(start.calls() == 0 || service.dwCurrentState != 3) << "asked too early";
+            EXPECT_TRUE(start.calls() == 0 || service.dwCurrentState != 3) << "started while stopping";
             *reinterpret_cast<SERVICE_STATUS_PROCESS*>(status) = service;
             return std::optional{TRUE};
         }};
     failing_import<"ControlService", decltype(ControlService)> stop{library.module(), TRUE, {0, 1, 0}};
-    // 1056: somebody else has been quicker.
-    failing_import<"StartServiceW", decltype(StartServiceW)> start{library.module(), FALSE, {1056, 1, 0}};
+    failing_import<"StartServiceW", decltype(StartServiceW)> start{
+        library.module(), FALSE, {ERROR_SERVICE_ALREADY_RUNNING, 1, 0}};
 };
 
-TEST_F(SearchActions, ask_the_service_for_what_it_does_not_do_by_itself)
+TEST_F(SearchActions, control_the_service_only_if_it_does_not_change_by_itself)
 {
     struct {
         const char* action;
         std::vector<DWORD> seen; // 1 is stopped, 2 starting, 3 stopping, 4 running, 7 paused
         DWORD access;
-        unsigned asked; // to stop or to start
-        const wchar_t* told;
+        unsigned requests; // to stop or to start
+        const wchar_t* message;
     } const cases[]{
         {DECIDE, {}, 4, 0, L"Windows Search stopped or absent; leave unchanged."},
         {DECIDE, {3}, 4, 0, L"Windows Search must be running or stopped before installation"},
@@ -82,24 +82,24 @@ TEST_F(SearchActions, ask_the_service_for_what_it_does_not_do_by_itself)
         {START, {}, 20, 0, L"Windows Search disappeared before restore"},
     };
 
-    for (const auto& [action, seen, with_access, asked, told] : cases) {
+    for (const auto& [action, seen, with_access, requests, message] : cases) {
         SCOPED_TRACE(action + testing::PrintToString(seen));
         states = seen;
         const unsigned before = stop.calls() + start.calls();
-        EXPECT_EQ(call(action), told);
+        EXPECT_EQ(call(action), message);
         EXPECT_EQ(access, with_access);
-        EXPECT_EQ(stop.calls() + start.calls(), before + asked);
-        EXPECT_GE(looks, seen.size()) << "it was not looked at to the end";
+        EXPECT_EQ(stop.calls() + start.calls(), before + requests);
+        EXPECT_GE(queries, seen.size()) << "it did not wait for the last state";
     }
 }
 
 TEST_F(SearchActions, give_up_after_a_minute_or_without_progress)
 {
-    const auto wait = [this](DWORD hint, DWORD at_each_look) {
-        states = {7, 7, 7, 3}; // a change after 250 ms, which is progress
+    const auto wait = [this](DWORD hint, DWORD progress_at_each_query) {
+        states = {7, 7, 7, 3}; // a change of state after 250 ms, which is progress
         service.dwCheckPoint = 100;
         service.dwWaitHint = hint;
-        progress = at_each_look;
+        progress = progress_at_each_query;
         return call(STOP);
     };
     const std::wstring timed_out = L"Windows Search transition timed out: expected=1 state=3 pid=0 ";
@@ -108,10 +108,10 @@ TEST_F(SearchActions, give_up_after_a_minute_or_without_progress)
     EXPECT_EQ(wait(30'001, 0), timed_out + L"checkpoint=100 hint=30001 elapsed=30250");
     EXPECT_EQ(wait(5000, 1), timed_out + L"checkpoint=343 hint=5000 elapsed=60000");
     EXPECT_EQ(wait(5000, MAXDWORD), timed_out + L"checkpoint=76 hint=5000 elapsed=5250")
-        << "one less each time";
+        << "a check point that goes down is no progress";
 }
 
-TEST_F(SearchActions, do_nothing_that_rollback_could_not_undo_or_nobody_decided)
+TEST_F(SearchActions, do_nothing_without_rollback_or_a_valid_decision)
 {
     session.set_property(L"RollbackDisabled", L"0");
     EXPECT_EQ(call(DECIDE), L"Rollback must be enabled for Search lifetime handling");

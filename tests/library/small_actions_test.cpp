@@ -1,8 +1,8 @@
-// The actions that only look and tell, called in the built library.
+// The actions of the built library that only read and report.
 
 #include "support/loaded_library.h"
 #include "support/registry_sandbox.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,10 +16,10 @@ namespace {
 class SmallActions : public testing::Test {
 protected:
     loaded_library library;
-    watched_session session{library.module()};
+    test_session session{library.module()};
 };
 
-TEST_F(SmallActions, tell_a_minor_upgrade_by_the_first_two_numbers)
+TEST_F(SmallActions, detect_a_minor_upgrade_by_the_first_two_numbers)
 {
     struct {
         const wchar_t* offered;
@@ -45,19 +45,19 @@ TEST_F(SmallActions, tell_a_minor_upgrade_by_the_first_two_numbers)
 TEST_F(SmallActions, show_the_restart_notice)
 {
     EXPECT_EQ(library.call("notify_restart_recommended", session.handle()), 0U);
-    EXPECT_EQ(session.messages().back().type, 0x03000040U) << "a box with an information icon";
+    EXPECT_EQ(session.messages().back().type, 0x03000040U) << "a message box with an information icon";
 }
 
-TEST_F(SmallActions, tell_the_state_of_smart_app_control)
+TEST_F(SmallActions, log_the_state_of_smart_app_control)
 {
     const registry_sandbox machine{HKEY_LOCAL_MACHINE};
     DWORD state = 0;
-    for (const std::wstring told :
+    for (const std::wstring expected :
          {L"off (", L"ON and enforcing - ", L"evaluation mode - ", L"unrecognised state ("}) {
         const std::wstring policy = LR"(SYSTEM\CurrentControlSet\Control\CI\Policy)";
         plant_number(HKEY_LOCAL_MACHINE, policy, L"VerifiedAndReputablePolicyState", state++);
         library.call("log_app_control_state", session.handle());
-        EXPECT_THAT(session.messages().back().text, testing::StartsWith(L"Smart App Control: " + told));
+        EXPECT_THAT(session.messages().back().text, testing::StartsWith(L"Smart App Control: " + expected));
     }
 }
 

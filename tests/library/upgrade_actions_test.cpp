@@ -1,13 +1,13 @@
-// prepare_controlled_upgrade, early_close_upgrade and recover_early_upgrade in the built library, the last
-// two with the stand-in of the Task Scheduler.
+// prepare_controlled_upgrade, early_close_upgrade and recover_early_upgrade of the built library, the last
+// two with the Task Scheduler's stand-in.
 
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
 #include "tests/support/failing_import.h"
-#include "tests/support/played_clock.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/scheduler_stand_in.h"
-#include "tests/support/upgrade_scene.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
+#include "tests/support/upgrade_fixture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -35,13 +35,13 @@ protected:
     void SetUp() override
     {
         if (!machine_is_disposable()) {
-            GTEST_SKIP() << "closes programs and Explorer: set DISPOSABLE_MACHINE where that may be";
+            GTEST_SKIP() << "closes programs and Explorer: set DISPOSABLE_MACHINE if that is allowed";
         }
         scheduler.emplace();
         session.set_property(BEGIN, data);
     }
 
-    // Runs the action and returns what it posted last, if anything.
+    // Runs the action and returns its last message; "" if there was none.
     std::wstring run(const char* action, UINT code = 1603)
     {
         const std::size_t before = session.messages().size();
@@ -50,7 +50,7 @@ protected:
     }
 
     loaded_library library;
-    watched_session session{library.module()};
+    test_session session{library.module()};
     std::optional<scheduler_stand_in> scheduler;
     const std::wstring data = new_upgrade_data(LR"(C:\Quorbel)");
     const custom_actions::controlled_upgrade::context upgrade = load_context(data);
@@ -83,7 +83,7 @@ TEST_F(UpgradeActions, close_programs_early_once_a_task_can_bring_them_back)
     ASSERT_EQ(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK) << "not the model of the scheduler";
     const toy_process stubborn{L"Quorbel.exe", L"--window=ignores"};
     const toy_process tray{L"Quorbel.SystemTray.exe", L"--class=Progman"};
-    // Each look at the clock takes 990 ms.
+    // Each reading of the clock advances it by 990 ms.
     const intercepted_import<"GetTickCount64", decltype(GetTickCount64)> clock{
         library.module(), [now = ULONGLONG{0}]() mutable { return std::optional{now += 990}; }};
     std::vector<DWORD> limits;
@@ -93,9 +93,9 @@ TEST_F(UpgradeActions, close_programs_early_once_a_task_can_bring_them_back)
             return std::optional{WaitForSingleObjectEx(process, limit == 20 ? 5000 : 0, FALSE)};
         }};
     run("early_close_upgrade", 0);
-    EXPECT_THAT(limits, ElementsAre(1010U, 20U)) << "2 seconds for all of them together";
-    EXPECT_FALSE(stubborn.exit_code()) << "asked and not ended";
-    EXPECT_EQ(tray.exit_code(), 0U) << "whatever its window is";
+    EXPECT_THAT(limits, ElementsAre(1010U, 20U)) << "2 seconds for all programs together";
+    EXPECT_FALSE(stubborn.exit_code()) << "a program that ignores the request is not killed";
+    EXPECT_EQ(tray.exit_code(), 0U) << "a program is closed whatever the class of its window";
 
     const toy_scheduler::properties expected{
         {L"UserId", upgrade.user_sid},
@@ -127,9 +127,9 @@ TEST_F(UpgradeActions, close_nothing_early_that_cannot_be_brought_back)
     }
     session.set_property(BEGIN, data);
     const failing_import<"OpenProcess", decltype(OpenProcess)> gone{
-        library.module(), nullptr, {ERROR_INVALID_PARAMETER, 2}}; // when its user is asked for
+        library.module(), nullptr, {ERROR_INVALID_PARAMETER, 2}}; // the call that looks up its user
     EXPECT_THAT(run("early_close_upgrade", 0), EndsWith(L"no matching QBL applications."));
-    EXPECT_FALSE(main_program.exit_code()) << "nobody has asked it to";
+    EXPECT_FALSE(main_program.exit_code()) << "it was asked to close";
 }
 
 TEST_F(UpgradeActions, keep_the_recovery_task_until_it_has_succeeded)
@@ -145,7 +145,7 @@ TEST_F(UpgradeActions, keep_the_recovery_task_until_it_has_succeeded)
     scheduler->register_task(task);
     for (const TASK_STATE state : {TASK_STATE_QUEUED, TASK_STATE_RUNNING}) {
         scheduler->stay_in(state);
-        const played_clock clock{library.module()};
+        const fake_clock clock{library.module()};
         EXPECT_THAT(run("recover_early_upgrade"), EndsWith(L"launcher timed out; task retained"));
         EXPECT_EQ(clock.sleeps(), std::vector<DWORD>(150, 100));
     }

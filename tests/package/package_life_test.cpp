@@ -1,5 +1,5 @@
-// The life of a package of another maker's (toy_set.wxs), in the real installer: what it does is whole, or
-// undone, with the machine compared before and after.
+// Installs, upgrades and removes another vendor's package (toy_set.wxs) with the real installer. Each step
+// must complete or be fully undone: the machine is compared before and after.
 
 #include "custom_actions/processes/process_inventory.h"
 #include "custom_actions/search/search_service.h"
@@ -34,7 +34,7 @@ using testing::HasSubstr;
 using texts = std::vector<std::string>;
 
 constexpr const wchar_t* FOLDER = LR"(C:\Program Files\Toymaker\Bob's Toys (all of them))";
-constexpr const wchar_t* ELSEWHERE = LR"(C:\Toys elsewhere)"; // where an upgrade is to go, which fails
+constexpr const wchar_t* ELSEWHERE = LR"(C:\Toys elsewhere)"; // the target of an upgrade that fails
 constexpr const wchar_t* HANDLERS =
     LR"(SOFTWARE\Microsoft\Windows\CurrentVersion\PropertySystem\PropertyHandlers)";
 
@@ -52,7 +52,7 @@ texts files()
     for (const wchar_t* folder : {FOLDER, ELSEWHERE}) {
         for (const auto& file : std::filesystem::recursive_directory_iterator{folder, none}) {
             if (file.path().extension() == L".in-use") {
-                continue; // set aside under a running program; it goes with the next restart
+                continue; // the file of a running program, deleted at the next restart
             }
             const std::size_t hash = std::hash<std::string>{}(content(file.path()));
             found.push_back(file.path().filename().string() + ' ' + std::to_string(hash));
@@ -61,7 +61,7 @@ texts files()
     return found;
 }
 
-// The values; a key without any counts for nothing.
+// The values below a key. Keys without values are left out.
 texts registry(HKEY root, const std::wstring& path)
 {
     custom_actions::registry_key_handle key;
@@ -71,7 +71,7 @@ texts registry(HKEY root, const std::wstring& path)
     return found;
 }
 
-// What is on the machine that the suite changes, by where it is.
+// Everything on the machine that the suite changes, by kind.
 std::map<std::string, texts> machine(const windows_search& search)
 {
     const std::wstring classes = LR"(Software\Classes)";
@@ -106,11 +106,10 @@ bool runs(const std::wstring& program)
 
 // A step of the package's life.
 struct step {
-    const wchar_t* order; // what msiexec is told: the verb, the package, properties
-    UINT result;          // what it ends with
-    const char* reached;  // what the log must have: it was no other failure
-    const char*
-        version; // which is there afterwards: "" for none, nullptr where the machine is as it was before
+    const wchar_t* order; // for msiexec: the verb, the package and properties
+    UINT result;          // msiexec's exit code
+    const char* reached;  // the log must contain it: proof of the expected failure
+    const char* version;  // installed afterwards: "" for none, nullptr for no change at all
 };
 
 constexpr const char* REFUSED = "refuse_folder";
@@ -140,12 +139,11 @@ protected:
     void SetUp() override
     {
         if (!machine_is_disposable()) {
-            GTEST_SKIP() << "installs packages: set DISPOSABLE_MACHINE where that may be";
+            GTEST_SKIP() << "installs packages: set DISPOSABLE_MACHINE if that is allowed";
         }
         allow_test(std::chrono::minutes{8});
-        clean_up(); // what a test that was broken off has left
-        // A file of the user's, which stays. It keeps the folder, too, without which Wine's engine cannot put
-        // files back.
+        clean_up(); // an earlier run may have been killed
+        // A user's file, which must stay. It keeps the folder too, without which Wine cannot restore files.
         std::filesystem::create_directories(FOLDER);
         std::ofstream{std::filesystem::path{FOLDER} / L"mine.txt"} << "mine";
         powershell.emplace();
@@ -178,7 +176,7 @@ protected:
         }
     }
 
-    // What msiexec ends with; `log` is then what it wrote.
+    // Runs msiexec and returns its exit code; `log` is then its log.
     UINT install(const std::wstring& order)
     {
         const std::size_t name = order.find(L' ') + 1;
@@ -195,10 +193,9 @@ protected:
         return result;
     }
 
-    // Wine's engine, having rolled back an upgrade, has forgotten the product with its values, and it carries
-    // out the end of a session that failed before that, when it is too early for the recovery task: this is
-    // then there.
-    void mend(const std::wstring& installed)
+    // After a rolled-back upgrade, Wine has unregistered the old product with its values. Wine also runs the
+    // actions for a failed session before the rollback, too early for the recovery task, which then remains.
+    void repair_after_wine(const std::wstring& installed)
     {
         scheduler->clear();
         ASSERT_EQ(install(L"/i " + installed), 0U) << log;
@@ -213,7 +210,7 @@ protected:
     std::string log;
 };
 
-// `ignored` is left out.
+// Compares all kinds but the `ignored` ones.
 void expect_same(
     const std::map<std::string, texts>& now, const std::map<std::string, texts>& before, const texts& ignored)
 {
@@ -238,7 +235,7 @@ void expect_version(
     EXPECT_EQ(now.at("Windows Search"), clean.at("Windows Search"));
 }
 
-TEST_F(PackageLife, is_whole_or_undone_at_each_step)
+TEST_F(PackageLife, completes_or_undoes_each_step)
 {
     const toy_process explorer{L"explorer.exe", L"--window=none"};
     const auto clean = machine(*search);
@@ -252,7 +249,7 @@ TEST_F(PackageLife, is_whole_or_undone_at_each_step)
         if (controlled) {
             program.emplace(std::wstring{FOLDER} + L"\\Quorbel.exe");
         }
-        if (order.ends_with(L"REINSTALL=ALL")) { // a repair brings back what is missing
+        if (order.ends_with(L"REINSTALL=ALL")) { // a repair restores missing packages
             EXPECT_TRUE(toy_powershell::state_key{}.remove_subkey(L"Packages"));
         }
         const auto before = machine(*search);
@@ -274,12 +271,12 @@ TEST_F(PackageLife, is_whole_or_undone_at_each_step)
             installed = order.substr(order.find(L' ') + 1);
         }
         if (controlled) {
-            EXPECT_EQ(program->exit_code(), 0U) << "it was asked to close";
-            EXPECT_EQ(runs(L"Quorbel.exe"), !forgotten) << "and came back";
+            EXPECT_EQ(program->exit_code(), 0U) << "it must close when asked";
+            EXPECT_EQ(runs(L"Quorbel.exe"), !forgotten) << "and be restarted";
             end_the_suite();
         }
         if (forgotten) {
-            mend(installed);
+            repair_after_wine(installed);
         }
     }
 }

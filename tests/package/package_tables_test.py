@@ -1,7 +1,7 @@
-"""What Wine's installer passes and Windows' does not: an action of the wrong kind, at the wrong place, as another user or
-without its data. Read from the tables of the packages that were built. And what the script that builds them refuses.
+"""Checks the tables of the built packages for what Wine accepts and Windows does not: an action of the wrong type, at
+the wrong place, as the wrong user or without its data. And checks what the script that builds them refuses.
 
-Run with the folder of the build: package_tables_test.py BUILD
+Usage: package_tables_test.py BUILD_FOLDER
 """
 
 import re
@@ -21,20 +21,20 @@ FRAGMENT, REHEARSAL = PROJECT / "package/custom_actions.wxs", PROJECT / "package
 SOURCES = {"quorbel": PROJECT / "package/quorbel.wxs", "toy_set": PROJECT / "tests/package/toy_set.wxs"}
 PACKAGES = ("Sorvane.Icon", "Sorvane.Organize", "Sorvane.Tag", "Sorvane.Rate", "Quorbel.Kindra", "Quorbel.Paste",
             "Quorbel.Comment", "Quorbel.Plexa")
-# What the sources ask for; most of it is in none of the rows that are compared.
+# Variables of the sources; most do not appear in the rows that are compared.
 VARIABLES = {
     **dict.fromkeys(("Library", "LowestControlledVersion", "InstalledVersionKey", "InstalledVersionName", "ReleaseNotes",
                      "HowItCameGuid", "ProductCode", "UpgradeCode"), "x"),
     "Version": "1.5.0", "Packages": ";".join(PACKAGES)}
 IN_SCRIPT, ROLLBACK, NO_IMPERSONATION, IGNORE = 1024, 256, 2048, 64
-# The deferred actions whose data an immediate one leaves, by its name.
+# Deferred actions by the immediate action that sets their data.
 DATA_OF = {
     "close_and_kill_our_processes": {"restore_explorer", "rollback_explorer"},
     "capture_search_state": {"stop_search", "rollback_search", "restore_search"},
     "prepare_controlled_upgrade": {"begin_controlled_upgrade", "install_upgrade_packages", "finish_controlled_upgrade",
                                    "rollback_controlled_upgrade"},
 }
-# What changes the machine, after what undoes it.
+# The rollback action of each action that changes the machine.
 PARTNERS = {
     "begin_controlled_upgrade": "rollback_controlled_upgrade", "stop_search": "rollback_search",
     "propertyhandler_update_registry": "rollback_property_handler",
@@ -48,7 +48,7 @@ FRAME = {"capture_search_state", "close_and_kill_our_processes", "rollback_explo
          "restore_search", "restore_explorer"}
 REGISTRATION = {"check_upgrade_type", "log_app_control_state", "propertyhandler_update_registry",
                 "iconhandler_add_defaults_to_registry"}
-# What is true in a session, and which actions then run; "*" is each package.
+# The properties set in a session, and the actions that must run; "*" stands for each package.
 SESSIONS = {
     "a first installation": ({}, FRAME | REGISTRATION | {
         "rollback_property_handler", "rollback_icon_handler", "undo_install_*", "install_*"}),
@@ -69,25 +69,25 @@ SESSIONS = {
 
 
 def holds(condition, session):
-    """Whether a condition of the installer's is true."""
-    def compared(found):
+    """Evaluates an installer condition."""
+    def compare(found):
         value, operator, text = session.get(found[1], ""), found[2], found[3]
         return str({"~=": value.upper() == text.upper(), "<>": value != text, "><": text in value}[operator])
 
-    words = re.sub(r'(\w+) ?(~=|<>|><) ?"([^"]*)"', compared, condition)
+    words = re.sub(r'(\w+) ?(~=|<>|><) ?"([^"]*)"', compare, condition)
     known = {"AND": "and", "OR": "or", "NOT": "not", "True": "True", "False": "False"}
     return eval(re.sub(r"\w+", lambda word: known.get(word[0]) or str(word[0] in session), words) or "True")
 
 
 def export(package, table):
     """The rows of a table, as dictionaries."""
-    told = subprocess.run(["msiinfo", "export", package, table], capture_output=True, check=True)
-    columns, _, _, *rows = told.stdout.decode().replace("\r", "").split("\n")
+    exported = subprocess.run(["msiinfo", "export", package, table], capture_output=True, check=True)
+    columns, _, _, *rows = exported.stdout.decode().replace("\r", "").split("\n")
     return [dict(zip(columns.split("\t"), row.split("\t"))) for row in rows if row]
 
 
 def documented_kinds():
-    """{export: its kind} of the table in docs/actions.md."""
+    """{export: (its kind, whether it reads CustomActionData)}, from the table in docs/actions.md."""
     rows = re.findall(r"^\| `(\w+)` \| ([^|]*) \| ([^|]*) \|", (PROJECT / "docs/actions.md").read_text(), re.MULTILINE)
     return {name: (kind, "CustomActionData" in reads) for name, kind, reads in rows}
 
@@ -107,7 +107,7 @@ class PackageTables(unittest.TestCase):
                 yield
 
     def in_order(self, first, last):
-        """The actions from one to the other, without the rehearsal's."""
+        """The actions from `first` to `last` in sequence, without the rehearsal's."""
         rehearsal = {action for action, row in self.actions.items() if row["Source"] == "toy_engine"}
         chosen = [action for action, place in self.place.items()
                   if self.place[first] <= place <= self.place[last] and action not in rehearsal]
@@ -116,7 +116,7 @@ class PackageTables(unittest.TestCase):
     def condition(self, action):
         return self.sequence[action]["Condition"]
 
-    def test_each_entry_point_is_called_as_what_it_is(self):
+    def test_each_action_has_the_type_that_is_documented(self):
         exports = re.findall(r"^    (\w+)$", (PROJECT / "custom_actions/custom_actions.def").read_text(), re.MULTILINE)
         documented = documented_kinds()
         for _ in self.each_package():
@@ -128,21 +128,21 @@ class PackageTables(unittest.TestCase):
                 wanted = IN_SCRIPT * in_script + ROLLBACK * undoes
                 wanted += NO_IMPERSONATION if in_script and "as the user" not in kind else 0
                 found = self.kind[action] & (IN_SCRIPT | ROLLBACK | NO_IMPERSONATION)
-                self.assertEqual(found, wanted, f"{action} is of type {self.kind[action]}: {kind}")
+                self.assertEqual(found, wanted, f"{action} has type {self.kind[action]} but is {kind}")
                 if undoes:
                     self.assertTrue(self.kind[action] & IGNORE, f"{action} could stop a rollback")
 
-    def test_each_action_has_one_place_and_stands_where_it_can_work(self):
+    def test_each_action_is_sequenced_once_and_in_a_valid_place(self):
         for _ in self.each_package():
             places = sorted(self.place.values())
-            self.assertEqual(places, sorted(set(places)), "a place is there twice")
-            self.assertEqual(set(self.actions) - set(self.place), set(), "these have no place")
+            self.assertEqual(places, sorted(set(places)), "two actions have the same place")
+            self.assertEqual(set(self.actions) - set(self.place), set(), "these actions are not sequenced")
             begin, end = self.place["InstallInitialize"], self.place["InstallFinalize"]
             for action, kind in self.kind.items():
                 if kind & IN_SCRIPT:
-                    self.assertTrue(begin < self.place[action] < end, f"{action} stands outside of the script")
+                    self.assertTrue(begin < self.place[action] < end, f"{action} is outside the script")
             for action, undone_by in PARTNERS.items():
-                self.assertLess(self.place[undone_by], self.place[action], f"{action} comes before what undoes it")
+                self.assertLess(self.place[undone_by], self.place[action], f"{action} comes before its rollback")
             self.assertEqual({action for action, place in self.place.items() if place < 0},
                              {"recover_after_error", "recover_after_cancel"})
             self.assertEqual(self.place["recover_after_error"], -3)
@@ -165,13 +165,13 @@ class PackageTables(unittest.TestCase):
                      "recover_early_upgrade", "notify_restart_recommended")
             self.assertEqual(sorted(chain, key=self.place.get), list(chain))
 
-    def test_no_order_is_left_to_the_compiler(self):
+    def test_the_fragment_leaves_no_order_to_the_compiler(self):
         fragment = build_package.expand([build_package.read(FRAGMENT)], dict(VARIABLES))[0]
         neighbours = {}
         for element in fragment.every("Custom", "SetProperty", "InstallExecute", "RemoveExistingProducts"):
             for side in {"Before", "After"} & set(element.attributes):
                 action = element.get("Action", element.name)
-                kind = re.sub("|".join(PACKAGES), "PACKAGE", action)  # the packages among themselves need no order
+                kind = re.sub("|".join(PACKAGES), "PACKAGE", action)  # packages may come in any order
                 neighbours.setdefault((side, element.get(side)), set()).add(kind)
         self.assertEqual({place: actions for place, actions in neighbours.items() if len(actions) > 1}, {})
 
@@ -185,20 +185,20 @@ class PackageTables(unittest.TestCase):
                     continue
                 setter = given.get(action) or setters.get(action)
                 self.assertIsNotNone(setter, f"nothing sets the property {action}")
-                self.assertLess(self.place[setter], self.place[action], f"{action} has no data yet")
+                self.assertLess(self.place[setter], self.place[action], f"{action} comes before {setter}")
                 self.assertEqual(self.condition(setter), self.condition(action), f"{action} may run without {setter}")
 
     def test_each_kind_of_session_runs_its_actions(self):
         for _ in self.each_package():
             for name, (session, wanted) in SESSIONS.items():
-                for user in ("S-1-5-21-1", "S-1-5-18"):  # the second is LocalSystem, which has no packages
+                for user in ("S-1-5-21-1", "S-1-5-18"):  # LocalSystem, the second, has no packages
                     found = {action for action in self.ours
                              if holds(self.condition(action), {**session, "UserSID": user})}
-                    told = {action.replace("*", package) for action in wanted for package in PACKAGES
-                            if user != "S-1-5-18" or "*" not in action}
-                    self.assertEqual(found, told, f"{name} by {user}")
+                    expected = {action.replace("*", package) for action in wanted for package in PACKAGES
+                                if user != "S-1-5-18" or "*" not in action}
+                    self.assertEqual(found, expected, f"{name} by {user}")
 
-    def test_nothing_is_asked_too_early_and_what_is_ignored_is_known(self):
+    def test_early_conditions_need_no_costing_and_ignored_failures_are_known(self):
         for _ in self.each_package():
             for action in self.in_order("AppSearch", "InstallValidate"):
                 self.assertNotRegex(self.condition(action), r'(?<!NOT )REMOVE~="ALL"', action)
@@ -210,7 +210,7 @@ class PackageTables(unittest.TestCase):
                 "early_close_upgrade", "recover_early_upgrade", "recover_after_error", "recover_after_cancel",
                 "notify_restart_recommended", "restore_search", "restore_explorer", "iconhandler_remove_registry"})
 
-    def test_the_wiring_is_the_fragments_but_for_what_wine_needs(self):
+    def test_built_packages_differ_from_the_sources_only_for_wine(self):
         added = build_package.read_conditions(PROJECT / "package/wine_conditions.txt")
         for _ in self.each_package():
             _, actions, sequence = build_package.tables([self.source, FRAGMENT, REHEARSAL], VARIABLES, {})
@@ -224,20 +224,21 @@ class PackageTables(unittest.TestCase):
                     differing[action] = self.condition(action).removeprefix(f"({condition}) AND ")
             self.assertEqual(differing, added)
 
-    def test_what_travels_is_secure_and_the_named_files_are_always_there(self):
+    def test_passed_properties_are_secure_and_named_files_are_always_installed(self):
         for _ in self.each_package():
-            told = {row["Property"]: row["Value"] for row in export(self.path, "Property")}
+            properties = {row["Property"]: row["Value"] for row in export(self.path, "Property")}
             self.assertLessEqual(
                 {"INSTALLED_APP_VERSION", "QBL_INSTALLED_FOLDER", "INSTALLFOLDER", "OLDER_VERSION_FOUND",
                  "WIX_UPGRADE_DETECTED", "NEWER_VERSION_FOUND", "SAME_VERSION_FOUND"},
-                set(told["SecureCustomProperties"].split(";")))
-            self.assertEqual((told["MSIRESTARTMANAGERCONTROL"], told["PROMPTROLLBACKCOST"]), ("Disable", "F"))
+                set(properties["SecureCustomProperties"].split(";")))
+            self.assertEqual(properties["MSIRESTARTMANAGERCONTROL"], "Disable")
+            self.assertEqual(properties["PROMPTROLLBACKCOST"], "F")
             page = subprocess.run(["msiinfo", "export", self.path, "_ForceCodepage"], capture_output=True, check=True)
             self.assertIn(b"65001", page.stdout, "the code page cannot hold the four quotation marks")
 
             found = {row["ActionProperty"]: (row["VersionMin"], row["VersionMax"], int(row["Attributes"]))
                      for row in export(self.path, "Upgrade")}
-            self.assertEqual(found, {  # 2 detects only, 256 and 512 include the lower and the upper end
+            self.assertEqual(found, {  # 2: detect only; 256, 512: include the lower, the upper end
                 "OLDER_VERSION_FOUND": ("0.0.0", "1.5.0", 256), "WIX_UPGRADE_DETECTED": ("1.5.0", "1.5.0", 258),
                 "NEWER_VERSION_FOUND": ("1.5.0", "", 2), "SAME_VERSION_FOUND": ("1.5.0", "1.5.0", 770)})
             self.assertEqual({row["Condition"] for row in export(self.path, "LaunchCondition")},
@@ -250,7 +251,7 @@ class PackageTables(unittest.TestCase):
             named = [f"{name}.Package.msix" for name in PACKAGES] + [
                 "Quorbel.exe", "Quorbel.Kindra.HelperService.exe", "Quorbel.SystemTray.exe"]
             homes = {features[component_of[file]] for file in named}
-            self.assertEqual(len(homes), 1, "files that actions name can be missing")
+            self.assertEqual(len(homes), 1, "a file that an action needs may be missing")
             feature = next(row for row in export(self.path, "Feature") if row["Feature"] in homes)
             self.assertEqual((feature["Level"], feature["Attributes"]), ("1", "16"), "the feature can be deselected")
             guid = next(row for row in export(self.path, "Component")
@@ -259,7 +260,7 @@ class PackageTables(unittest.TestCase):
 
 
 class BuildPackage(unittest.TestCase):
-    # What is replaced in the fragment, by what, and what the script then says.
+    # A text of the fragment, its replacement, and the error expected then.
     REFUSED = (
         ("<Binary Id", "<Binarie Id", "the element Binarie is not understood"),
         ("</Fragment>", "<MajorUpgrade/></Fragment>", "the element MajorUpgrade is not understood"),
@@ -282,7 +283,7 @@ class BuildPackage(unittest.TestCase):
         (' Id="$(var.UpgradeCode)"', "", "Upgrade needs the attribute Id"),
     )
 
-    def test_what_it_does_not_know_ends_it_with_the_place_and_the_name(self):
+    def test_invalid_sources_are_refused_with_their_place_and_name(self):
         source = FRAGMENT.read_text(encoding="utf-8")
         with tempfile.TemporaryDirectory() as folder:
             broken = Path(folder, "broken.wxs")
@@ -296,17 +297,17 @@ class BuildPackage(unittest.TestCase):
                     self.assertIn(message, str(caught.exception))
             script = PROJECT / "package/build_package.py"
             output = Path(folder, "none.msi")
-            told = subprocess.run([sys.executable, script, "-o", output, SOURCES["quorbel"], broken],
-                                  capture_output=True, check=False)
-            self.assertNotEqual(told.returncode, 0)
-            self.assertRegex(told.stderr.decode(), r"^\S+\.wxs:\d+: ")
+            result = subprocess.run([sys.executable, script, "-o", output, SOURCES["quorbel"], broken],
+                                    capture_output=True, check=False)
+            self.assertNotEqual(result.returncode, 0)
+            self.assertRegex(result.stderr.decode(), r"^\S+\.wxs:\d+: ")
             self.assertFalse(output.exists())
             conditions = Path(folder, "conditions.txt")
             conditions.write_text("# a reason\none A\ntwo B\n", encoding="utf-8")
             with self.assertRaisesRegex(SystemExit, ":3: a condition needs a reason"):
                 build_package.read_conditions(conditions)
 
-    def test_a_fragment_that_nothing_refers_to_stays_out(self):
+    def test_an_unreferenced_fragment_is_left_out(self):
         with tempfile.TemporaryDirectory() as folder:
             plain = Path(folder, "plain.wxs")
             plain.write_text(re.sub(r"<CustomActionRef[^>]*>", "", SOURCES["quorbel"].read_text()), encoding="utf-8")

@@ -20,18 +20,18 @@ using test_support::thrown_by;
 constexpr std::array<std::wstring_view, 1> NO_MODULE{L"none"};
 constexpr std::array<std::wstring_view, 1> SYSTEM_MODULE{L"kernel32.dll"};
 
-TEST(ModulePattern, has_to_fit_the_whole_name)
+TEST(ModulePattern, matches_the_whole_name)
 {
-    const auto fits = [](const wchar_t* name) {
+    const auto matches = [](const wchar_t* name) {
         return matches_module_pattern(name, L"Quorbel.WindowOrganizer*.dll");
     };
-    EXPECT_TRUE(fits(L"QUORBEL.windoworganizer.x64.dll.DLL"));
-    EXPECT_TRUE(fits(L"Quorbel.WindowOrganizer.dll"));
-    EXPECT_FALSE(fits(L"Quorbel.WindowOrganizer.dll.bak"));
-    EXPECT_FALSE(fits(L"My.Quorbel.WindowOrganizer.dll"));
+    EXPECT_TRUE(matches(L"QUORBEL.windoworganizer.x64.dll.DLL"));
+    EXPECT_TRUE(matches(L"Quorbel.WindowOrganizer.dll"));
+    EXPECT_FALSE(matches(L"Quorbel.WindowOrganizer.dll.bak"));
+    EXPECT_FALSE(matches(L"My.Quorbel.WindowOrganizer.dll"));
 }
 
-TEST(StrictListing, tells_a_process_that_has_gone_from_one_that_cannot_be_read)
+TEST(StrictListing, ignores_an_ended_process_and_throws_if_one_cannot_be_read)
 {
     const auto read = [] { process_has_module(GetCurrentProcessId(), NO_MODULE, listing::strict); };
     EXPECT_EQ(THROWN_WITH(read, CreateToolhelp32Snapshot, INVALID_HANDLE_VALUE, {87}), "");
@@ -41,7 +41,7 @@ TEST(StrictListing, tells_a_process_that_has_gone_from_one_that_cannot_be_read)
         "Unstable modules for PID " + std::to_string(GetCurrentProcessId()) + " (24)");
 }
 
-TEST(Modules, are_those_of_32_bit_programs_too)
+TEST(Modules, include_those_of_32_bit_programs)
 {
     const test_support::intercepted_import<"CreateToolhelp32Snapshot", decltype(CreateToolhelp32Snapshot)>
         snapshots{GetModuleHandleW(nullptr), [](DWORD what, DWORD) -> std::optional<HANDLE> {
@@ -51,7 +51,7 @@ TEST(Modules, are_those_of_32_bit_programs_too)
     EXPECT_TRUE(process_has_module(GetCurrentProcessId(), SYSTEM_MODULE, listing::strict));
 }
 
-TEST(DebugPrivilege, is_put_back_and_not_required)
+TEST(DebugPrivilege, is_restored_and_not_required)
 {
     std::vector<DWORD> attributes;
     const test_support::intercepted_import<"AdjustTokenPrivileges", decltype(AdjustTokenPrivileges)> adjust{
@@ -65,20 +65,20 @@ TEST(DebugPrivilege, is_put_back_and_not_required)
     EXPECT_EQ(attributes, (std::vector<DWORD>{SE_PRIVILEGE_ENABLED, 0}));
 }
 
-TEST(HostOwner, is_impersonated_for_the_scope_alone)
+TEST(HostOwner, is_impersonated_until_the_scope_ends)
 {
-    const auto look = [] {
+    const auto impersonate = [] {
         const host_owner_impersonation owner{GetCurrentProcessId(), 0};
         EXPECT_TRUE(test_support::thread_is_impersonating());
     };
-    EXPECT_EQ(thrown_by(look), "");
+    EXPECT_EQ(thrown_by(impersonate), "");
     EXPECT_EXIT(
-        THROWN_WITH(look, SetThreadToken, FALSE, {ERROR_CAN_NOT_COMPLETE}),
+        THROWN_WITH(impersonate, SetThreadToken, FALSE, {ERROR_CAN_NOT_COMPLETE}),
         testing::ExitedWithCode(ERROR_CAN_NOT_COMPLETE),
         "");
 }
 
-TEST(HostOwner, has_all_rights_where_the_sessions_token_is_a_limited_one)
+TEST(HostOwner, is_elevated_if_the_sessions_token_is_limited)
 {
     const test_support::intercepted_import<"GetTokenInformation", decltype(GetTokenInformation)> limited{
         GetModuleHandleW(nullptr),

@@ -1,11 +1,11 @@
-// What the shell is told of the suite: registered and removed again, on hives of the tests' own.
+// Shell registration: registered and removed again, in sandboxed hives.
 
 #include "custom_actions/shell_registration/icon_handler.h"
 #include "custom_actions/shell_registration/new_menu.h"
 #include "custom_actions/shell_registration/property_handler.h"
 #include "support/registry_sandbox.h"
 #include "tests/support/failing_import.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
 
 #include <gtest/gtest.h>
 #include <shlobj.h>
@@ -25,7 +25,7 @@ constexpr const wchar_t* FOREIGN = L"{11111111-2222-3333-4444-555555555555}";
 const std::wstring CLASSES = LR"(Software\Classes\)";
 const std::wstring TYPES = LR"(Software\Classes\SystemFileAssociations\)";
 
-// Numbers, as the bytes of a text of one character with its terminating zero.
+// REG_DWORD values as texts: one character and the terminating zero have the same four bytes.
 const std::wstring ZERO(1, L'\0');
 const std::wstring ONE(1, L'\1');
 
@@ -46,16 +46,16 @@ protected:
 
     HKEY root;
     HMODULE program = GetModuleHandleW(nullptr);
-    registry_sandbox classes_root{HKEY_CLASSES_ROOT}; // which does not follow the user's
+    registry_sandbox classes_root{HKEY_CLASSES_ROOT}; // it does not follow HKEY_CURRENT_USER
     registry_sandbox hive{root};
-    watched_session session{program};
+    test_session session{program};
     const custom_actions::action_log log{session.handle(), L"tested"};
 };
 
 class PropertyHandler : public ShellRegistration {
 protected:
     static constexpr const wchar_t* OURS = L"{73A6EEEE-36B5-4536-A731-8F92EF883087}";
-    static constexpr const wchar_t* OURS_IN_OTHER_LETTERS = L"{73a6eeee-36b5-4536-a731-8f92ef883087}";
+    static constexpr const wchar_t* OURS_IN_LOWER_CASE = L"{73a6eeee-36b5-4536-a731-8f92ef883087}";
 
     PropertyHandler() : ShellRegistration{HKEY_LOCAL_MACHINE} {}
 
@@ -77,21 +77,21 @@ protected:
     std::string output; // of the last action
 };
 
-TEST_F(PropertyHandler, comes_with_its_lists_and_leaves_what_others_and_the_user_wrote)
+TEST_F(PropertyHandler, is_removed_with_its_lists_and_keeps_what_others_and_the_user_wrote)
 {
     const std::wstring list = L"prop:System.PropGroup.Description;My.Own";
     const std::wstring address =
         L"System.Calendar.Location;System.Contact.PrimaryAddressCity;System.Contact.PrimaryAddressState;"
         L"System.Contact.PrimaryAddressCountry;";
     plant(handlers + L".arw", L"", FOREIGN);
-    plant(handlers + L".heic", L"", OURS_IN_OTHER_LETTERS);
+    plant(handlers + L".heic", L"", OURS_IN_LOWER_CASE);
     plant(handlers + L".jpeg", L"", std::wstring(1500, L'x'));
-    plant(handlers + L".xyz", L"", OURS_IN_OTHER_LETTERS);
+    plant(handlers + L".xyz", L"", OURS_IN_LOWER_CASE);
     plant(TYPES + L".arw", L"InfoTip", list);
     plant(TYPES + L".arw", L"FullDetails", list);
     plant(TYPES + L".jpeg", L"FullDetails", L"prop:My.Own");
-    plant(TYPES + L".mp3", L"Other", L"a value of somebody's");
-    // What is left of the lists that the user edits below.
+    plant(TYPES + L".mp3", L"Other", L"another vendor's value");
+    // What removal leaves of the lists that the user edits below.
     plant(TYPES + L".gif", L"InfoTip", L"prop:My.Own");
     plant(TYPES + L".jpg", L"InfoTip", L"prop:A;B");
     plant(TYPES + L".webp", L"InfoTip", L"");
@@ -104,7 +104,7 @@ TEST_F(PropertyHandler, comes_with_its_lists_and_leaves_what_others_and_the_user
     EXPECT_TRUE(has(TYPES + L".arw", L"InfoTip", list + L";System.Calendar.Location"));
     EXPECT_TRUE(has(TYPES + L".arw", L"FullDetails", std::wstring{list}.insert(list.find(L"My"), address)));
 
-    plant(handlers + L".arw", L"", L"a newer one, which is not kept");
+    plant(handlers + L".arw", L"", L"a newer handler, not backed up");
     EXPECT_EQ(install(), 0U);
     plant(handlers + L".unknown", L"", OURS);
     plant(TYPES + L".gif", L"InfoTip", L"prop:My.Own");
@@ -114,13 +114,13 @@ TEST_F(PropertyHandler, comes_with_its_lists_and_leaves_what_others_and_the_user
     EXPECT_EQ(dump_registry(root), left);
 }
 
-TEST_F(PropertyHandler, takes_what_it_finds_for_text_and_loses_nothing_that_is_long)
+TEST_F(PropertyHandler, reads_any_value_as_text_and_keeps_long_ones)
 {
     const std::wstring nul(1, L'\0');
     const std::wstring longer(1'100'000, L'x');
     plant(handlers + L".heic", L"", OURS);
     plant(TYPES + L".heic", L"InfoTip", L"prop:A" + nul + L"B", REG_MULTI_SZ);
-    plant(handlers + L".webp", L"", nul + L"x"); // by its size a handler, and no text to be kept
+    plant(handlers + L".webp", L"", nul + L"x"); // not empty, but an empty text: nothing to back up
     plant(handlers + L".arw", L"", longer);
     plant(handlers + L".tif", L"", FOREIGN);
     plant_value(root, handlers + L".tif", L"OriginalPropertyHandler", {}, REG_NONE);
@@ -130,15 +130,15 @@ TEST_F(PropertyHandler, takes_what_it_finds_for_text_and_loses_nothing_that_is_l
     EXPECT_EQ(RegGetValueW(root, lists.c_str(), L"InfoTip", RRF_RT_REG_SZ, nullptr, nullptr, nullptr), 0);
     EXPECT_TRUE(has(handlers + L".webp", L"", OURS));
     EXPECT_EQ(planted_value(root, handlers + L".webp", L"OriginalPropertyHandler"), std::nullopt);
-    EXPECT_EQ(planted_value(root, handlers + L".tif", L"OriginalPropertyHandler"), "") << "the earlier one";
+    EXPECT_EQ(planted_value(root, handlers + L".tif", L"OriginalPropertyHandler"), "") << "overwritten";
     EXPECT_EQ(remove(), 0U);
     EXPECT_TRUE(has(handlers + L".arw", L"", longer));
-    EXPECT_EQ(planted_value(root, handlers + L".tif", L""), std::nullopt) << "no backup that can be read";
+    EXPECT_EQ(planted_value(root, handlers + L".tif", L""), std::nullopt) << "its backup is not readable";
 }
 
-TEST_F(PropertyHandler, goes_on_where_a_key_resists)
+TEST_F(PropertyHandler, continues_after_a_key_that_fails)
 {
-    EXPECT_EQ(remove(), 0U) << "where there are no handlers at all";
+    EXPECT_EQ(remove(), 0U) << "without any handler";
     install();
     const failing_import<"RegOpenKeyExA", decltype(RegOpenKeyExA)> no_opening{
         program, ERROR_ACCESS_DENIED, {.last_error = 0}};
@@ -153,7 +153,7 @@ TEST_F(PropertyHandler, goes_on_where_a_key_resists)
 
     const failing_import<"RegSetValueExA", decltype(RegSetValueExA)> no_writing{
         program, ERROR_ACCESS_DENIED, {.last_error = 0}};
-    EXPECT_EQ(install(), 0U) << "which does not fail the installation";
+    EXPECT_EQ(install(), 0U) << "a key that fails must not fail the installation";
     EXPECT_NE(output.find("\n[propertyhandler]   FAILED: .asm (fresh install)\n"), std::string::npos);
     EXPECT_TRUE(has(handlers + L".aspx", L"", OURS));
 }
@@ -171,10 +171,10 @@ protected:
         }};
 };
 
-TEST_F(IconHandler, serves_its_types_and_their_progids_and_leaves_the_hive_as_it_was)
+TEST_F(IconHandler, covers_its_types_and_their_progids_and_is_removed_without_a_trace)
 {
     static constexpr const wchar_t* ours = L"{931CC9DD-9E0F-4FA1-AA06-229D0372956A}";
-    static constexpr const wchar_t* ours_in_other_letters = L"{931cc9dd-9e0f-4fa1-aa06-229d0372956a}";
+    static constexpr const wchar_t* ours_in_lower_case = L"{931cc9dd-9e0f-4fa1-aa06-229d0372956a}";
     static constexpr const wchar_t* mark = L"QuorbelTreatment";
     const std::wstring icon_slot = LR"(\ShellEx\IconHandler)";
     const std::wstring thumbnail_slot = LR"(\ShellEx\{e357fccd-a995-4576-b01f-234630154e96})";
@@ -183,7 +183,7 @@ TEST_F(IconHandler, serves_its_types_and_their_progids_and_leaves_the_hive_as_it
         [](ASSOCF, ASSOCSTR, LPCWSTR type, LPCWSTR, LPWSTR text, DWORD* length) -> std::optional<HRESULT> {
             *length = 4;
             if (text == nullptr) {
-                return E_POINTER; // no failure here
+                return E_POINTER; // the length is returned
             }
             std::copy_n(type + 1, *length, text);
             return S_OK;
@@ -201,7 +201,7 @@ TEST_F(IconHandler, serves_its_types_and_their_progids_and_leaves_the_hive_as_it
         slots.push_back(CLASSES + progid + icon_slot);
     }
     plant(slots[0], L"", FOREIGN);
-    plant(slots[1], L"", ours_in_other_letters);
+    plant(slots[1], L"", ours_in_lower_case);
     plant(slots[2], L"", std::wstring(5000, L'x'));
     plant(slots[3], L"", FOREIGN);
     const std::wstring longest = CLASSES + std::wstring(255, L'n');
@@ -213,18 +213,18 @@ TEST_F(IconHandler, serves_its_types_and_their_progids_and_leaves_the_hive_as_it
     plant(TYPES + L".png" + thumbnail_slot, L"", FOREIGN);
     const auto before = dump_registry(root);
     const wchar_t* const backup = L"sorvane_original_icon_handler";
-    plant(slots[3], backup, L"no text, and so no backup", REG_BINARY);
+    plant(slots[3], backup, L"not a text, so not a backup", REG_BINARY);
 
     custom_actions::register_icon_handler(log);
-    plant(slots[0], L"", L"a newer one, which is not kept");
+    plant(slots[0], L"", L"a newer handler, not backed up");
     notifications = 0;
     custom_actions::register_icon_handler(log);
     for (const std::wstring& slot : slots) {
         EXPECT_TRUE(has(slot, L"", ours));
     }
-    plant(longest + icon_slot, L"", ours_in_other_letters);
+    plant(longest + icon_slot, L"", ours_in_lower_case);
     plant(longest + thumbnail_slot, L"", ours);
-    plant(longest + thumbnail_slot, backup, L"no text", REG_BINARY);
+    plant(longest + thumbnail_slot, backup, L"not a text", REG_BINARY);
     plant(CLASSES + L"shared" + icon_slot, L"", ours);
     plant(TYPES + L".png" + thumbnail_slot, L"", ours);
     plant(TYPES + L".png" + thumbnail_slot, backup, FOREIGN);
@@ -235,7 +235,7 @@ TEST_F(IconHandler, serves_its_types_and_their_progids_and_leaves_the_hive_as_it
     EXPECT_EQ(dump_registry(root), before);
 }
 
-TEST_F(IconHandler, gives_back_the_icons_of_drives_and_the_new_menu)
+TEST_F(IconHandler, restores_drive_icons_and_the_new_menu)
 {
     const auto drive = [](wchar_t letter) {
         return CLASSES + LR"(Applications\Explorer.exe\Drives\)" + letter + LR"(\DefaultIcon)";
@@ -247,7 +247,7 @@ TEST_F(IconHandler, gives_back_the_icons_of_drives_and_the_new_menu)
     };
     const std::wstring new_menu = CLASSES + LR"(Directory\Background\ShellEx\ContextMenuHandlers\New)";
     plant(drive(L'A'), L"", L"before.ico");
-    apply(L'B', L"Ours.ico", ONE); // changed since
+    apply(L'B', L"Ours.ico", ONE); // changed by the user since
     plant(drive(L'Z'), L"Other", L"somebody's");
     plant(new_menu, L"Other", L"somebody's");
     const auto before = dump_registry(root);
@@ -256,7 +256,7 @@ TEST_F(IconHandler, gives_back_the_icons_of_drives_and_the_new_menu)
     apply(L'Z', L"ours.ico", ZERO);
     plant(new_menu, L"", FOREIGN);
     EXPECT_EQ(remove(), 1603U);
-    EXPECT_TRUE(has(drive(L'A'), L"", L"ours.ico")) << "while what it had before is lost";
+    EXPECT_TRUE(has(drive(L'A'), L"", L"ours.ico")) << "without a backup our icon must stay";
     EXPECT_EQ(planted_value(root, drive(L'Z'), L""), std::nullopt);
     plant(drive(L'A'), L"sorvane_drive_icon_original", L"before.ico", REG_EXPAND_SZ);
     EXPECT_EQ(remove(), 0U);

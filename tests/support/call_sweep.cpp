@@ -14,17 +14,17 @@
 namespace test_support {
 namespace {
 
-bool begins_with_one(std::string_view name, const std::vector<std::string_view>& beginnings)
+bool has_prefix(std::string_view name, const std::vector<std::string_view>& prefixes)
 {
-    return std::ranges::any_of(beginnings, [&](auto beginning) { return name.starts_with(beginning); });
+    return std::ranges::any_of(prefixes, [&](auto prefix) { return name.starts_with(prefix); });
 }
 
-// What returns nothing, or nothing that anybody looks at (whoever cannot put an identity back ends the
-// process), what only tells what the process knows, and what the C and C++ runtimes do for themselves: locks,
-// threads, exceptions, code pages, random numbers.
-bool is_left_alone(std::string_view name)
+// Functions that are never failed: those without a result, or one that is not checked (the process ends if
+// its identity cannot be restored); queries that cannot fail; and what the C and C++ runtimes call for
+// themselves: locks, threads, exceptions, code pages, random numbers.
+bool is_excluded(std::string_view name)
 {
-    return begins_with_one(
+    return has_prefix(
         name,
         {"AddVec",    "Compare",    "CoUninit",   "CreateEvent", "CreateSem",   "CryptAcq",   "CryptGen",
          "CryptRel",  "DeleteCrit", "DestroyEnv", "Duplicate",   "EnterCrit",   "EqualSid",   "GetCurrent",
@@ -35,32 +35,30 @@ bool is_left_alone(std::string_view name)
          "SysFree",   "Tls",        "TryEnter",   "Virtual",     "WaitForMul",  "WideChar",   "__C_spec"});
 }
 
-// What a function returns when it fails. One that nothing is said of returns FALSE, no handle or no
-// characters: where that is no failure, its caller succeeds, which the fault sweep expects of no function
-// that it does not know.
+// What a function returns when it fails; by default 0 (FALSE, no handle, no characters). If 0 is no failure
+// of a function missing here, its caller succeeds, and the fault sweep reports that as unexpected.
 ULONG_PTR failure_of(std::string_view name)
 {
     // INVALID_HANDLE_VALUE, WAIT_FAILED, INVALID_FILE_ATTRIBUTES, INSTALLSTATE_UNKNOWN, -1.
-    if (begins_with_one(
+    if (has_prefix(
             name, {"CreateFile", "CreateTool", "GetFileAttr", "MsiGetComp", "MsiProcess", "WaitForSing"})) {
         return ~ULONG_PTR{0};
     }
-    // A status or an installer code; an HRESULT.
-    if (begins_with_one(name, {"GetSecurityI", "MsiClose", "MsiGet", "MsiRecord", "MsiSet", "Reg"})) {
+    if (has_prefix(name, {"GetSecurityI", "MsiClose", "MsiGet", "MsiRecord", "MsiSet", "Reg"})) {
         return ERROR_ACCESS_DENIED;
     }
-    return begins_with_one(name, {"AssocQuery", "CoCreate", "CoInitialize"}) ? 0x80070005 : 0;
+    constexpr ULONG_PTR access_denied = 0x80070005; // E_ACCESSDENIED
+    return has_prefix(name, {"AssocQuery", "CoCreate", "CoInitialize"}) ? access_denied : 0;
 }
 
-// What every function is called as here. None takes more than twelve arguments, and none in a register for
-// floating-point numbers, so that passing on twelve passes on all.
+// The type by which a stub calls any function: none takes more than twelve arguments, and none takes a
+// floating-point one, so passing on twelve words passes on all of them.
 using word = ULONG_PTR;
 using any_function = word WINAPI(word, word, word, word, word, word, word, word, word, word, word, word);
 
 constexpr std::size_t MOST_FUNCTIONS = 160;
 
-// The path of the key that a call to the registry is about, or is to be opened:
-// "...\\Software\\Classes\\.ini".
+// The path of the key that a registry call uses or is to open: "...\\Software\\Classes\\.ini".
 std::wstring key_of(std::string_view call, word key, word subkey)
 {
     using query_key = LONG WINAPI(word, int, void*, ULONG, ULONG*);
@@ -77,7 +75,7 @@ std::wstring key_of(std::string_view call, word key, word subkey)
     query(key, name_information, &name, sizeof name - sizeof(wchar_t), &size);
     std::wstring path = name.text;
     if (call.starts_with("RegOpen") || call.starts_with("RegCreate")) {
-        // NOLINTBEGIN(performance-no-int-to-ptr): what comes in a register
+        // NOLINTBEGIN(performance-no-int-to-ptr): a pointer passed as a word
         path += L'\\';
         path += call.ends_with('A') ? custom_actions::widen(reinterpret_cast<const char*>(subkey))
                                     : reinterpret_cast<const wchar_t*>(subkey);
@@ -93,8 +91,8 @@ struct call_sweep::function {
     std::unique_ptr<import_patch<any_function>> patch;
 };
 
-// What the calls of the function with this index go to. One that closes something does so when it fails, too:
-// nothing looks leaked that is not.
+// Receives the calls of the function with this index. A closing function still closes when it fails, so that
+// the fault itself leaks nothing.
 template <std::size_t Index, class... Words>
 word WINAPI call_sweep::stub(Words... words)
 {
@@ -116,8 +114,7 @@ word WINAPI call_sweep::stub(Words... words)
 call_sweep::call_sweep(HMODULE module, const std::vector<std::string_view>& only)
 {
     for (const auto& [library, name, slot, by_number] : pe_image{module}.imports()) {
-        if (library != "msvcrt.dll" && !is_left_alone(name) &&
-            (only.empty() || begins_with_one(name, only))) {
+        if (library != "msvcrt.dll" && !is_excluded(name) && (only.empty() || has_prefix(name, only))) {
             functions_.push_back({.name = name, .patch = nullptr});
         }
     }
@@ -145,8 +142,8 @@ bool call_sweep::fails(const std::string& called, ULONG_PTR first_argument)
 {
     const DWORD last_error = GetLastError();
     bool failing = false;
-    // No wait for a thread of one's own fails.
-    // NOLINTNEXTLINE(performance-no-int-to-ptr): what comes in a register
+    // A wait for a thread of this process is never failed.
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): a handle passed as a word
     if (called != "WaitForSingleObject" || GetThreadId(reinterpret_cast<HANDLE>(first_argument)) == 0) {
         const std::scoped_lock lock{counting_};
         calls_.push_back(called);

@@ -10,38 +10,37 @@
 
 namespace test_support {
 
-// Counts the calls that a module makes to Windows through its import table, on all threads, and lets the n-th
-// of them fail or end the process. How each function fails, and what is left alone, is told in
-// call_sweep.cpp. A function of the module that is running may have read its imports already, so a sweep
-// comes and goes while none is. One can live at a time.
+// Counts the calls that a module makes to Windows through its import table, on all threads, and makes the
+// n-th fail or kills the process there. call_sweep.cpp says how each function fails and which are excluded.
+// Create and destroy it while no function of the module runs. Only one may exist at a time.
 class call_sweep {
 public:
     enum class fault {
-        passing,     // the n-th call alone fails
-        staying,     // and every later one of the same function
-        ends_process // with KILLED, before the n-th call
+        passing,     // only the n-th call fails
+        staying,     // and every later call of the same function
+        ends_process // exits with KILLED before the n-th call
     };
 
     static constexpr UINT KILLED = 77;
 
-    // Counts the functions whose names begin with one of `only`, or all where there is none. Imports that
-    // others have patched before keep their patches, and what fails does not get there.
+    // Counts the functions whose names begin with one of `only`, or all if it is empty. Imports patched
+    // before keep their patches, which a failing call does not reach.
     explicit call_sweep(HMODULE module, const std::vector<std::string_view>& only = {});
     ~call_sweep();
 
     call_sweep(const call_sweep&) = delete;
     call_sweep& operator=(const call_sweep&) = delete;
 
-    // Counts anew, from 1; no call is the 0th.
+    // Restarts the count, from 1. With `nth` 0 no call fails.
     void plan(std::size_t nth, fault what);
 
-    // Their functions, in the order in which they came.
+    // The functions called since, in order.
     [[nodiscard]] const std::vector<std::string>& calls() const noexcept { return calls_; }
 
-    // How many of them have failed.
+    // How many of these calls were made to fail.
     [[nodiscard]] std::size_t failed() const noexcept { return failed_; }
 
-    // The keys that its failed calls to the registry were about, by their paths.
+    // The paths of the keys that failed registry calls were about.
     [[nodiscard]] const std::vector<std::wstring>& failed_keys() const noexcept { return failed_keys_; }
 
 private:

@@ -12,7 +12,7 @@
 
 namespace test_support {
 
-// A text as a template argument.
+// A string as a template argument.
 template <std::size_t Size>
 struct function_name {
     char text[Size];
@@ -20,9 +20,8 @@ struct function_name {
     consteval function_name(const char (&name)[Size]) { std::ranges::copy(name, text); }
 };
 
-// Looks at every call that a module makes to one imported function: where `answer` returns a value, that is
-// the call's result and nothing is done; where it returns none, the call goes on as it was made. One of a
-// kind can live at a time.
+// Intercepts a module's calls to one imported function. If `answer` returns a value, that is the call's
+// result; otherwise the original function is called. Only one per function may exist at a time.
 template <function_name Name, class Function>
 class intercepted_import;
 
@@ -53,13 +52,12 @@ private:
 
 struct call_fault {
     DWORD last_error;
-    unsigned nth = 1;   // the first call that fails
-    unsigned count = 1; // how many fail in a row; 0 is all from there on
+    unsigned nth = 1;   // the first call to fail
+    unsigned count = 1; // how many fail in a row; 0 for all from there on
 };
 
-// Lets one imported function of a module fail: its n-th call returns `result` with the last error set,
-// without doing anything. failing_import<"OpenProcess", decltype(OpenProcess)> fault{module, nullptr,
-// {ERROR_ACCESS_DENIED}};
+// Makes one imported function of a module fail: the n-th call only sets the last error and returns `result`.
+// failing_import<"OpenProcess", decltype(OpenProcess)> fault{module, nullptr, {ERROR_ACCESS_DENIED}};
 template <function_name Name, class Function>
 class failing_import {
     using interception = intercepted_import<Name, Function>;

@@ -16,7 +16,7 @@
 namespace test_support {
 namespace {
 
-// One handle of the system's list, and its head (SystemExtendedHandleInformation).
+// An entry and the head of SystemExtendedHandleInformation.
 struct handle_entry {
     void* object;
     ULONG_PTR process;
@@ -28,7 +28,7 @@ struct handle_list_head {
     ULONG_PTR reserved;
 };
 
-// How many handles of this process the system's list has. Wine answers GetProcessHandleCount with 0 always.
+// Counts this process's handles in the system's list, since GetProcessHandleCount is always 0 under Wine.
 DWORD listed_handles()
 {
     constexpr int extended_handle_information = 64;

@@ -9,19 +9,18 @@
 
 namespace test_support {
 
-// What `call` throws: "message (code)" of a windows_error, the message alone of another exception, "" of
-// none. Fails the test where the call leaves a handle open or the thread under another identity.
+// What `call` throws: "message (code)" for a windows_error, the message of any other exception, "" for none.
+// Fails the test if the call leaves a handle open or the thread impersonating.
 std::string thrown_by(const std::function<void()>& call);
 
 bool thread_is_impersonating();
 
-// How many handles this process has open.
+// The number of handles that this process has open.
 DWORD open_handles();
 
 } // namespace test_support
 
-// thrown_by(call) while the imported `function` of this program fails: THROWN_WITH(call, OpenProcess,
-// nullptr, {5}).
+// thrown_by(call) while `function` fails in this program: THROWN_WITH(call, OpenProcess, nullptr, {5}).
 #define THROWN_WITH(call, function, ...)                                                                     \
     ([&] {                                                                                                   \
         const test_support::failing_import<#function, decltype(function)> fault{                             \

@@ -13,26 +13,26 @@
 namespace test_support {
 namespace {
 
-MSIHANDLE WINAPI tell_fields(UINT fields)
+MSIHANDLE WINAPI return_fields(UINT fields)
 {
     return fields;
 }
 
-TEST(ImportPatch, finds_a_function_that_is_imported_by_number)
+TEST(ImportPatch, finds_a_function_imported_by_ordinal)
 {
     HMODULE const library = LoadLibraryW(beside_this_program(L"numbered_imports.dll").c_str());
     ASSERT_NE(library, nullptr);
     const auto imports = pe_image{library}.imports();
     EXPECT_TRUE(std::ranges::any_of(imports, &imported_function::by_number))
-        << "not the library for this test";
+        << "the library imports nothing by ordinal";
 
     const auto make_record = std::bit_cast<MSIHANDLE (*)(UINT)>(GetProcAddress(library, "make_record"));
     {
-        const import_patch<decltype(MsiCreateRecord)> patch{library, "MsiCreateRecord", &tell_fields};
+        const import_patch<decltype(MsiCreateRecord)> patch{library, "MsiCreateRecord", &return_fields};
         EXPECT_EQ(make_record(77), 77U);
     }
     EXPECT_THROW(
-        (import_patch<decltype(MsiCreateRecord)>{library, "MsiCreateRecord2", &tell_fields}),
+        (import_patch<decltype(MsiCreateRecord)>{library, "MsiCreateRecord2", &return_fields}),
         std::runtime_error);
     FreeLibrary(library);
 }

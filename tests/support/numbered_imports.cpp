@@ -1,4 +1,4 @@
-// A library that imports its functions of msi.dll by number.
+// A library that imports from msi.dll by ordinal.
 
 #include <windows.h>
 #include <msi.h>

@@ -14,10 +14,10 @@ namespace fs = std::filesystem;
 powershell_stand_in::powershell_stand_in()
 {
     if (!machine_is_disposable()) {
-        throw std::runtime_error{"takes PowerShell's place: set DISPOSABLE_MACHINE where that may be"};
+        throw std::runtime_error{"replaces PowerShell: set DISPOSABLE_MACHINE if that is allowed"};
     }
     RegDeleteTreeW(HKEY_CURRENT_USER, toy_powershell::STATE);
-    if (!fs::exists(set_aside_)) { // a process that was ended may have left it there
+    if (!fs::exists(set_aside_)) { // a killed process may have left it there
         fs::rename(place_, set_aside_);
     }
     fs::copy_file(beside_this_program(L"toy_powershell.exe"), place_, fs::copy_options::overwrite_existing);
@@ -25,7 +25,7 @@ powershell_stand_in::powershell_stand_in()
 
 powershell_stand_in::~powershell_stand_in()
 {
-    std::error_code ignored; // the next one finds it set aside
+    std::error_code ignored; // the next stand-in finds it set aside
     fs::rename(set_aside_, place_, ignored);
     RegDeleteTreeW(HKEY_CURRENT_USER, toy_powershell::STATE);
 }
@@ -37,11 +37,11 @@ void powershell_stand_in::register_package(const std::wstring& name, const std::
 
 std::vector<std::wstring> registered_packages()
 {
-    std::vector<std::wstring> told;
+    std::vector<std::wstring> packages;
     for (const auto& package : toy_powershell::registered_packages()) {
-        told.push_back(package.identity.name + L' ' + package.identity.version + L' ' + package.status);
+        packages.push_back(package.identity.name + L' ' + package.identity.version + L' ' + package.status);
     }
-    return told;
+    return packages;
 }
 
 } // namespace test_support

@@ -22,7 +22,7 @@ scheduler_stand_in::scheduler_stand_in()
     : library_{LoadLibraryW(beside_this_program(L"toy_scheduler.dll").c_str())}
 {
     if (!machine_is_disposable() || FAILED(call_export(library_, "DllRegisterServer"))) {
-        throw std::runtime_error{"the scheduler's stand-in cannot be registered"};
+        throw std::runtime_error{"cannot register the Task Scheduler's stand-in"};
     }
     clear();
 }

@@ -4,8 +4,8 @@
 
 namespace test_support {
 
-// How long the running test may take from here on, instead of the minute that every test has. One that takes
-// longer ends the whole program, with its name.
+// Gives the running test this much time from now on, instead of one minute in all. A test that exceeds its
+// limit ends the program, which prints its name.
 void allow_test(std::chrono::milliseconds limit);
 
 } // namespace test_support

@@ -1,5 +1,5 @@
-// The main program of every test program. A test that hangs ends the program, with its name, and one that
-// crashes at once: nothing waits for a debugger or a dialog that nobody sees.
+// main() of every test program. A test that hangs ends the program with its name; a crash ends it at once,
+// without a debugger or a dialog.
 
 #include "custom_actions/common/scoped_handle.h"
 #include "tests/support/test_limit.h"
@@ -16,18 +16,18 @@
 namespace {
 
 constexpr std::chrono::minutes DEFAULT_LIMIT{1};
-constexpr UINT BROKEN_OFF = 3;
+constexpr UINT TIMED_OUT = 3;
 
 std::string running_test = "(no test)";
 
-// One of the system's own, since a test may have clocks and waits of this program played.
+// The system's timer, since a test may fake this program's clock and waits.
 HANDLE timer = nullptr;
 
-void CALLBACK break_off(void*, BOOLEAN)
+void CALLBACK time_out(void*, BOOLEAN)
 {
-    std::fprintf(stderr, "\n[  BROKEN  ] %s: over its time limit\n", running_test.c_str());
+    std::fprintf(stderr, "\n[  TIMEOUT ] %s: over its time limit\n", running_test.c_str());
     std::fflush(nullptr);
-    TerminateProcess(GetCurrentProcess(), BROKEN_OFF);
+    TerminateProcess(GetCurrentProcess(), TIMED_OUT);
 }
 
 class watchdog : public testing::EmptyTestEventListener {
@@ -38,9 +38,9 @@ class watchdog : public testing::EmptyTestEventListener {
     }
 };
 
-// With its first exception the runtime opens handles of its own, and so does the system with the first
-// environment of a user; no test is to count them.
-void open_what_stays_open()
+// The runtime opens handles with its first exception, and the system with a user's first environment: opens
+// them now, so that no test counts them.
+void open_lasting_handles()
 {
     try {
         throw std::exception{};
@@ -68,8 +68,8 @@ void allow_test(std::chrono::milliseconds limit)
 int main(int argc, char** argv)
 {
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
-    open_what_stays_open();
-    CreateTimerQueueTimer(&timer, nullptr, break_off, nullptr, INFINITE, 0, WT_EXECUTEONLYONCE);
+    open_lasting_handles();
+    CreateTimerQueueTimer(&timer, nullptr, time_out, nullptr, INFINITE, 0, WT_EXECUTEONLYONCE);
 
     testing::InitGoogleTest(&argc, argv);
     testing::UnitTest::GetInstance()->listeners().Append(new watchdog);

@@ -7,13 +7,13 @@
 
 namespace {
 
-TEST(RunAction, runs_what_the_command_line_says_and_prints_what_happens)
+TEST(RunAction, follows_its_command_line_and_prints_the_outcome)
 {
     const struct {
         const wchar_t* arguments;
         DWORD exit_code;
         const char* output; // a part of it
-        const wchar_t* typed_by = L"";
+        const wchar_t* input_from = L"";
     } cases[]{
         {L"check_upgrade_type ProductVersion=2 INSTALLED_APP_VERSION=2", 0, "\nset IS_MINOR_UPGRADE=1\n"},
         {L"check_upgrade_type IS_MINOR_UPGRADE=1", 0, "\ncleared IS_MINOR_UPGRADE\nreturned 0: success\n"},
@@ -30,10 +30,9 @@ TEST(RunAction, runs_what_the_command_line_says_and_prints_what_happens)
         {L"--yes Stop_Search", 2, "run_action: no such action: Stop_Search\n\nbegin_controlled_upgrade "},
     };
 
-    std::wstring tool = test_support::this_program(); // which stands beside it
-    tool.replace(tool.rfind(L'\\') + 1, std::wstring::npos, L"run_action.exe");
-    for (const auto& [arguments, exit_code, output, typed_by] : cases) {
-        const std::wstring command = std::wstring{typed_by} + L'"' + tool + L"\" " + arguments;
+    const std::wstring tool = test_support::beside_this_program(L"run_action.exe");
+    for (const auto& [arguments, exit_code, output, input_from] : cases) {
+        const std::wstring command = std::wstring{input_from} + L'"' + tool + L"\" " + arguments;
         auto result = test_support::run_child(command, std::chrono::seconds{20});
         std::erase(result.output, '\r');
         EXPECT_EQ(result.exit_code, exit_code) << result.output;

@@ -15,7 +15,7 @@ using test_support::thrown_by;
 
 constexpr const wchar_t* GUID_TEXT = L"{0F1E2D3C-4B5A-6978-8796-a5b4c3d2e1f0}";
 
-TEST(Context, is_read_from_its_data_and_nothing_else)
+TEST(Context, is_parsed_from_valid_data_only)
 {
     const context loaded = load_context(
         format_context(L"C:/It's [1] \u00C4\u4E2D/", 4294967295, L"S-1-5-21-1-2-3-1001", GUID_TEXT));
@@ -49,7 +49,7 @@ TEST(Context, is_read_from_its_data_and_nothing_else)
     }
 }
 
-TEST(MaintenanceKey, is_live_while_its_very_process_runs)
+TEST(MaintenanceKey, is_live_while_its_own_process_runs)
 {
     const test_support::registry_sandbox machine{HKEY_LOCAL_MACHINE};
     const auto expect = [](bool expected) { return [expected] { EXPECT_EQ(guard_is_live(), expected); }; };
@@ -57,17 +57,17 @@ TEST(MaintenanceKey, is_live_while_its_very_process_runs)
     THROWN_WITH(expect(true), OpenProcess, nullptr, {ERROR_ACCESS_DENIED});
     THROWN_WITH(expect(false), OpenProcess, nullptr, {ERROR_INVALID_PARAMETER});
     THROWN_WITH(expect(true), GetProcessTimes, FALSE, {ERROR_ACCESS_DENIED});
-    THROWN_WITH(expect(false), WaitForSingleObject, WAIT_OBJECT_0, {0}); // ended, and somebody has it open
+    THROWN_WITH(expect(false), WaitForSingleObject, WAIT_OBJECT_0, {0}); // ended, but still open somewhere
     constexpr const wchar_t* key = LR"(SOFTWARE\Brenmoor\Quorbel\InstallerMaintenance)";
     test_support::plant_value(HKEY_LOCAL_MACHINE, key, L"Created", std::string(8, '\1'), REG_QWORD);
-    EXPECT_FALSE(guard_is_live()) << "the id was given to another process";
+    EXPECT_FALSE(guard_is_live()) << "the id belongs to another process now";
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, key, L"Created");
-    EXPECT_FALSE(guard_is_live()) << "half written";
-    upgrade_guard(true); // whoever had it
+    EXPECT_FALSE(guard_is_live()) << "the key is half written";
+    upgrade_guard(true); // replaces any other
     EXPECT_TRUE(guard_is_live());
     upgrade_guard(false);
     EXPECT_FALSE(guard_is_live());
-    EXPECT_EQ(thrown_by([] { upgrade_guard(false); }), "") << "it is gone already";
+    EXPECT_EQ(thrown_by([] { upgrade_guard(false); }), "") << "already removed";
 }
 
 } // namespace

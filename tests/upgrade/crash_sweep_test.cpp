@@ -1,6 +1,6 @@
-// The upgrade's phases with their process killed before one of the calls to Windows by which they change
-// something, and then the rollback in a process of its own: what the markers on the disk promise must hold.
-// Before every fourth of these calls, that is, or before every one where SWEEP=full is set.
+// Kills each upgrade phase before one of its calls that change something, then runs the rollback in a new
+// process: the machine must be in the state that the markers on the disk promise. Tries every fourth of these
+// calls, or all of them if SWEEP is set.
 
 #include "custom_actions/common/text.h"
 #include "custom_actions/processes/process_inventory.h"
@@ -14,8 +14,8 @@
 #include "support/loaded_library.h"
 #include "tests/support/call_sweep.h"
 #include "tests/support/test_limit.h"
-#include "tests/support/upgrade_scene.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
+#include "tests/support/upgrade_fixture.h"
 #include "tests/support/windows_search.h"
 
 #include <gtest/gtest.h>
@@ -37,7 +37,7 @@ namespace fs = std::filesystem;
 using custom_actions::controlled_upgrade::guard_is_live;
 using custom_actions::controlled_upgrade::write_marker;
 
-constexpr const wchar_t* ORDER = L"CRASH_SWEEP_ORDER"; // "NTH ACTION DATA", killed before its n-th call
+constexpr const wchar_t* ORDER = L"CRASH_SWEEP_ORDER"; // "NTH ACTION DATA": run and kill before the n-th call
 
 constexpr const char* BEGIN = "begin_controlled_upgrade";
 constexpr const char* FINISH = "finish_controlled_upgrade";
@@ -48,17 +48,17 @@ constexpr const wchar_t* HOTKEYS = L"Quorbel.HotkeyHandler.exe";
 constexpr const wchar_t* MAINTENANCE_KEY = LR"(SOFTWARE\Brenmoor\Quorbel\InstallerMaintenance)";
 constexpr const wchar_t* FOLDER = L"file:///C:/Users";
 
-// What a killed process has left undone differs with these alone: a marker is there once its file is.
+// The calls that change the machine. Writing is not among them: a marker exists as soon as its file does.
 const std::vector<std::string_view> CHANGING{
     "Change", "Control", "Copy", "CreateD", "CreateF", "CreateP", "Post", "Reg", "Start", "Term"};
 
-// The waits between two looks at what has been asked for are shorter here.
-void WINAPI nap(DWORD milliseconds)
+// Shortens the intervals at which the library polls.
+void WINAPI short_sleep(DWORD milliseconds)
 {
     SleepEx(std::min<DWORD>(milliseconds, 20), FALSE);
 }
 
-// Runs one action of the library, as the environment orders, and tells the calls that it counted.
+// Runs one action of the library as ORDER says, and prints its calls and messages.
 TEST(Fault, DISABLED_is_killed_in_an_action)
 {
     const wchar_t* const order = _wgetenv(ORDER);
@@ -71,8 +71,8 @@ TEST(Fault, DISABLED_is_killed_in_an_action)
     std::getline(words, data);
 
     const loaded_library library;
-    watched_session session{library.module()};
-    const import_patch<decltype(Sleep)> impatience{library.module(), "Sleep", &nap};
+    test_session session{library.module()};
+    const import_patch<decltype(Sleep)> sleep{library.module(), "Sleep", &short_sleep};
     session.set_property(L"CustomActionData", data);
     call_sweep sweep{library.module(), CHANGING};
     sweep.plan(nth, call_sweep::fault::ends_process);
@@ -95,7 +95,7 @@ child_result run(const std::string& action, const std::wstring& data, std::size_
         std::chrono::seconds{40});
 }
 
-void succeeds(const std::string& action, const std::wstring& data)
+void expect_success(const std::string& action, const std::wstring& data)
 {
     const child_result result = run(action, data);
     EXPECT_EQ(result.exit_code, 0U) << action << result.output;
@@ -106,28 +106,28 @@ std::vector<DWORD> running(const std::vector<std::wstring_view>& images)
     return custom_actions::find_processes_by_image(images, custom_actions::listing::strict);
 }
 
-// One of the phases and the machine on which it is killed.
-class crash_scene {
+// Kills one of the phases again and again on the same machine.
+class crash_test {
 public:
-    explicit crash_scene(const std::string& phase) : phase_{phase}
+    explicit crash_test(const std::string& phase) : phase_{phase}
     {
         search_.start();
-        if (phase != BEGIN) { // which is done once: the later ones add to what it leaves, and no more
+        if (phase != BEGIN) { // run once: the later phases start from a copy of its workspace
             prepare();
-            succeeds(BEGIN, scene_.data());
-            begun_ = scene_.program(L"begun");
-            fs::copy(scene_.context().workspace, begun_, fs::copy_options::recursive);
+            expect_success(BEGIN, fixture_.data());
+            begun_ = fixture_.program(L"begun");
+            fs::copy(fixture_.context().workspace, begun_, fs::copy_options::recursive);
         }
     }
 
-    ~crash_scene() { end_explorer(); }
+    ~crash_test() { end_explorer(); }
 
-    crash_scene(const crash_scene&) = delete;
-    crash_scene& operator=(const crash_scene&) = delete;
+    crash_test(const crash_test&) = delete;
+    crash_test& operator=(const crash_test&) = delete;
 
     void sweep()
     {
-        std::istringstream words{kill_at(0)}; // where it is killed nowhere
+        std::istringstream words{kill_at(0)}; // without killing it
         for (std::string word; words >> word;) {
             if (word == "call" && words >> word) {
                 calls_.push_back(word);
@@ -139,40 +139,39 @@ public:
         for (std::size_t nth = 1; nth <= calls_.size() && !testing::Test::HasFailure(); nth += step) {
             kill_at(nth);
         }
-        EXPECT_EQ(scene_.powershell.refused(), L"");
-        fs::remove_all(scene_.context().workspace); // the next one has another
-        succeeds(BEGIN, scene_.data());
+        EXPECT_EQ(fixture_.powershell.refused(), L"");
+        fs::remove_all(fixture_.context().workspace); // after all rollbacks a new upgrade must begin
+        expect_success(BEGIN, fixture_.data());
         std::cout << phase_ << ": " << calls_.size() << " calls, killed before " << killed_ << ", "
                   << checked_ << " invariants checked\n";
     }
 
 private:
-    // The machine as it is before the phase. Windows Search and the suite run, since the rollback before has
-    // brought them back; a later phase finds Search blocked, and the suite as though somebody had started it
-    // again.
+    // Prepares the machine for the phase. Windows Search and the suite run, as the last rollback restored
+    // them; before a later phase Search is disabled and stopped.
     void prepare()
     {
-        scene_.powershell.open_folders({FOLDER, L"https://example.org/"});
+        fixture_.powershell.open_folders({FOLDER, L"https://example.org/"});
         for (const wchar_t* program : {HELPER, TRAY, HOTKEYS}) {
             if (running({program}).empty()) {
-                programs_.emplace_back(scene_.program(program));
+                programs_.emplace_back(fixture_.program(program));
             }
         }
-        fs::remove_all(scene_.context().workspace);
+        fs::remove_all(fixture_.context().workspace);
         if (begun_.empty()) {
             return;
         }
-        fs::copy(begun_, scene_.context().workspace, fs::copy_options::recursive);
+        fs::copy(begun_, fixture_.context().workspace, fs::copy_options::recursive);
         custom_actions::set_search_start_type(SERVICE_DISABLED);
         custom_actions::stop_search_service();
-        scene_.copy_packages(L"2.0.0");
-        if (phase_ == FINISH) { // as the second phase leaves it
+        fixture_.copy_packages(L"2.0.0");
+        if (phase_ == FINISH) { // what the second phase does
             end_explorer();
             for (const std::wstring file : custom_actions::controlled_upgrade::UPGRADE_PACKAGES) {
-                scene_.powershell.register_package(file.substr(0, file.find(L".Package")), L"2.0.0.0");
+                fixture_.powershell.register_package(file.substr(0, file.find(L".Package")), L"2.0.0.0");
             }
-            write_marker(scene_.context(), L"packages-touched");
-            write_marker(scene_.context(), L"packages-verified");
+            write_marker(fixture_.context(), L"packages-touched");
+            write_marker(fixture_.context(), L"packages-verified");
         }
     }
 
@@ -183,45 +182,44 @@ private:
         EXPECT_EQ(found, expected) << what;
     }
 
-    // Kills the phase before its n-th call, rolls it back and looks at what became of the machine. Returns
-    // what the phase has told.
+    // Kills the phase before its n-th call (0: not at all), rolls back and checks the machine. Returns the
+    // phase's output.
     std::string kill_at(std::size_t nth)
     {
         prepare();
         const auto programs = running({HELPER, TRAY, HOTKEYS});
         std::vector<std::wstring> packages = registered_packages();
-        const child_result phase = run(phase_, scene_.data(), nth);
+        const child_result phase = run(phase_, fixture_.data(), nth);
         const std::string call = nth == 0 ? "no call" : calls_[nth - 1];
         SCOPED_TRACE("killed before " + call + ", " + std::to_string(nth) + "; " + phase.output);
         killed_ += phase.exit_code == call_sweep::KILLED ? 1 : 0;
-        // No run makes quite as many calls as the others: behind their first half the phase may come to its
-        // end.
+        // The number of calls varies from run to run: in the second half the phase may end before the n-th.
         const bool may_end = phase.exit_code == 0 && (nth == 0 || nth * 2 > calls_.size());
         holds("the phase", phase.exit_code, may_end ? 0U : call_sweep::KILLED);
-        // A script outlives the action that was killed: the rollback may only come behind it.
+        // A script may outlive the killed action: the rollback must not start before it ends.
         for (int tries = 0; tries != 1000 && !running({L"powershell.exe"}).empty(); ++tries) {
             SleepEx(10, FALSE);
         }
-        holds("a key of a process that has gone is live", guard_is_live(), false);
-        auto markers = scene_.markers();
+        holds("the maintenance key of an ended process is live", guard_is_live(), false);
+        auto markers = fixture_.markers();
         const bool stopped = std::ranges::count(markers, "shutdown-started") != 0;
         if (stopped) {
-            scene_.powershell.open_folders({}); // Explorer may have been ended
+            fixture_.powershell.open_folders({}); // Explorer may have been ended
             markers.emplace_back("rollback-complete");
             std::ranges::sort(markers);
         }
         if (std::ranges::count(markers, "packages-touched") != 0) {
-            // A registration that was another is now the installed package's.
+            // Every package that was registered is now registered in the installed version.
             packages = {L"Quorbel.Paste 1.5.0.0 Ok", L"Sorvane.Icon 1.5.0.0 Ok"};
         }
-        // What the installer does before the rollback. Nothing of the new version holds these files, which is
-        // what nobody but a failing finish itself makes sure of.
-        scene_.copy_packages(L"1.5.0");
+        // The installer restores the files before the rollback. No program of the new version holds them
+        // here, which on a real machine only a failing finish makes sure of.
+        fixture_.copy_packages(L"1.5.0");
 
-        const child_result rollback = run("rollback_controlled_upgrade", scene_.data());
+        const child_result rollback = run("rollback_controlled_upgrade", fixture_.data());
         SCOPED_TRACE("rolled back: " + rollback.output);
         holds("the rollback", rollback.exit_code, 0U);
-        holds("the markers", scene_.markers(), markers);
+        holds("the markers", fixture_.markers(), markers);
         const LSTATUS key = RegDeleteKeyExW(HKEY_LOCAL_MACHINE, MAINTENANCE_KEY, KEY_WOW64_64KEY, 0);
         holds("the maintenance key", key, LSTATUS{ERROR_FILE_NOT_FOUND});
         holds("the packages", registered_packages(), packages);
@@ -229,25 +227,25 @@ private:
         const auto start_type = custom_actions::read_search_start_type();
         holds("its start", start_type, std::optional<DWORD>{SERVICE_DEMAND_START});
         if (!stopped) {
-            holds("what the rollback had to do", rollback.output.find("message "), std::string::npos);
+            holds("a message of the rollback", rollback.output.find("message "), std::string::npos);
             holds("the programs", running({HELPER, TRAY, HOTKEYS}), programs);
             return phase.output;
         }
         holds("the helper", running({HELPER}).size(), 1U);
         holds("the tray", running({TRAY}).size(), 1U);
         holds("Explorer", running({L"explorer.exe"}).empty(), false);
-        // Windows of other places than folders do not come back, and the suite's other programs do not.
-        holds("the folder windows", scene_.powershell.folders(), std::vector<std::wstring>{FOLDER});
+        // Only windows of folders are reopened, and no other program of the suite restarts.
+        holds("the folder windows", fixture_.powershell.folders(), std::vector<std::wstring>{FOLDER});
         holds("the other programs", running({HOTKEYS, L"Quorbel.exe"}).size(), 0U);
         return phase.output;
     }
 
     std::string phase_;
     windows_search search_; // on demand
-    upgrade_scene scene_;
+    upgrade_fixture fixture_;
     std::deque<toy_process> programs_;
     fs::path begun_; // a copy of the workspace that the first phase left
-    import_patch<decltype(Sleep)> impatience_{GetModuleHandleW(nullptr), "Sleep", &nap};
+    import_patch<decltype(Sleep)> sleep_{GetModuleHandleW(nullptr), "Sleep", &short_sleep};
     std::vector<std::string> calls_;
     std::size_t killed_ = 0;
     std::size_t checked_ = 0;
@@ -255,12 +253,12 @@ private:
 
 class CrashSweep : public testing::TestWithParam<const char*> {};
 
-TEST_P(CrashSweep, is_undone_whole_wherever_it_is_killed)
+TEST_P(CrashSweep, is_fully_undone_wherever_it_is_killed)
 {
     if (!machine_is_disposable()) {
-        GTEST_SKIP() << "ends programs, replaces PowerShell: set DISPOSABLE_MACHINE where that may be";
+        GTEST_SKIP() << "ends programs, replaces PowerShell: set DISPOSABLE_MACHINE if that is allowed";
     }
-    crash_scene{GetParam()}.sweep();
+    crash_test{GetParam()}.sweep();
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -1,5 +1,5 @@
-// The upgrade's phases in this process, on an installed suite that really runs, with a real service for
-// Windows Search: what a phase decides, leaves behind and says where something fails.
+// The upgrade's phases, run in this process on an installed and running suite, some with a real service for
+// Windows Search: what they decide, leave behind and report when something fails.
 
 #include "custom_actions/search/search_service.h"
 #include "custom_actions/upgrade/maintenance_key.h"
@@ -8,10 +8,10 @@
 #include "custom_actions/upgrade/upgrade_packages.h"
 #include "custom_actions/upgrade/workspace.h"
 #include "support/disposable_machine.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/faults.h"
-#include "tests/support/played_clock.h"
-#include "tests/support/upgrade_scene.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
+#include "tests/support/upgrade_fixture.h"
 #include "tests/support/windows_search.h"
 
 #include <gmock/gmock.h>
@@ -41,16 +41,16 @@ protected:
     void SetUp() override
     {
         if (!test_support::machine_is_disposable()) {
-            GTEST_SKIP() << "ends programs, replaces PowerShell: set DISPOSABLE_MACHINE where that may be";
+            GTEST_SKIP() << "ends programs, replaces PowerShell: set DISPOSABLE_MACHINE if that is allowed";
         }
-        test_support::end_explorer(); // the system's own, which is looked at as a host
-        scene.emplace();
-        upgrade = scene->context();
+        test_support::end_explorer(); // the system's own would be inspected as a host
+        fixture.emplace();
+        upgrade = fixture->context();
     }
 
     void TearDown() override
     {
-        if (scene) {
+        if (fixture) {
             test_support::end_explorer();
         }
     }
@@ -61,39 +61,39 @@ protected:
     }
 
     HMODULE this_module = GetModuleHandleW(nullptr);
-    test_support::watched_session session{this_module};
-    std::optional<test_support::upgrade_scene> scene;
+    test_support::test_session session{this_module};
+    std::optional<test_support::upgrade_fixture> fixture;
     context upgrade{};
 };
 
-TEST_F(UpgradePhases, stop_nothing_before_all_is_saved)
+TEST_F(UpgradePhases, stop_nothing_before_everything_is_saved)
 {
     const test_support::windows_search search;
     set_search_start_type(SERVICE_AUTO_START);
     search.start();
-    const toy_process tray{scene->program(L"Quorbel.SystemTray.exe")};
+    const toy_process tray{fixture->program(L"Quorbel.SystemTray.exe")};
     const toy_process elsewhere{L"Quorbel.Comment.exe"};
     upgrade.user_sid += L'1';
     EXPECT_EQ(thrown_by(calling(begin)), "Interactive user changed during upgrade");
-    upgrade = scene->context();
-    EXPECT_EQ( // which is then told as session 0
+    upgrade = fixture->context();
+    EXPECT_EQ( // the session is 0 then
         THROWN_WITH(calling(begin), ProcessIdToSessionId, TRUE, {0, 1, 0}),
         "QBL is running in another session; close it there before upgrading");
-    scene->powershell.tell(L"EmptyLog", L"capture-0");
+    fixture->powershell.set_order(L"EmptyLog", L"capture-0");
     EXPECT_EQ(thrown_by(calling(begin)), "Cannot capture original package registration");
-    EXPECT_EQ(thrown_by(calling(begin)), "Cannot create unique recovery directory (183)") << "it stays";
+    EXPECT_EQ(thrown_by(calling(begin)), "Cannot create unique recovery directory (183)") << "it is kept";
     EXPECT_FALSE(tray.exit_code());
     EXPECT_EQ(read_search_start_type(), DWORD{SERVICE_AUTO_START});
 
     std::filesystem::remove_all(upgrade.workspace);
-    scene->powershell.tell_nothing();
-    // The delayed start of a service, which not every system under the tests can tell.
+    fixture->powershell.clear_orders();
+    // Not every Wine can read a service's delayed start.
     const test_support::intercepted_import<"QueryServiceConfig2W", decltype(QueryServiceConfig2W)> delayed{
         this_module, [](SC_HANDLE, DWORD, LPBYTE info, auto...) {
             *info = TRUE;
             return std::optional{TRUE};
         }};
-    std::vector<std::wstring> access; // to the folders that are made
+    std::vector<std::wstring> access; // to the folders created
     const test_support::intercepted_import<
         "ConvertStringSecurityDescriptorToSecurityDescriptorW",
         decltype(ConvertStringSecurityDescriptorToSecurityDescriptorW)>
@@ -101,7 +101,7 @@ TEST_F(UpgradePhases, stop_nothing_before_all_is_saved)
                         access.emplace_back(text);
                         return std::optional<BOOL>{};
                     }};
-    EXPECT_EQ( // is it running, how does it start, does it start delayed
+    EXPECT_EQ( // opened for its state, its start type and then its delayed start
         THROWN_WITH(calling(begin), OpenServiceW, nullptr, {ERROR_ACCESS_DENIED, 3}),
         "Cannot read Windows Search delayed start (5)");
     std::filesystem::remove_all(upgrade.workspace);
@@ -110,25 +110,25 @@ TEST_F(UpgradePhases, stop_nothing_before_all_is_saved)
     EXPECT_EQ(thrown_by(calling(begin)), "");
     EXPECT_TRUE(has_marker(upgrade, marker::SEARCH_DELAYED_START));
     EXPECT_EQ(tray.exit_code(), 0U);
-    EXPECT_FALSE(elsewhere.exit_code()) << "not from the suite's folder";
+    EXPECT_FALSE(elsewhere.exit_code()) << "it is not in the suite's folder";
     const std::wstring others = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;";
     const std::wstring user = L";;;" + upgrade.user_sid + L")";
     EXPECT_THAT(access, ElementsAre(others + L"GRGX" + user, others + L"FA" + user));
     EXPECT_EQ(thrown_by(calling(begin)), "Another controlled upgrade is active");
 }
 
-TEST_F(UpgradePhases, refuse_what_comes_again_and_do_not_mind_what_goes)
+TEST_F(UpgradePhases, refuse_programs_that_restart_and_ignore_those_that_end)
 {
-    const toy_process program{scene->program(L"Quorbel.HotkeyHandler.exe")};
-    std::deque<toy_process> latecomers; // which do not close themselves
+    const toy_process program{fixture->program(L"Quorbel.HotkeyHandler.exe")};
+    std::deque<toy_process> latecomers; // they ignore requests to close
     std::vector<DWORD> limits;
-    const test_support::played_clock clock{this_module};
+    const test_support::fake_clock clock{this_module};
     const test_support::intercepted_import<"WaitForSingleObject", decltype(WaitForSingleObject)> waits{
         this_module, [&](HANDLE process, DWORD limit) {
-            if (limit <= 5000) { // not that of a latecomer's start
+            if (limit <= 5000) { // a latecomer's start has a longer one
                 limits.push_back(limit);
                 if (limit != 0) {
-                    latecomers.emplace_back(scene->program(L"Quorbel.SystemTray.exe"), L"--window=ignores");
+                    latecomers.emplace_back(fixture->program(L"Quorbel.SystemTray.exe"), L"--window=ignores");
                 }
             }
             return std::optional{WaitForSingleObjectEx(process, limit == 1000 ? 10 : limit, FALSE)};
@@ -140,32 +140,32 @@ TEST_F(UpgradePhases, refuse_what_comes_again_and_do_not_mind_what_goes)
     EXPECT_THAT(calling(stop), refuse);
     EXPECT_EQ(listings.calls(), 8U) << "programs and hosts, before and after each of two passes";
     EXPECT_THAT(limits, ElementsAre(5000U, 0U, 1000U, 5000U, 0U));
-    EXPECT_EQ(latecomers.front().exit_code(), 1U) << "it was ended";
+    EXPECT_EQ(latecomers.front().exit_code(), 1U) << "it must be killed";
 
     const test_support::failing_import<"ProcessIdToSessionId", decltype(ProcessIdToSessionId)> no_session{
         this_module, FALSE, {ERROR_INVALID_PARAMETER, 1, 0}};
-    EXPECT_EQ(thrown_by(calling(stop)), "") << "programs";
+    EXPECT_EQ(thrown_by(calling(stop)), "") << "programs that end are ignored";
     const toy_process host{
         L"dllhost.exe", L"--load=" + test_support::toy_library(L"Sorvane.Tag.ShellExtension.dll")};
     EXPECT_EQ(THROWN_WITH(calling(stop), OpenProcess, nullptr, {ERROR_INVALID_PARAMETER, 1, 0}), "");
 }
 
-TEST_F(UpgradePhases, do_not_mind_a_program_that_ends_while_it_is_looked_at)
+TEST_F(UpgradePhases, ignore_a_program_that_ends_while_it_is_inspected)
 {
-    const toy_process program{scene->program(L"Quorbel.exe")};
+    const toy_process program{fixture->program(L"Quorbel.exe")};
     const test_support::intercepted_import<"QueryFullProcessImageNameW", decltype(QueryFullProcessImageNameW)>
-        look{this_module, [&](auto...) {
-                 test_support::end_programs(L"Quorbel.exe");
-                 SetLastError(ERROR_GEN_FAILURE);
-                 return std::optional{FALSE};
-             }};
+        inspection{this_module, [&](auto...) {
+                       test_support::end_programs(L"Quorbel.exe");
+                       SetLastError(ERROR_GEN_FAILURE);
+                       return std::optional{FALSE};
+                   }};
     const test_support::failing_import<"K32EnumProcessModulesEx", decltype(K32EnumProcessModulesEx)>
         no_modules{this_module, FALSE, {ERROR_GEN_FAILURE}};
     EXPECT_EQ(thrown_by(calling(stop)), "");
     EXPECT_EQ(no_modules.calls(), 1U);
 }
 
-TEST_F(UpgradePhases, undo_what_was_done_and_no_more)
+TEST_F(UpgradePhases, undo_only_what_was_done)
 {
     std::filesystem::create_directories(upgrade.workspace);
     write_marker(upgrade, marker::BACKUP_COMPLETE);
@@ -183,23 +183,23 @@ TEST_F(UpgradePhases, undo_what_was_done_and_no_more)
         session.messages(), testing::Contains(test_support::posted_message{INSTALLMESSAGE_INFO, none}));
 }
 
-TEST_F(UpgradePhases, undo_all_that_can_be_undone)
+TEST_F(UpgradePhases, undo_as_much_as_possible_after_a_failure)
 {
-    const test_support::windows_search search; // on demand, and it does not run
+    const test_support::windows_search search; // starts on demand; stopped
     EXPECT_EQ(thrown_by(calling(install_packages)), "Upgrade backup is missing");
     EXPECT_EQ(thrown_by(calling(begin)), "");
     EXPECT_EQ(thrown_by(calling(finish)), "Package verification was not completed");
     write_marker(upgrade, marker::PACKAGES_TOUCHED);
     write_marker(upgrade, marker::PACKAGES_VERIFIED);
-    scene->powershell.register_package(L"Quorbel.Plexa", L"2.0.0.0");
-    scene->powershell.tell(L"Fail", L"restore-runtime");
+    fixture->powershell.register_package(L"Quorbel.Plexa", L"2.0.0.0");
+    fixture->powershell.set_order(L"Fail", L"restore-runtime");
     EXPECT_EQ(
         THROWN_WITH(calling(finish), RegDeleteKeyExW, ERROR_ACCESS_DENIED, {0}),
         "Cannot release upgrade guard; " + FAILED_SCRIPT + "; ");
-    EXPECT_TRUE(guard_is_live()) << "taken again";
+    EXPECT_TRUE(guard_is_live()) << "it must be taken again";
     EXPECT_EQ(read_search_start_type(), DWORD{SERVICE_DISABLED});
 
-    scene->powershell.tell_nothing();
+    fixture->powershell.clear_orders();
     std::filesystem::remove(saved_package(upgrade, 0));
     EXPECT_EQ(
         THROWN_WITH(calling(rollback), RegSetValueExW, ERROR_ACCESS_DENIED, {0}),

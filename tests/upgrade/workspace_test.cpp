@@ -1,10 +1,10 @@
-// What a standard user could have put where an upgrade keeps its state: nothing of it is believed.
+// A workspace that a standard user could have planted must not be trusted.
 
 #include "custom_actions/upgrade/phases.h"
 #include "custom_actions/upgrade/workspace.h"
 #include "tests/support/faults.h"
-#include "tests/support/upgrade_scene.h"
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
+#include "tests/support/upgrade_fixture.h"
 
 #include <aclapi.h>
 #include <gtest/gtest.h>
@@ -35,7 +35,7 @@ protected:
     HMODULE program = GetModuleHandleW(nullptr);
     const context upgrade = load_context(test_support::new_upgrade_data(L"C:\\Suite"));
     const fs::path folder = upgrade.workspace;
-    test_support::watched_session session{program};
+    test_support::test_session session{program};
     std::wstring owner; // of every file and folder; empty for the real one
     intercepted_import<"GetSecurityInfo", decltype(GetSecurityInfo)> owners{
         program,
@@ -49,18 +49,18 @@ protected:
         }};
 };
 
-TEST_F(Workspace, is_believed_only_as_a_folder_of_the_system_the_administrators_or_our_own)
+TEST_F(Workspace, is_trusted_only_if_owned_by_the_system_the_administrators_or_this_process)
 {
     plant(marker::SHUTDOWN_STARTED);
-    const auto believed = [&] { return has_marker(upgrade, marker::SHUTDOWN_STARTED); };
-    EXPECT_TRUE(believed()) << "our own";
-    for (const wchar_t* trusted : {L"S-1-5-18", L"S-1-5-32-544"}) {
-        owner = trusted;
-        EXPECT_TRUE(believed()) << testing::PrintToString(owner);
+    const auto trusted = [&] { return has_marker(upgrade, marker::SHUTDOWN_STARTED); };
+    EXPECT_TRUE(trusted()) << "owned by this process's user";
+    for (const wchar_t* administrative : {L"S-1-5-18", L"S-1-5-32-544"}) {
+        owner = administrative;
+        EXPECT_TRUE(trusted()) << testing::PrintToString(owner);
     }
     for (const wchar_t* other : {L"S-1-5-21-1-2-3-1001", L"S-1-5-32-545", L"S-1-5-19"}) {
         owner = other;
-        EXPECT_FALSE(believed()) << testing::PrintToString(owner);
+        EXPECT_FALSE(trusted()) << testing::PrintToString(owner);
         EXPECT_EQ(thrown_by([&] { rollback(session.handle(), upgrade); }), "");
         EXPECT_EQ(
             thrown_by([&] { install_packages(session.handle(), upgrade); }), "Upgrade backup is missing");
@@ -77,20 +77,20 @@ TEST_F(Workspace, is_believed_only_as_a_folder_of_the_system_the_administrators_
             found->dwFileAttributes = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
             return std::optional{TRUE};
         }};
-    EXPECT_FALSE(believed()) << "a link to a folder";
+    EXPECT_FALSE(trusted()) << "a link to a folder";
 }
 
-TEST_F(Workspace, is_no_file_and_cannot_hide)
+TEST_F(Workspace, is_absent_if_a_file_and_an_error_if_unreadable)
 {
     std::ofstream{folder} << "a file";
     EXPECT_FALSE(has_marker(upgrade, marker::SHUTDOWN_STARTED));
-    const auto look = [&] { has_marker(upgrade, marker::SHUTDOWN_STARTED); };
+    const auto read = [&] { has_marker(upgrade, marker::SHUTDOWN_STARTED); };
     const std::string unreadable = "Cannot read upgrade recovery state (5)";
-    EXPECT_EQ(THROWN_WITH(look, CreateFileW, INVALID_HANDLE_VALUE, {ERROR_ACCESS_DENIED}), unreadable);
-    EXPECT_EQ(THROWN_WITH(look, GetFileInformationByHandle, FALSE, {ERROR_ACCESS_DENIED}), unreadable);
+    EXPECT_EQ(THROWN_WITH(read, CreateFileW, INVALID_HANDLE_VALUE, {ERROR_ACCESS_DENIED}), unreadable);
+    EXPECT_EQ(THROWN_WITH(read, GetFileInformationByHandle, FALSE, {ERROR_ACCESS_DENIED}), unreadable);
 }
 
-TEST_F(Workspace, has_markers_that_are_written_through_no_link)
+TEST_F(Workspace, writes_no_marker_through_a_link)
 {
     const fs::path other = folder.wstring() + L".other";
     const auto write = [&] { return thrown_by([&] { write_marker(upgrade, marker::COMMITTED); }); };
@@ -112,16 +112,16 @@ TEST_F(Workspace, has_markers_that_are_written_through_no_link)
     EXPECT_EQ(content(other), "somebody's");
     fs::remove(other);
 
-    unsigned looks = 0; // at the folder, then at the marker
+    unsigned queries = 0; // of the folder, then of the marker
     const intercepted_import<"GetFileInformationByHandle", decltype(GetFileInformationByHandle)> kind{
         program, [&](HANDLE, BY_HANDLE_FILE_INFORMATION* found) {
-            found->dwFileAttributes = ++looks == 1 ? FILE_ATTRIBUTE_DIRECTORY
-                                                   : FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_REPARSE_POINT;
+            found->dwFileAttributes = ++queries == 1 ? FILE_ATTRIBUTE_DIRECTORY
+                                                     : FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_REPARSE_POINT;
             found->nNumberOfLinks = 1;
             return std::optional{TRUE};
         }};
     EXPECT_EQ(write(), refused);
-    EXPECT_EQ(looks, 2U);
+    EXPECT_EQ(queries, 2U);
 }
 
 } // namespace

@@ -9,17 +9,17 @@
 namespace run_action {
 namespace {
 
-// What is wrong with arguments that are each understood.
+// What is wrong with the combination of options; empty if nothing.
 std::wstring mistake_of(const options& chosen)
 {
     if (chosen.list_only) {
         const bool alone = chosen.action.empty() && chosen.properties.empty();
-        return alone ? L"" : L"--list runs no action";
+        return alone ? L"" : L"--list takes no action and no properties";
     }
     if (chosen.action.empty()) {
-        return L"no action is named";
+        return L"no action given";
     }
-    return chosen.with_session || chosen.properties.empty() ? L"" : L"properties need a session";
+    return chosen.with_session || chosen.properties.empty() ? L"" : L"--no-session takes no properties";
 }
 
 } // namespace

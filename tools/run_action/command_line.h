@@ -6,10 +6,9 @@
 
 namespace run_action {
 
-// What the command line asks for.
 struct options {
-    std::wstring mistake; // what is wrong with the command line; empty where nothing is
-    std::wstring library; // empty: custom_actions.dll beside this program
+    std::wstring mistake; // what is wrong with the command line; empty if nothing
+    std::wstring library; // if empty, custom_actions.dll beside this program
     std::wstring action;
     std::vector<std::pair<std::wstring, std::wstring>> properties; // names and values
     bool with_session = true;
@@ -22,22 +21,21 @@ inline constexpr const wchar_t* USAGE =
     L"       run_action [--library PATH] [--yes] --no-session ACTION\n"
     L"       run_action [--library PATH] --list\n"
     L"\n"
-    L"Runs one action of custom_actions.dll in an installer session made for it, with the properties named.\n"
-    L"Prints its messages as they come, the properties that it changed and its return code.\n"
+    L"Runs one action of custom_actions.dll in a temporary installer session, with the given properties "
+    L"set.\n"
+    L"Prints the action's messages, the properties it changed and its return code.\n"
     L"\n"
-    L"  --library PATH  the library, where it is not beside this program\n"
-    L"  --yes           does not ask before an action that changes the machine\n"
-    L"  --no-session    calls the action without a session: with the handle 0\n"
-    L"  --list          lists the actions, and which of them change the machine\n"
+    L"  --library PATH  the library to load (default: custom_actions.dll beside this program)\n"
+    L"  --yes           do not ask before an action that changes the machine\n"
+    L"  --no-session    call the action with the handle 0 instead of a session\n"
+    L"  --list          list the actions and whether they change the machine\n"
     L"\n"
-    L"Ends with the action's return code; with 2 where the command line is wrong, and with 1 where the "
-    L"action\n"
-    L"was not run for another reason.";
+    L"The exit code is the action's; 2 if the command line is wrong, 1 if the action was not run.";
 
 // The arguments of this process, without the program itself.
 std::vector<std::wstring> arguments_of_this_process();
 
-// `arguments` are those after the program's own name.
+// Parses `arguments`, which do not include the program itself. Errors are left in `mistake`.
 options parse_command_line(const std::vector<std::wstring>& arguments);
 
 } // namespace run_action

@@ -52,39 +52,39 @@ constexpr const wchar_t* SET_BY_ACTIONS[] = {
     L"QblEarlyRecoveryTask",
 };
 
-struct code_and_word {
+struct named_code {
     UINT code;
-    const wchar_t* word;
+    const wchar_t* name;
 };
 
-constexpr code_and_word MESSAGE_TYPES[] = {
+constexpr named_code MESSAGE_TYPES[] = {
     {INSTALLMESSAGE_ERROR, L"error"},
     {INSTALLMESSAGE_WARNING, L"warning"},
     {INSTALLMESSAGE_USER, L"notice"},
     {INSTALLMESSAGE_INFO, L"information"},
 };
 
-constexpr code_and_word RETURN_CODES[] = {
+constexpr named_code RETURN_CODES[] = {
     {ERROR_SUCCESS, L"success"},
     {ERROR_INVALID_PARAMETER, L"its CustomActionData cannot be read"},
     {ERROR_INSTALL_FAILURE, L"failure"},
 };
 
-std::wstring word_for(std::span<const code_and_word> words, UINT code)
+std::wstring name_of(UINT code, std::span<const named_code> names)
 {
-    const auto found = std::ranges::find(words, code, &code_and_word::code);
-    return found == words.end() ? L"unknown" : found->word;
+    const auto found = std::ranges::find(names, code, &named_code::code);
+    return found == names.end() ? L"unknown" : found->name;
 }
 
 void print(std::FILE* stream, const std::wstring& text)
 {
     const auto length = static_cast<int>(text.size());
-    const UINT code_page = GetConsoleOutputCP(); // 0, the system's own, without a console
+    const UINT code_page = GetConsoleOutputCP(); // without a console 0, the system's code page
     std::string bytes(text.size() * 4, '\0');
     bytes.resize(static_cast<std::size_t>(WideCharToMultiByte(
         code_page, 0, text.data(), length, bytes.data(), static_cast<int>(bytes.size()), nullptr, nullptr)));
     std::fputs(bytes.c_str(), stream);
-    std::fflush(stream); // before what an action prints by itself
+    std::fflush(stream); // an action may print too
 }
 
 void print_line(const std::wstring& text)
@@ -92,7 +92,7 @@ void print_line(const std::wstring& text)
     print(stdout, text + L"\n");
 }
 
-int say_what_is_wrong(const std::wstring& mistake, const std::wstring& help)
+int reject_command_line(const std::wstring& mistake, const std::wstring& help)
 {
     print(stderr, L"run_action: " + mistake + L"\n\n" + help + L"\n");
     return WRONG_COMMAND_LINE;
@@ -102,7 +102,7 @@ void print_message(const test_support::posted_message& message)
 {
     wchar_t number[16];
     std::swprintf(number, std::size(number), L"0x%08X ", message.type);
-    print_line(number + word_for(MESSAGE_TYPES, message.type & 0xFF000000U) + L": " + message.text);
+    print_line(number + name_of(message.type & 0xFF000000U, MESSAGE_TYPES) + L": " + message.text);
 }
 
 bool changes_nothing(const std::string& action)
@@ -144,7 +144,7 @@ void set_properties(MSIHANDLE session, const options& chosen)
     }
 }
 
-// The properties that an action may change, and those of the command line.
+// The values of the properties that an action may change, and of those on the command line.
 std::map<std::wstring, std::wstring> read_properties(MSIHANDLE session, const options& chosen)
 {
     std::map<std::wstring, std::wstring> values;
@@ -195,7 +195,7 @@ std::wstring full_path(const std::wstring& path)
 int run(const options& chosen)
 {
     if (!chosen.mistake.empty()) {
-        return say_what_is_wrong(chosen.mistake, USAGE);
+        return reject_command_line(chosen.mistake, USAGE);
     }
     const test_support::loaded_library library{
         chosen.library.empty() ? test_support::built_library() : full_path(chosen.library)};
@@ -206,14 +206,14 @@ int run(const options& chosen)
     }
     const auto action = std::ranges::find(actions, chosen.action, widen);
     if (action == actions.end()) {
-        return say_what_is_wrong(L"no such action: " + chosen.action, list_of(actions));
+        return reject_command_line(L"no such action: " + chosen.action, list_of(actions));
     }
     if (!changes_nothing(*action) && !chosen.without_asking && !user_agrees(*action)) {
         return NOT_RUN;
     }
     const UINT code =
         chosen.with_session ? call_in_session(library, *action, chosen) : library.call(action->c_str(), 0);
-    print_line(L"returned " + std::to_wstring(code) + L": " + word_for(RETURN_CODES, code));
+    print_line(L"returned " + std::to_wstring(code) + L": " + name_of(code, RETURN_CODES));
     return static_cast<int>(code);
 }
 

@@ -1,4 +1,4 @@
-#include "tests/support/watched_session.h"
+#include "tests/support/test_session.h"
 
 #include "custom_actions/common/installer_session.h"
 #include "support/require.h"
@@ -28,20 +28,20 @@ void PrintTo(const posted_message& message, std::ostream* out)
          << '}';
 }
 
-watched_session::watched_session(HMODULE module)
+test_session::test_session(HMODULE module)
 {
-    watch_records(module);
-    if (module != GetModuleHandleW(nullptr)) { // a test program asks for neither folders nor components
-        play_product(module);
+    count_records(module);
+    if (module != GetModuleHandleW(nullptr)) { // a test program imports neither function
+        fake_product(module);
     }
 }
 
-watched_session::~watched_session()
+test_session::~test_session()
 {
     EXPECT_EQ(open_records_, 0U) << "records left open";
 }
 
-void watched_session::watch_records(HMODULE module)
+void test_session::count_records(HMODULE module)
 {
     interceptions_.push_back(intercept<"MsiCreateRecord", decltype(MsiCreateRecord)>(module, [this](UINT) {
         ++open_records_;
@@ -50,16 +50,16 @@ void watched_session::watch_records(HMODULE module)
     interceptions_.push_back(
         intercept<"MsiCloseHandle", decltype(MsiCloseHandle)>(module, [this](MSIHANDLE record) {
             --open_records_;
-            EXPECT_NE(MsiRecordGetFieldCount(record), ~0U) << "closed, but no open record: " << record;
+            EXPECT_NE(MsiRecordGetFieldCount(record), ~0U) << "closes what is not an open record: " << record;
             return std::nullopt;
         }));
 }
 
-void watched_session::play_product(HMODULE module)
+void test_session::fake_product(HMODULE module)
 {
     interceptions_.push_back(intercept<"MsiSetTargetPathW", decltype(MsiSetTargetPathW)>(
         module, [this](MSIHANDLE, const std::wstring& folder, const std::wstring& path) {
-            // As the installer does, with one separator at its end.
+            // Like the installer, with one separator at the end.
             set_property(folder, path.ends_with(L'\\') ? path : path + L'\\');
             return UINT{ERROR_SUCCESS};
         }));
@@ -76,17 +76,17 @@ void watched_session::play_product(HMODULE module)
                 context != MSIINSTALLCONTEXT_MACHINE) {
                 return INSTALLSTATE_UNKNOWN;
             }
-            *size = static_cast<DWORD>(key_path_.copy(path, *size)); // which is all zeros
+            *size = static_cast<DWORD>(key_path_.copy(path, *size)); // the buffer is filled with zeros
             return INSTALLSTATE_LOCAL;
         }));
 }
 
-void watched_session::set_property(const std::wstring& name, const std::wstring& value) const
+void test_session::set_property(const std::wstring& name, const std::wstring& value) const
 {
     require(MsiSetPropertyW(handle(), name.c_str(), value.c_str()), "MsiSetPropertyW");
 }
 
-std::optional<std::wstring> watched_session::property(const std::wstring& name) const
+std::optional<std::wstring> test_session::property(const std::wstring& name) const
 {
     const std::wstring value = custom_actions::read_property(handle(), name.c_str());
     return value.empty() ? std::nullopt : std::optional{value};

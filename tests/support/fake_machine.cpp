@@ -1,4 +1,4 @@
-#include "tests/support/played_machine.h"
+#include "tests/support/fake_machine.h"
 
 #include <gtest/gtest.h>
 #include <tlhelp32.h>
@@ -11,7 +11,7 @@
 namespace test_support {
 namespace {
 
-// Whoever waits for it does not wait: it does for a program that has ended, as for anything else to close.
+// A signalled handle: stands for a program that has ended, or for anything else that must be closed.
 HANDLE new_handle()
 {
     return CreateEventW(nullptr, TRUE, TRUE, nullptr);
@@ -23,7 +23,7 @@ BOOL fail_with(DWORD code)
     return FALSE;
 }
 
-BOOL give_ended_process(PROCESS_INFORMATION& started)
+BOOL return_ended_process(PROCESS_INFORMATION& started)
 {
     started = {.hProcess = new_handle(), .hThread = new_handle(), .dwProcessId = 0, .dwThreadId = 0};
     return TRUE;
@@ -32,29 +32,28 @@ BOOL give_ended_process(PROCESS_INFORMATION& started)
 constexpr auto succeed = [](auto...) { return TRUE; };
 
 constexpr auto close = [](void* handle) {
-    EXPECT_TRUE(CloseHandle(handle)) << "closed, but not open";
+    EXPECT_TRUE(CloseHandle(handle)) << "closes what is not open";
     return TRUE;
 };
 
 } // namespace
 
 template <function_name Name, class Function, class Answer>
-void played_machine::answer(Function* /*played*/, Answer result)
+void fake_machine::answer(Function* /*replaced*/, Answer result)
 {
     interceptions_.push_back(
         std::make_shared<intercepted_import<Name, Function>>(module_, std::move(result)));
 }
 
-played_machine::played_machine(HMODULE module) : module_{module}, clock_{module}
+fake_machine::fake_machine(HMODULE module) : module_{module}, clock_{module}
 {
-    play_snapshots();
-    play_programs();
-    play_service();
+    fake_snapshots();
+    fake_programs();
+    fake_service();
 }
 
-// A snapshot has what is there when it is looked at: each program once, and as its modules one of no name and
-// the library that it has loaded.
-void played_machine::play_snapshots()
+// A snapshot lists each running program once. A program has two modules: one without a name and its library.
+void fake_machine::fake_snapshots()
 {
     const auto next = [this](HANDLE, PROCESSENTRY32W* entry) {
         const auto found = running.upper_bound(last_listed_);
@@ -83,7 +82,7 @@ void played_machine::play_snapshots()
     });
 }
 
-void played_machine::play_programs()
+void fake_machine::fake_programs()
 {
     answer<"OpenProcess">(&OpenProcess, [this](DWORD access, BOOL inherit, DWORD process) {
         if (running.contains(process) || !programs.contains(process)) {
@@ -121,7 +120,7 @@ void played_machine::play_programs()
                     running.insert(process);
                 }
             }
-            return give_ended_process(*std::get<7>(std::tuple{others...}));
+            return return_ended_process(*std::get<7>(std::tuple{others...}));
         });
     answer<"CreateProcessW">(&CreateProcessW, [](LPCWSTR, LPWSTR, auto... others) {
         const auto all = std::tuple{others...};
@@ -129,13 +128,13 @@ void played_machine::play_programs()
             DWORD written = 0;
             WriteFile(stream, "<text>", 6, &written, nullptr);
         }
-        return give_ended_process(*std::get<7>(all));
+        return return_ended_process(*std::get<7>(all));
     });
     answer<"GetExitCodeProcess">(&GetExitCodeProcess, [](HANDLE, DWORD* code) {
         *code = 0;
         return TRUE;
     });
-    // A log is there when it is looked for, with what the scripts that ask would have printed.
+    // A script's log appears when it is opened, with the line that verifying scripts print.
     answer<"CreateFileW">(&CreateFileW, [](LPCWSTR path, auto...) -> std::optional<HANDLE> {
         if (std::wstring_view{path}.ends_with(L".log")) {
             std::ofstream{path} << "QBL_REGISTERED";
@@ -144,7 +143,7 @@ void played_machine::play_programs()
     });
 }
 
-void played_machine::play_service()
+void fake_machine::fake_service()
 {
     const auto open = [](auto...) { return reinterpret_cast<SC_HANDLE>(new_handle()); };
     const auto bring_to = [this](DWORD state) {
@@ -160,17 +159,17 @@ void played_machine::play_service()
     answer<"StartServiceW">(&StartServiceW, bring_to(SERVICE_RUNNING));
     answer<"QueryServiceStatusEx">(&QueryServiceStatusEx, [this](auto, auto, auto* status, auto...) {
         reinterpret_cast<SERVICE_STATUS_PROCESS*>(status)->dwCurrentState = search_state;
-        if (search_state == SERVICE_STOP_PENDING) { // once it has been seen
+        if (search_state == SERVICE_STOP_PENDING) { // for one query
             search_state = SERVICE_STOPPED;
         }
         return TRUE;
     });
-    answer<"QueryServiceConfigW">(&QueryServiceConfigW, [](auto, auto* told, DWORD size, DWORD* needed) {
-        *needed = sizeof *told;
-        if (size < sizeof *told) {
+    answer<"QueryServiceConfigW">(&QueryServiceConfigW, [](auto, auto* config, DWORD size, DWORD* needed) {
+        *needed = sizeof *config;
+        if (size < sizeof *config) {
             return fail_with(ERROR_INSUFFICIENT_BUFFER);
         }
-        told->dwStartType = SERVICE_AUTO_START;
+        config->dwStartType = SERVICE_AUTO_START;
         return TRUE;
     });
     answer<"QueryServiceConfig2W">(&QueryServiceConfig2W, [](auto, auto, BYTE* delayed, auto...) {
@@ -178,8 +177,9 @@ void played_machine::play_service()
         return TRUE;
     });
     answer<"ChangeServiceConfigW">(&ChangeServiceConfigW, succeed);
-    answer<"ChangeServiceConfig2W">(&ChangeServiceConfig2W, [](auto, auto, void* told) {
-        EXPECT_TRUE(static_cast<SERVICE_DELAYED_AUTO_START_INFO*>(told)->fDelayedAutostart) << "as it was";
+    answer<"ChangeServiceConfig2W">(&ChangeServiceConfig2W, [](auto, auto, void* info) {
+        EXPECT_TRUE(static_cast<SERVICE_DELAYED_AUTO_START_INFO*>(info)->fDelayedAutostart)
+            << "it was delayed";
         return TRUE;
     });
 }

@@ -8,26 +8,26 @@
 
 namespace test_support {
 
-// A clock for one module (its GetTickCount64) that runs only while the module sleeps (its Sleep, which
-// returns at once). One can live at a time.
-class played_clock {
+// Replaces one module's GetTickCount64 and Sleep: Sleep returns at once, and time passes by sleeping only.
+// Only one may exist at a time.
+class fake_clock {
 public:
-    explicit played_clock(HMODULE module)
-        : clock_{module, "GetTickCount64", &tell}, sleep_{module, "Sleep", &pass}
+    explicit fake_clock(HMODULE module)
+        : clock_{module, "GetTickCount64", &tick_count}, sleep_{module, "Sleep", &advance}
     {
         now_ = 0;
         sleeps_.clear();
     }
 
-    // The time since the clock began, and every sleep since then, in milliseconds.
+    // The time since the clock was created and every sleep since then, in milliseconds.
     [[nodiscard]] ULONGLONG now() const noexcept { return now_; }
 
     [[nodiscard]] const std::vector<DWORD>& sleeps() const noexcept { return sleeps_; }
 
 private:
-    static ULONGLONG WINAPI tell() { return 0xFFFFFF00 + now_; } // past the border of 32 bits soon
+    static ULONGLONG WINAPI tick_count() { return 0xFFFFFF00 + now_; } // soon more than 32 bits
 
-    static void WINAPI pass(DWORD milliseconds)
+    static void WINAPI advance(DWORD milliseconds)
     {
         now_ += milliseconds;
         sleeps_.push_back(milliseconds);

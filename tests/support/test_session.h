@@ -15,20 +15,18 @@ namespace test_support {
 
 void PrintTo(const posted_message& message, std::ostream* out);
 
-// A session of the real installer for one module. What needs a product that is installed or being installed
-// is played: its components, and the folders to install to. A record that is still open at the end, or closed
-// twice, fails the test. One can live at a time.
-class watched_session : public real_session {
+// A session of the real installer for one module. Fakes what would need an installed product: components and
+// target folders. A record left open or closed twice fails the test. Only one may exist at a time.
+class test_session : public real_session {
 public:
-    // Throws std::runtime_error when `module` does not import what is watched or played.
-    explicit watched_session(HMODULE module);
-    ~watched_session();
+    // Throws std::runtime_error if `module` does not import a function that is intercepted here.
+    explicit test_session(HMODULE module);
+    ~test_session();
 
     void set_property(const std::wstring& name, const std::wstring& value) const;
     [[nodiscard]] std::optional<std::wstring> property(const std::wstring& name) const;
 
-    // Has this component of a product, and no other, installed on this machine for every user, with this key
-    // path.
+    // Fakes one component that is installed for all users, and no other.
     void install_component(
         const std::wstring& product, const std::wstring& component, const std::wstring& key_path)
     {
@@ -36,12 +34,12 @@ public:
         key_path_ = key_path;
     }
 
-    // How many records the module has open.
+    // The number of records that the module has open.
     [[nodiscard]] unsigned open_records() const noexcept { return open_records_; }
 
 private:
-    void watch_records(HMODULE module);
-    void play_product(HMODULE module);
+    void count_records(HMODULE module);
+    void fake_product(HMODULE module);
 
     unsigned open_records_ = 0;
     std::wstring installed_; // product and component

@@ -1,4 +1,4 @@
-#include "tests/support/upgrade_scene.h"
+#include "tests/support/upgrade_fixture.h"
 
 #include "custom_actions/common/guid.h"
 #include "custom_actions/processes/token.h"
@@ -44,12 +44,12 @@ std::wstring new_upgrade_data(const std::wstring& product_directory)
         custom_actions::new_guid("no transaction", "no transaction"));
 }
 
-upgrade_scene::upgrade_scene()
+upgrade_fixture::upgrade_fixture()
     : folder_{fs::temp_directory_path() / (L"O'Brien & S\u00FCite $(" + std::to_wstring(GetCurrentProcessId()) + L")")},
       data_{new_upgrade_data(folder_)}, context_{custom_actions::controlled_upgrade::load_context(data_)}
 {
     end_suite();
-    fs::remove_all(folder_); // of a process with the same id
+    fs::remove_all(folder_); // a killed process may have left one with the same id
     fs::create_directories(folder_);
     for (const wchar_t* name : PROGRAMS) {
         fs::copy_file(beside_this_program(L"toy_program.exe"), program(name));
@@ -59,7 +59,7 @@ upgrade_scene::upgrade_scene()
     powershell.register_package(L"Quorbel.Paste", L"1.4.0.0");
 }
 
-upgrade_scene::~upgrade_scene()
+upgrade_fixture::~upgrade_fixture()
 {
     end_suite();
     custom_actions::controlled_upgrade::upgrade_guard(false);
@@ -68,7 +68,7 @@ upgrade_scene::~upgrade_scene()
     fs::remove_all(context_.workspace, ignored);
 }
 
-void upgrade_scene::copy_packages(const std::wstring& version) const
+void upgrade_fixture::copy_packages(const std::wstring& version) const
 {
     fs::copy(
         beside_this_program(L"package\\" + version),
@@ -76,7 +76,7 @@ void upgrade_scene::copy_packages(const std::wstring& version) const
         fs::copy_options::recursive | fs::copy_options::overwrite_existing);
 }
 
-std::vector<std::string> upgrade_scene::markers() const
+std::vector<std::string> upgrade_fixture::markers() const
 {
     std::vector<std::string> found;
     std::error_code none;
