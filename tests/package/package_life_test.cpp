@@ -114,12 +114,12 @@ struct step {
 
 constexpr const char* REFUSED = "refuse_folder";
 constexpr step STEPS[]{
-    {L"/i toy_set-1.4.1 \"INSTALLFOLDER=C:\\Toys [1]\"", 1603, REFUSED, nullptr},
-    {L"/i toy_set-1.4.1 \"INSTALLFOLDER=C:\\Bob\u201bs Toys\"", 1603, REFUSED, nullptr},
+    {L"/i toy_set-1.4.1 INSTALLFOLDER=\"C:\\Toys [1]\"", 1603, REFUSED, nullptr},
+    {L"/i toy_set-1.4.1 INSTALLFOLDER=\"C:\\Bob\u201bs Toys\"", 1603, REFUSED, nullptr},
     {L"/i toy_set-1.4.1 FAIL_ON_PURPOSE=1", 1603, "fail_on_purpose", nullptr},
     {L"/i toy_set-1.4.1", 0, "install_Quorbel.Plexa", "1.4.1"},
     {L"/x toy_set-1.4.1 FAIL_ON_PURPOSE=1", 1603, "fail_on_purpose", nullptr},
-    {L"/i toy_set-1.4.2 \"INSTALLFOLDER=C:\\Toys elsewhere\" FAIL_ON_PURPOSE=1",
+    {L"/i toy_set-1.4.2 INSTALLFOLDER=\"C:\\Toys elsewhere\" FAIL_ON_PURPOSE=1",
      1603,
      "fail_on_purpose",
      nullptr},
