@@ -41,12 +41,12 @@ inline constexpr std::array<std::wstring_view, 11> our_process_images{
 // What close_and_kill_our_processes closes: the tray, too.
 inline constexpr auto RESIDENT_IMAGES = joined(our_process_images, std::array{TRAY_PROGRAM});
 
-// What must be gone before an upgrade replaces files: the hook's controller, too, which would load it again.
+// What must be gone before an upgrade replaces files: also the controller of the context-menu replacement.
 inline constexpr auto UPGRADE_IMAGES =
     joined(RESIDENT_IMAGES, std::array{std::wstring_view{L"Quorbel.ContextMenuReplacement.Controller.exe"}});
 
-// What is asked to close early: the programs that a user sees, which can save their work and be started
-// again.
+// What is asked to close early, before the installer looks for files in use. The phases close whatever else
+// runs.
 inline constexpr std::array<std::wstring_view, 6> EARLY_CLOSE_IMAGES{
     MAIN_PROGRAM,
     L"Sorvane.Common.TagManager.exe",
@@ -67,8 +67,8 @@ inline constexpr std::array<std::wstring_view, 2> shell_host_images{L"dllhost.ex
 // The hook that other applications load: a pattern, since its name has a variable part.
 inline constexpr std::array<std::wstring_view, 1> HOOK_MODULES{L"Quorbel.WindowOrganizer*.dll"};
 
-// The suite's shell extensions and hooks. Explorer loads both hooks; only the first is released by waking
-// applications.
+// The suite's shell extensions and hooks, which only shell hosts are searched for. Of the two hooks, only the
+// first is waited for in other applications.
 inline constexpr auto our_shell_modules = joined(
     std::array<std::wstring_view, 10>{
         L"Quorbel.Plexa.ShellExtension.dll",
