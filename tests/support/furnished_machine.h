@@ -1,0 +1,59 @@
+#pragma once
+
+#include "support/loaded_library.h"
+#include "support/registry_sandbox.h"
+#include "support/toy_suite.h"
+#include "tests/support/call_sweep.h"
+#include "tests/support/fake_machine.h"
+#include "tests/support/scheduler_stand_in.h"
+#include "tests/support/test_session.h"
+#include "tests/support/upgrade_fixture.h"
+
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace test_support {
+
+// The built library on a fake machine with something to do for every action: two programs of the suite, of
+// which one has no window and must be killed, a host of one of its libraries, scratch hives, and the Task
+// Scheduler's stand-in. The machine must be disposable. Only one may exist at a time.
+class furnished_machine {
+public:
+    furnished_machine();
+
+    // Sets everything up for a run of this action: its properties, its part of the registry, an upgrade that
+    // its phase continues. Every program and Search run.
+    void furnish(const std::string& action);
+
+    // The keys that have another vendor's value neither in its place nor in a backup any more, as "(loses
+    // PATH)". Fails the test if no call about such a key has failed.
+    [[nodiscard]] std::wstring lost() const;
+
+    toy_process main{L"Quorbel.exe"};
+    toy_process helper{L"Quorbel.Kindra.HelperService.exe", L"--window=none"};
+    toy_process explorer{L"explorer.exe"};
+    scheduler_stand_in scheduler; // before the sandboxes: it needs the real registry
+    registry_sandbox machine_hive{HKEY_LOCAL_MACHINE};
+    registry_sandbox user_hive{HKEY_CURRENT_USER};
+    loaded_library library;
+    test_session session{library.module()};
+    fake_machine machine{library.module()};
+    call_sweep sweep{library.module()};
+    const std::filesystem::path folder = std::filesystem::path{toy_library(L"any.dll")}.parent_path();
+    const std::wstring upgrade_data = new_upgrade_data(folder.wstring());
+    const custom_actions::controlled_upgrade::context upgrade =
+        custom_actions::controlled_upgrade::load_context(upgrade_data);
+
+private:
+    void set_properties(const std::string& action) const;
+    void plant_foreign(const std::wstring& path, const wchar_t* name, HKEY root = HKEY_CURRENT_USER);
+    void plant_property_handlers(bool registered);
+    void plant_icon_handlers(const wchar_t* handler);
+    void begin_upgrade() const;
+
+    std::vector<std::pair<HKEY, std::wstring>> foreign_;
+};
+
+} // namespace test_support
