@@ -19,20 +19,26 @@ bool has_prefix(std::string_view name, const std::vector<std::string_view>& pref
     return std::ranges::any_of(prefixes, [&](auto prefix) { return name.starts_with(prefix); });
 }
 
-// Functions that are never failed: those without a result, or one that is not checked (the process ends if
-// its identity cannot be restored); queries that cannot fail; and what the C and C++ runtimes call for
+// Functions that are only observed: those without a result, or one that is not checked (the process ends if
+// its identity cannot be restored).
+bool is_only_observed(std::string_view name)
+{
+    return has_prefix(name, {"CoUninit", "SetThreadToken", "SHChange", "Sleep"});
+}
+
+// Functions that are left alone: queries that cannot fail, and what the C and C++ runtimes call for
 // themselves: locks, threads, exceptions, code pages, random numbers.
 bool is_excluded(std::string_view name)
 {
     return has_prefix(
         name,
-        {"AddVec",    "Compare",    "CoUninit",   "CreateEvent", "CreateSem",   "CryptAcq",   "CryptGen",
-         "CryptRel",  "DeleteCrit", "DestroyEnv", "Duplicate",   "EnterCrit",   "EqualSid",   "GetCurrent",
-         "GetHandle", "GetLast",    "GetModule",  "GetProcAddr", "GetProcessA", "GetSystemT", "GetThread",
-         "GetTick",   "Initialize", "IsD",        "IsWellKnown", "LeaveCrit",   "LoadLib",    "LocalFree",
-         "OutputDeb", "RaiseExc",   "ReleaseSem", "RemoveVec",   "ResetEvent",  "ResumeThr",  "Rtl",
-         "SetEvent",  "SetLast",    "SetProcess", "SetThread",   "SHChange",    "Sleep",      "Suspend",
-         "SysFree",   "Tls",        "TryEnter",   "Virtual",     "WaitForMul",  "WideChar",   "__C_spec"});
+        {"AddVec",     "Compare",    "CreateEvent", "CreateSem",   "CryptAcq",   "CryptGen",   "CryptRel",
+         "DeleteCrit", "DestroyEnv", "Duplicate",   "EnterCrit",   "EqualSid",   "GetCurrent", "GetHandle",
+         "GetLast",    "GetModule",  "GetProcAddr", "GetProcessA", "GetSystemT", "GetThread",  "GetTick",
+         "Initialize", "IsD",        "IsWellKnown", "LeaveCrit",   "LoadLib",    "LocalFree",  "OutputDeb",
+         "RaiseExc",   "ReleaseSem", "RemoveVec",   "ResetEvent",  "ResumeThr",  "Rtl",        "SetEvent",
+         "SetLast",    "SetProcess", "SetThreadC",  "SetThreadP",  "Suspend",    "SysFree",    "Tls",
+         "TryEnter",   "Virtual",    "WaitForMul",  "WideChar",    "__C_spec"});
 }
 
 // What a function returns when it fails; by default 0 (FALSE, no handle, no characters). If 0 is no failure
@@ -94,18 +100,21 @@ struct call_sweep::function {
 // Receives the calls of the function with this index. A closing function still closes when it fails, so that
 // the fault itself leaks nothing.
 template <std::size_t Index, class... Words>
-word WINAPI call_sweep::stub(Words... words)
+word WINAPI call_sweep::stub(Words... arguments)
 {
     const auto& [name, patch] = active_->functions_[Index];
-    const std::tuple arguments{words...};
-    if (!active_->fails(name, std::get<0>(arguments))) {
-        return patch->original()(words...);
+    const words all{arguments...};
+    if (active_->observer_) {
+        active_->observer_(name, all);
+    }
+    if (!active_->fails(name, all[0])) {
+        return patch->original()(arguments...);
     }
     if (name.starts_with("Reg")) {
-        active_->failed_keys_.push_back(key_of(name, std::get<0>(arguments), std::get<1>(arguments)));
+        active_->failed_keys_.push_back(key_of(name, all[0], all[1]));
     }
     if (name.find("Close") != std::string::npos) {
-        patch->original()(words...);
+        patch->original()(arguments...);
     }
     SetLastError(ERROR_ACCESS_DENIED);
     return failure_of(name);
@@ -144,7 +153,8 @@ bool call_sweep::fails(const std::string& called, ULONG_PTR first_argument)
     bool failing = false;
     // A wait for a thread of this process is never failed.
     // NOLINTNEXTLINE(performance-no-int-to-ptr): a handle passed as a word
-    if (called != "WaitForSingleObject" || GetThreadId(reinterpret_cast<HANDLE>(first_argument)) == 0) {
+    if (!is_only_observed(called) &&
+        (called != "WaitForSingleObject" || GetThreadId(reinterpret_cast<HANDLE>(first_argument)) == 0)) {
         const std::scoped_lock lock{counting_};
         calls_.push_back(called);
         failing = calls_.size() == nth_;

@@ -2,7 +2,9 @@
 
 #include <windows.h>
 
+#include <array>
 #include <cstddef>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -23,6 +25,10 @@ public:
 
     static constexpr UINT KILLED = 77;
 
+    // The arguments of a call; those behind its last one mean nothing.
+    using words = std::array<ULONG_PTR, 12>;
+    using call_observer = std::function<void(std::string_view function, const words& arguments)>;
+
     // Counts the functions whose names begin with one of `only`, or all if it is empty. Imports patched
     // before keep their patches, which a failing call does not reach.
     explicit call_sweep(HMODULE module, const std::vector<std::string_view>& only = {});
@@ -33,6 +39,9 @@ public:
 
     // Restarts the count, from 1. With `nth` 0 no call fails.
     void plan(std::size_t nth, fault what);
+
+    // Calls `observer` before each call, on the same thread.
+    void observe(call_observer observer) { observer_ = std::move(observer); }
 
     // The functions called since, in order.
     [[nodiscard]] const std::vector<std::string>& calls() const noexcept { return calls_; }
@@ -47,13 +56,14 @@ private:
     struct function;
 
     template <std::size_t Index, class... Words>
-    static ULONG_PTR WINAPI stub(Words... words);
+    static ULONG_PTR WINAPI stub(Words... arguments);
 
     bool fails(const std::string& called, ULONG_PTR first_argument);
 
     inline static call_sweep* active_ = nullptr;
 
     std::vector<function> functions_;
+    call_observer observer_;
     std::mutex counting_;
     std::vector<std::string> calls_;
     std::size_t failed_ = 0;

@@ -13,7 +13,7 @@ namespace test_support {
 class fake_clock {
 public:
     explicit fake_clock(HMODULE module)
-        : clock_{module, "GetTickCount64", &tick_count}, sleep_{module, "Sleep", &advance}
+        : clock_{module, "GetTickCount64", &tick_count}, sleep_{module, "Sleep", &sleep}
     {
         now_ = 0;
         sleeps_.clear();
@@ -24,12 +24,14 @@ public:
 
     [[nodiscard]] const std::vector<DWORD>& sleeps() const noexcept { return sleeps_; }
 
+    static void advance(DWORD milliseconds) { now_ += milliseconds; }
+
 private:
     static ULONGLONG WINAPI tick_count() { return 0xFFFFFF00 + now_; } // soon more than 32 bits
 
-    static void WINAPI advance(DWORD milliseconds)
+    static void WINAPI sleep(DWORD milliseconds)
     {
-        now_ += milliseconds;
+        advance(milliseconds);
         sleeps_.push_back(milliseconds);
     }
 

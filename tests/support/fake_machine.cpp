@@ -55,25 +55,40 @@ fake_machine::fake_machine(HMODULE module) : module_{module}, clock_{module}
 // A snapshot lists each running program once. A program has two modules: one without a name and its library.
 void fake_machine::fake_snapshots()
 {
-    const auto next = [this](HANDLE, PROCESSENTRY32W* entry) {
-        const auto found = running.upper_bound(last_listed_);
-        if (found == running.end()) {
-            return fail_with(ERROR_NO_MORE_FILES);
+    answer<"CreateToolhelp32Snapshot">(&CreateToolhelp32Snapshot, [this](DWORD what, DWORD process) {
+        if ((what & TH32CS_SNAPMODULE) != 0) {
+            inspected_ = process;
+        } else {
+            listed_ = 0;
+            running.insert(running.end(), terminated_.begin(), terminated_.end());
+            terminated_.clear();
         }
-        last_listed_ = entry->th32ProcessID = *found;
-        *std::ranges::copy(programs.at(*found).name, entry->szExeFile).out = L'\0';
-        return TRUE;
-    };
-    answer<"CreateToolhelp32Snapshot">(&CreateToolhelp32Snapshot, [this](DWORD, DWORD process) {
-        (process == 0 ? last_listed_ : inspected_) = process;
         return new_handle();
     });
-    answer<"Process32FirstW">(&Process32FirstW, next);
-    answer<"Process32NextW">(&Process32NextW, next);
-    answer<"Thread32First">(&Thread32First, [](auto...) { return FALSE; });
+    const auto next_process = [this](HANDLE, PROCESSENTRY32W* entry) {
+        if (listed_ >= running.size()) {
+            return fail_with(ERROR_NO_MORE_FILES);
+        }
+        entry->th32ProcessID = running[listed_++];
+        *std::ranges::copy(programs.at(entry->th32ProcessID).name, entry->szExeFile).out = L'\0';
+        return TRUE;
+    };
+    answer<"Process32FirstW">(&Process32FirstW, next_process);
+    answer<"Process32NextW">(&Process32NextW, next_process);
+    const auto next_thread = [this](HANDLE, THREADENTRY32* entry) {
+        if (listed_ >= running.size()) {
+            return fail_with(ERROR_NO_MORE_FILES);
+        }
+        entry->th32ThreadID = entry->th32OwnerProcessID = running[listed_++];
+        return TRUE;
+    };
+    answer<"Thread32First">(&Thread32First, next_thread);
+    answer<"Thread32Next">(&Thread32Next, next_thread);
+    answer<"PostThreadMessageW">(&PostThreadMessageW, succeed);
     answer<"Module32FirstW">(&Module32FirstW, succeed);
     answer<"Module32NextW">(&Module32NextW, [this](HANDLE, MODULEENTRY32W* entry) {
-        const auto inspected = programs.find(std::exchange(inspected_, 0));
+        const auto inspected = inspected_ ? programs.find(*inspected_) : programs.end();
+        inspected_.reset();
         if (inspected == programs.end()) {
             return fail_with(ERROR_NO_MORE_FILES);
         }
@@ -84,27 +99,46 @@ void fake_machine::fake_snapshots()
 
 void fake_machine::fake_programs()
 {
+    answer<"ProcessIdToSessionId">(
+        &ProcessIdToSessionId, [this](DWORD process, DWORD* session) -> std::optional<BOOL> {
+            const auto found = programs.find(process);
+            if (found == programs.end() || !found->second.session) {
+                return std::nullopt;
+            }
+            *session = *found->second.session;
+            return TRUE;
+        });
     answer<"OpenProcess">(&OpenProcess, [this](DWORD access, BOOL inherit, DWORD process) {
-        if (running.contains(process) || !programs.contains(process)) {
+        if (runs(process) || !programs.contains(process)) {
             return OpenProcess(access | PROCESS_QUERY_LIMITED_INFORMATION, inherit, process);
         }
         SetLastError(ERROR_INVALID_PARAMETER);
         return HANDLE{};
     });
-    answer<"WaitForSingleObject">(&WaitForSingleObject, [this](HANDLE object, DWORD) {
-        const DWORD process = GetProcessId(object);
-        const DWORD result = running.contains(process) ? WAIT_TIMEOUT : WAIT_OBJECT_0;
-        return programs.contains(process) ? std::optional{result} : std::nullopt;
-    });
+    answer<"WaitForSingleObject">(
+        &WaitForSingleObject, [this](HANDLE object, DWORD limit) -> std::optional<DWORD> {
+            const DWORD process = GetProcessId(object);
+            if (process == 0 || !programs.contains(process)) {
+                return std::nullopt;
+            }
+            if (!runs(process)) {
+                return WAIT_OBJECT_0;
+            }
+            fake_clock::advance(limit);
+            return WAIT_TIMEOUT;
+        });
     answer<"TerminateProcess">(&TerminateProcess, [this](HANDLE process, UINT) {
-        running.erase(GetProcessId(process));
+        const DWORD id = GetProcessId(process);
+        if (std::erase(running, id) != 0 && restarts) {
+            terminated_.push_back(id);
+        }
         return TRUE;
     });
     answer<"PostMessageW">(&PostMessageW, [this](HWND window, UINT message, auto...) {
         DWORD owner = 0;
         GetWindowThreadProcessId(window, &owner);
         if (message == WM_CLOSE && programs[owner].library.empty()) {
-            running.erase(owner);
+            std::erase(running, owner);
         }
         return TRUE;
     });
@@ -117,7 +151,7 @@ void fake_machine::fake_programs()
         &CreateProcessAsUserW, [this](HANDLE, LPCWSTR path, LPWSTR, auto... others) {
             for (const auto& [process, started] : programs) {
                 if (std::wstring_view{path}.ends_with(started.name)) {
-                    running.insert(process);
+                    running.push_back(process);
                 }
             }
             return return_ended_process(*std::get<7>(std::tuple{others...}));
@@ -130,8 +164,8 @@ void fake_machine::fake_programs()
         }
         return return_ended_process(*std::get<7>(all));
     });
-    answer<"GetExitCodeProcess">(&GetExitCodeProcess, [](HANDLE, DWORD* code) {
-        *code = 0;
+    answer<"GetExitCodeProcess">(&GetExitCodeProcess, [this](HANDLE, DWORD* code) {
+        *code = script_result;
         return TRUE;
     });
     // A script's log appears when it is opened, with the line that verifying scripts print.
@@ -148,19 +182,23 @@ void fake_machine::fake_service()
     const auto open = [](auto...) { return reinterpret_cast<SC_HANDLE>(new_handle()); };
     const auto bring_to = [this](DWORD state) {
         return [this, state](auto...) {
-            search_state = state;
+            search_states.erase(search_states.begin());
+            search_states.push_back(state);
             return TRUE;
         };
     };
     answer<"OpenSCManagerW">(&OpenSCManagerW, open);
-    answer<"OpenServiceW">(&OpenServiceW, open);
+    answer<"OpenServiceW">(&OpenServiceW, [this, open](auto...) {
+        SetLastError(ERROR_SERVICE_DOES_NOT_EXIST);
+        return search_states.empty() ? nullptr : open();
+    });
     answer<"CloseServiceHandle">(&CloseServiceHandle, close);
     answer<"ControlService">(&ControlService, bring_to(SERVICE_STOPPED));
     answer<"StartServiceW">(&StartServiceW, bring_to(SERVICE_RUNNING));
     answer<"QueryServiceStatusEx">(&QueryServiceStatusEx, [this](auto, auto, auto* status, auto...) {
-        reinterpret_cast<SERVICE_STATUS_PROCESS*>(status)->dwCurrentState = search_state;
-        if (search_state == SERVICE_STOP_PENDING) { // for one query
-            search_state = SERVICE_STOPPED;
+        reinterpret_cast<SERVICE_STATUS_PROCESS*>(status)->dwCurrentState = search_states.front();
+        if (search_states.size() != 1) {
+            search_states.erase(search_states.begin());
         }
         return TRUE;
     });

@@ -5,19 +5,22 @@
 
 #include <windows.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <map>
 #include <memory>
-#include <set>
+#include <optional>
 #include <string_view>
 #include <vector>
 
 namespace test_support {
 
 // Fakes the machine around one module, so that an action can run a thousand times:
-// - `programs` are real processes that are listed, opened and inspected, but end only in `running`: when
-//   terminated or, if they have no library, when one of their windows is asked to close;
-// - a service "WSearch" starts and stops at once; scripts succeed at once and leave their log;
-// - time passes only by sleeping.
+// - `programs` are listed, each with one thread of the same id, and inspected. Those that are opened are real
+//   processes, but end only in `running`: when terminated or, if they have no library, when one of their
+//   windows is asked to close;
+// - a service "WSearch" goes through `search_states`; scripts end at once and leave their log;
+// - time passes only by sleeping, and by waiting for a program that does not end.
 // Everything else is real. All that the module has to close, service handles and environments included, is a
 // real handle, so that a leak is counted. Only one may exist at a time.
 class fake_machine {
@@ -27,14 +30,20 @@ public:
 
     struct program {
         std::wstring_view name;
-        std::wstring_view library; // that it has loaded
+        std::wstring_view library;    // that it has loaded
+        std::optional<DWORD> session; // its own if it is a real process
     };
 
     std::map<DWORD, program> programs; // by process id
-    std::set<DWORD> running;           // the ids that are listed; starting a program adds its own
-    DWORD search_state = SERVICE_RUNNING;
+    std::vector<DWORD> running; // the ids that are listed, in this order; starting a program adds its own
+    bool restarts = false;      // a terminated program is listed again
+    std::vector<DWORD>
+        search_states;       // one for each query, the last one for all others; empty if not installed
+    DWORD script_result = 0; // its exit code
 
 private:
+    [[nodiscard]] bool runs(DWORD process) const { return std::ranges::count(running, process) != 0; }
+
     void fake_snapshots();
     void fake_programs();
     void fake_service();
@@ -43,8 +52,9 @@ private:
     void answer(Function* replaced, Answer result);
 
     HMODULE module_;
-    DWORD last_listed_ = 0; // in the current snapshot
-    DWORD inspected_ = 0;   // its library is the next module
+    std::vector<DWORD> terminated_;  // since the last snapshot
+    std::size_t listed_ = 0;         // how many of the current snapshot
+    std::optional<DWORD> inspected_; // its library is the next module
     fake_clock clock_;
     std::vector<std::shared_ptr<void>> interceptions_;
 };

@@ -44,10 +44,6 @@ void plant(
 
 furnished_machine::furnished_machine()
 {
-    machine.programs = {
-        {main.id(), {L"Quorbel.exe", L""}},
-        {helper.id(), {L"Quorbel.Kindra.HelperService.exe", L""}},
-        {explorer.id(), {L"explorer.exe", L"Quorbel.WindowOrganizer.Hook.dll"}}};
     for (const wchar_t* package : custom_actions::controlled_upgrade::UPGRADE_PACKAGES) {
         std::ofstream{folder / package} << "package";
     }
@@ -59,8 +55,20 @@ void furnished_machine::furnish(const std::string& action)
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software");
     RegDeleteTreeW(HKEY_CURRENT_USER, L"Software");
     std::filesystem::remove_all(upgrade.workspace); // throws if one of its files was left open
-    machine.running = {main.id(), helper.id(), explorer.id()};
-    machine.search_state = action == "restore_search" ? SERVICE_STOP_PENDING : SERVICE_RUNNING;
+    // Process 0 would show the caller's own modules; the next one ends at once.
+    machine.programs = {
+        {0, {L"[System Process]", L"Quorbel.WindowOrganizer.Hook.dll", {}}},
+        {GONE, {L"Quorbel.exe", L"", {}}},
+        {main.id(), {L"Quorbel.exe", L"", {}}},
+        {helper.id(), {L"Quorbel.Kindra.HelperService.exe", L"", {}}},
+        {explorer.id(), {L"explorer.exe", L"Quorbel.WindowOrganizer.Hook.dll", {}}}};
+    machine.running = {0, GONE, main.id(), helper.id(), explorer.id()};
+    machine.script_result = 0;
+    machine.restarts = false;
+    machine.search_states = {SERVICE_RUNNING};
+    if (action == "restore_search") {
+        machine.search_states = {SERVICE_STOP_PENDING, SERVICE_STOPPED};
+    }
     scheduler.clear();
     scheduler.end_with(S_OK);
     foreign_.clear();
@@ -74,7 +82,7 @@ void furnished_machine::furnish(const std::string& action)
     } else if (action == "restore_built_in_new_context_menu") {
         plant(CLASSES + LR"(Directory\Background\ShellEx\ContextMenuHandlers\New)", L"", FOREIGN);
     } else if (action == "restore_explorer") {
-        machine.running.erase(explorer.id());
+        std::erase(machine.running, explorer.id());
     } else if (action == "recover_early_upgrade") {
         scheduler.register_task(TASK);
         scheduler.stay_in(TASK_STATE_READY);
@@ -100,8 +108,9 @@ void furnished_machine::set_properties(const std::string& action) const
     session.set_property(L"QblEarlyRecoveryTask", TASK);
     session.set_property(L"WIX_UPGRADE_DETECTED", PRODUCT);
     session.set_property(L"begin_controlled_upgrade", upgrade_data);
+    session.set_property(L"RollbackDisabled", L"");
     const auto own = data.find(action);
-    session.set_property(L"CustomActionData", own == data.end() ? upgrade_data : own->second);
+    pass(own == data.end() ? upgrade_data : own->second);
 }
 
 // Plants another vendor's handler or icon.

@@ -27,6 +27,11 @@ public:
     // its phase continues. Every program and Search run.
     void furnish(const std::string& action);
 
+    // Sets the action's data.
+    void pass(const std::wstring& data) const { session.set_property(L"CustomActionData", data); }
+
+    static constexpr DWORD GONE = 0x7FFFFFF0; // the id of a listed program that has ended since
+
     // The keys that have another vendor's value neither in its place nor in a backup any more, as "(loses
     // PATH)". Fails the test if no call about such a key has failed.
     [[nodiscard]] std::wstring lost() const;

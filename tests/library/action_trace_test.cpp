@@ -1,0 +1,374 @@
+// What each action does to the machine and logs, in order, with the rights that it asks for and what it does
+// under another identity: action_traces.txt has it for a furnished machine on which nothing fails.
+
+#include "custom_actions/common/text.h"
+#include "custom_actions/upgrade/maintenance_key.h"
+#include "custom_actions/upgrade/upgrade_packages.h"
+#include "support/ascii.h"
+#include "support/child_process.h"
+#include "support/disposable_machine.h"
+#include "support/pe_image.h"
+#include "tests/support/faults.h"
+#include "tests/support/furnished_machine.h"
+
+#include <gtest/gtest.h>
+#include <taskschd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace test_support {
+namespace {
+
+using custom_actions::controlled_upgrade::UPGRADE_PACKAGES;
+
+// The calls that are noted, each with its arguments in order: rights asked for (r), and what is shown: a text
+// (t), a number in decimal (d) or hexadecimal (x), the process that a handle is of (p) or that owns a window
+// (w), a privilege's state (a), a desktop (l), whether it is given (?), or nothing (- and .).
+constexpr const char* NOTED =
+    "AdjustTokenPrivileges --a  ChangeServiceConfig2W -d  ChangeServiceConfigW --d  CoInitializeEx -d  "
+    "CoUninitialize . "
+    "ControlService -d  ConvertStringSecurityDescriptorToSecurityDescriptorW t  CopyFileW ttd  "
+    "CreateDirectoryW t "
+    "CreateEnvironmentBlock --d  CreateFileW tr--dx  CreateProcessAsUserW -t---dx?tl  CreateProcessW -t--dx "
+    "CreateToolhelp32Snapshot r  ImpersonateLoggedOnUser .  MsiSetPropertyW -tt  MsiSetTargetPathW -tt  "
+    "OpenProcess r "
+    "OpenProcessToken -r  OpenSCManagerW --r  OpenServiceW --r  OpenThreadToken -r  PostMessageW wx "
+    "PostThreadMessageW dx  RegCreateKeyExA -----r  RegCreateKeyExW -----r  RegDeleteKeyExW -t  "
+    "RegOpenKeyExA ---r "
+    "RegOpenKeyExW ---r  RegSetValueExW -t-d  SHChangeNotify xx  SetThreadToken .  Sleep d  StartServiceW . "
+    "TerminateProcess pd  WaitForSingleObject pd";
+
+// What is done again and again, and how it is shown.
+const std::pair<std::wregex, const wchar_t*> FOLDED[]{
+    {std::wregex{LR"(CreateEnvironmentBlock 0
+CreateProcessAsUserW <powershell> 0 8000400 own C:\\windows\\system32 winsta0\\default
+logs Controlled upgrade: Starting (\S+) for <user>
+WaitForSingleObject 0 (\d+)
+ImpersonateLoggedOnUser
+SetThreadToken
+logs Controlled upgrade: \1 finished in 0 ms, exit (\d); log: <workspace>\\output\\\1.log
+)"},
+     L"(runs $1 for $2 ms, exit $3)\n"},
+    {std::wregex{LR"(PostMessageW <explorer> 10
+PostMessageW <explorer> 10
+PostMessageW <main> 10
+PostMessageW <main> 10
+WaitForSingleObject <helper> 5000
+TerminateProcess <helper> 1
+WaitForSingleObject <helper> 5000
+WaitForSingleObject <explorer> 0
+TerminateProcess <explorer> 1
+WaitForSingleObject <explorer> 5000
+WaitForSingleObject <main> 0
+WaitForSingleObject <helper> 0
+WaitForSingleObject <explorer> 0
+)"},
+     L"(closes all three)\n"},
+    {std::wregex{
+         L"AdjustTokenPrivileges 2\nImpersonateLoggedOnUser\nSetThreadToken\nAdjustTokenPrivileges 0\n"},
+     L"(finds the host)\n"},
+    {std::wregex{L"AdjustTokenPrivileges 2\nAdjustTokenPrivileges 0\n"}, L"(finds no host)\n"},
+    {std::wregex{
+         L"CreateEnvironmentBlock 0\nCreateProcessAsUserW C:.windows.explorer.exe 0 400 own C:.windows "
+         L"winsta0.default\nSleep 250"},
+     L"(starts Explorer)"}};
+
+// NOLINTBEGIN(performance-no-int-to-ptr): pointers and handles passed as words
+std::wstring shown(char kind, ULONG_PTR word)
+{
+    std::wostringstream text;
+    if (kind == 't') {
+        text << (word == 0 ? L"(none)" : reinterpret_cast<const wchar_t*>(word));
+    } else if (kind == 'd' || kind == 'x') {
+        text << (kind == 'x' ? std::hex : std::dec) << static_cast<DWORD>(word);
+    } else if (kind == 'p') {
+        text << GetProcessId(reinterpret_cast<HANDLE>(word));
+    } else if (kind == 'w') {
+        DWORD id = 0;
+        GetWindowThreadProcessId(reinterpret_cast<HWND>(word), &id);
+        text << id;
+    } else if (kind == 'a') {
+        text << reinterpret_cast<const TOKEN_PRIVILEGES*>(word)->Privileges[0].Attributes;
+    } else if (kind == 'l') {
+        text << reinterpret_cast<const STARTUPINFOW*>(word)->lpDesktop;
+    } else {
+        text << (word == 0 ? L"none" : L"own");
+    }
+    return text.str();
+}
+
+// NOLINTEND(performance-no-int-to-ptr)
+
+using stage = furnished_machine;
+
+struct scenario {
+    std::string title; // "ACTION" or "ACTION, what is different"
+    void (*change)(stage&);
+};
+
+void change_nothing(stage& /*on*/) {}
+
+void leave_markers(stage& on, const std::vector<const wchar_t*>& markers)
+{
+    std::filesystem::remove_all(on.upgrade.workspace);
+    std::filesystem::create_directories(on.upgrade.workspace + L"\\output");
+    for (const wchar_t* name : markers) {
+        std::ofstream{std::filesystem::path{on.upgrade.workspace} / name} << '1';
+    }
+}
+
+void run_elsewhere(stage& on, const wchar_t* program, const wchar_t* library)
+{
+    on.machine.programs[4] = {program, library, 0};
+    on.machine.running.push_back(4);
+}
+
+const scenario OTHERS[]{
+    {"close_and_kill_our_processes, another program keeps the hook",
+     [](stage& on) {
+         on.machine.running = {0};
+         run_elsewhere(on, L"Other.exe", L"quorbel.windoworganizer.x64.DLL");
+     }},
+    {"restore_explorer, it runs", [](stage& on) { on.machine.running.push_back(on.explorer.id()); }},
+    {"restore_explorer, one runs in another session",
+     [](stage& on) { run_elsewhere(on, L"EXPLORER.EXE", L""); }},
+    {"restore_explorer, it does not come back",
+     [](stage& on) { on.machine.programs.erase(on.explorer.id()); }},
+    {"restore_explorer, nothing was recorded", [](stage& on) { on.pass(L"unchanged"); }},
+    {"restore_explorer, the record has no session", [](stage& on) { on.pass(L"|S-1-5-18"); }},
+    {"restore_explorer, the record is no number", [](stage& on) { on.pass(L"1a|S-1-5-18"); }},
+    {"restore_explorer, session 0", [](stage& on) { on.pass(L"00|S-1-5-18"); }},
+    {"restore_explorer, another user", [](stage& on) { on.pass(L"1|" + on.upgrade.user_sid + L"1"); }},
+    {"capture_search_state, it stops", [](stage& on) { on.machine.search_states = {3}; }},
+    {"capture_search_state, not installed", [](stage& on) { on.machine.search_states.clear(); }},
+    {"capture_search_state, no rollback",
+     [](stage& on) { on.session.set_property(L"RollbackDisabled", L"0"); }},
+    {"stop_search, it is paused", [](stage& on) { on.machine.search_states = {7, 7, 3, 1}; }},
+    {"stop_search, it stops by itself", [](stage& on) { on.machine.search_states = {3, 3, 3, 1}; }},
+    {"stop_search, it is gone", [](stage& on) { on.machine.search_states.clear(); }},
+    {"stop_search, not captured", [](stage& on) { on.pass(L"Running"); }},
+    {"restore_search, it starts by itself", [](stage& on) { on.machine.search_states = {2, 2, 4}; }},
+    {"restore_search, it is gone", [](stage& on) { on.machine.search_states.clear(); }},
+    {"restore_search, was not running", [](stage& on) { on.pass(L"unchanged"); }},
+    {"early_close_upgrade, nothing runs", [](stage& on) { on.machine.running = {0}; }},
+    {"early_close_upgrade, the main program runs in another session",
+     [](stage& on) { on.machine.programs[on.main.id()].session = 2; }},
+    {"recover_early_upgrade, no task",
+     [](stage& on) { on.session.set_property(L"QblEarlyRecoveryTask", L""); }},
+    {"recover_early_upgrade, not a task of ours",
+     [](stage& on) { on.session.set_property(L"QblEarlyRecoveryTask", L"qbl" + std::wstring(53, L'0')); }},
+    {"recover_early_upgrade, it keeps running", [](stage& on) { on.scheduler.stay_in(TASK_STATE_RUNNING); }},
+    {"recover_early_upgrade, it fails", [](stage& on) { on.scheduler.end_with(1); }},
+    {"begin_controlled_upgrade, the main program runs in another session",
+     [](stage& on) { on.machine.programs[on.main.id()].session = 2; }},
+    {"begin_controlled_upgrade, a host runs in session 0",
+     [](stage& on) { on.machine.programs[on.explorer.id()].session = 0; }},
+    {"begin_controlled_upgrade, another one is active",
+     [](stage&) { custom_actions::controlled_upgrade::upgrade_guard(true); }},
+    {"install_upgrade_packages, nothing was saved", [](stage& on) { leave_markers(on, {}); }},
+    {"install_upgrade_packages, a program restarts",
+     [](stage& on) {
+         on.machine.running = {on.helper.id()};
+         on.machine.restarts = true;
+     }},
+    {"finish_controlled_upgrade, nothing was verified", [](stage& on) { leave_markers(on, {}); }},
+    {"finish_controlled_upgrade, a script fails", [](stage& on) { on.machine.script_result = 1; }},
+    {"finish_controlled_upgrade, Windows Search was stopped",
+     [](stage& on) {
+         on.machine.running = {0};
+         leave_markers(on, {L"packages-verified", L"search-start-type-3"});
+     }},
+    {"rollback_controlled_upgrade, nothing was stopped",
+     [](stage& on) { leave_markers(on, {L"backup-complete", L"packages-touched"}); }},
+    {"rollback_controlled_upgrade, nothing was done", [](stage& on) { leave_markers(on, {}); }},
+    {"rollback_controlled_upgrade, no package was touched, Windows Search is not installed",
+     [](stage& on) {
+         on.machine.search_states.clear();
+         leave_markers(on, {L"backup-complete", L"shutdown-started"});
+     }},
+};
+
+class ActionTrace : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!machine_is_disposable()) {
+            GTEST_SKIP() << "starts the suite's programs: set DISPOSABLE_MACHINE if that is allowed";
+        }
+        machine.emplace();
+        std::istringstream words{NOTED};
+        for (std::string function; words >> function >> noted[function];) {
+        }
+    }
+
+    // Runs the action and returns its section of the list.
+    std::wstring trace(const scenario& scenario)
+    {
+        const std::string action = scenario.title.substr(0, scenario.title.find(','));
+        machine->furnish(action);
+        scenario.change(*machine);
+        lines.clear();
+        shown_messages = machine->session.messages().size();
+        shown_calls = 0;
+        rights.clear();
+        as_user.clear();
+        machine->sweep.observe([this](auto function, const auto& arguments) { note(function, arguments); });
+        testing::internal::CaptureStdout();
+        const UINT code = machine->library.call(action.c_str(), machine->session.handle());
+        testing::internal::GetCapturedStdout();
+        machine->sweep.observe({});
+        show_news();
+        std::wstring text =
+            L"== " + custom_actions::widen(scenario.title) + L": " + std::to_wstring(code) + L'\n';
+        text += folded();
+        for (const auto& [what, found] : {std::pair{L"rights:", &rights}, {L"as the user:", &as_user}}) {
+            if (scenario.change == change_nothing && !found->empty()) {
+                text += what;
+                for (const std::wstring& each : *found) {
+                    text += L' ' + each;
+                }
+                text += L'\n';
+            }
+        }
+        return text;
+    }
+
+    void note(std::string_view function, const call_sweep::words& arguments)
+    {
+        const std::wstring name = custom_actions::widen(function);
+        show_news();
+        std::wstring line = name;
+        const std::string kinds = noted[std::string{function}];
+        for (std::size_t i = 0; i != kinds.size(); ++i) {
+            if (kinds[i] == 'r') {
+                rights.insert(name + L'=' + shown('x', arguments.at(i)));
+            } else if (kinds[i] != '-' && kinds[i] != '.') {
+                line += L' ' + shown(kinds[i], arguments.at(i));
+            }
+        }
+        const bool opens = function == "CreateFileW" && static_cast<DWORD>(arguments[4]) == OPEN_EXISTING;
+        if (!opens && kinds.find_first_not_of("-r") != std::string::npos) {
+            show(line);
+        }
+        if (thread_is_impersonating()) {
+            as_user.insert(name);
+        }
+    }
+
+    // Shows the messages posted and the scheduler's calls made since.
+    void show_news()
+    {
+        const auto& messages = machine->session.messages();
+        for (; shown_messages != messages.size(); ++shown_messages) {
+            const auto& [type, line] = messages[shown_messages];
+            show((type == INSTALLMESSAGE_INFO ? L"logs " : L"posts " + shown('x', type) + L' ') + line);
+        }
+        const std::wstring calls = machine->scheduler.calls();
+        std::wistringstream news{calls.substr(shown_calls)};
+        for (std::wstring call; news >> call;) {
+            if (call.ends_with(L"::RegisterTaskDefinition") || call.ends_with(L"::Run") ||
+                call.ends_with(L"::DeleteTask")) {
+                show(call);
+            }
+        }
+        shown_calls = calls.size();
+    }
+
+    // Adds a line, with names for what differs from run to run.
+    void show(std::wstring line)
+    {
+        std::vector<std::pair<std::wstring, std::wstring>> names{
+            {machine->upgrade.workspace, L"<workspace>"},
+            {machine->folder.wstring(), L"<suite>"},
+            {LR"(C:\windows\system32\WindowsPowerShell\v1.0\powershell.exe)", L"<powershell>"},
+            {machine->upgrade.user_sid, L"<user>"},
+            {std::to_wstring(machine->main.id()), L"<main>"},
+            {std::to_wstring(machine->helper.id()), L"<helper>"},
+            {std::to_wstring(machine->explorer.id()), L"<explorer>"},
+            {std::to_wstring(GetCurrentProcessId()), L"<this>"},
+            {std::to_wstring(stage::GONE), L"<gone>"}};
+        for (std::size_t index = 0; index != UPGRADE_PACKAGES.size(); ++index) {
+            names.emplace_back(UPGRADE_PACKAGES.at(index), L"package-" + std::to_wstring(index));
+        }
+        for (const auto& [value, name] : names) {
+            line = replaced(line, value, name);
+        }
+        lines.push_back(std::regex_replace(line, std::wregex{L"\\{[-0-9A-F]{36}\\}"}, L"{GUID}"));
+    }
+
+    static std::wstring
+    replaced(std::wstring line, const std::wstring& value, const std::wstring& replacement)
+    {
+        for (std::size_t at = 0; (at = line.find(value, at)) != std::wstring::npos;
+             at += replacement.size()) {
+            line.replace(at, value.size(), replacement);
+        }
+        return line;
+    }
+
+    // The lines as text; what is done for package 0 and then likewise for others is counted.
+    [[nodiscard]] std::wstring folded() const
+    {
+        std::wstring all;
+        for (const std::wstring& line : lines) {
+            all += line + L'\n';
+        }
+        for (const auto& [fold, name] : FOLDED) {
+            all = std::regex_replace(all, fold, name);
+        }
+        std::vector<std::pair<std::wstring, unsigned>> counted;
+        std::wistringstream stream{all};
+        for (std::wstring line; std::getline(stream, line);) {
+            const std::wstring first = std::regex_replace(line, std::wregex{L"-[1-7]"}, L"-0");
+            const auto found = std::ranges::find(counted, first, &decltype(counted)::value_type::first);
+            if (found != counted.end() && (first != line || found + 1 == counted.end())) {
+                ++found->second;
+            } else {
+                counted.emplace_back(line, 1U);
+            }
+        }
+        all.clear();
+        for (const auto& [line, times] : counted) {
+            all += line + (times == 1 ? L"" : L" x" + std::to_wstring(times)) + L'\n';
+        }
+        return all;
+    }
+
+    std::optional<furnished_machine> machine;
+    std::map<std::string, std::string> noted;
+    std::vector<std::wstring> lines;
+    std::size_t shown_messages = 0;
+    std::size_t shown_calls = 0;
+    std::set<std::wstring> rights;
+    std::set<std::wstring> as_user; // the calls
+};
+
+TEST_F(ActionTrace, is_as_listed)
+{
+    std::wstring found;
+    for (const std::string& action : pe_image{machine->library.module()}.exported_names()) {
+        found += trace({action, change_nothing});
+    }
+    for (const scenario& other : OTHERS) {
+        found += trace(other);
+    }
+    std::ostringstream listed;
+    listed << std::ifstream{SOURCE_DIR "/tests/library/action_traces.txt"}.rdbuf();
+    const std::filesystem::path actual = beside_this_program(L"action_traces.txt");
+    std::ofstream{actual, std::ios::binary} << as_ascii(found);
+    EXPECT_EQ(as_ascii(found), listed.str())
+        << "if all of it is meant: cp build/mingw/action_traces.txt tests/library";
+}
+
+} // namespace
+} // namespace test_support
