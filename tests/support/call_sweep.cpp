@@ -107,7 +107,11 @@ word WINAPI call_sweep::stub(Words... arguments)
     if (active_->observer_) {
         active_->observer_(name, all);
     }
-    if (!active_->fails(name, all[0])) {
+    const bool failing = active_->fails(name, all[0]);
+    if (failing && active_->planned_ == fault::ends_thread) {
+        ExitThread(KILLED);
+    }
+    if (!failing) {
         return patch->original()(arguments...);
     }
     if (name.starts_with("Reg")) {
@@ -120,10 +124,10 @@ word WINAPI call_sweep::stub(Words... arguments)
     return failure_of(name);
 }
 
-call_sweep::call_sweep(HMODULE module, const std::vector<std::string_view>& only)
+call_sweep::call_sweep(HMODULE module)
 {
     for (const auto& [library, name, slot, by_number] : pe_image{module}.imports()) {
-        if (library != "msvcrt.dll" && !is_excluded(name) && (only.empty() || has_prefix(name, only))) {
+        if (library != "msvcrt.dll" && !is_excluded(name)) {
             functions_.push_back({.name = name, .patch = nullptr});
         }
     }
@@ -158,9 +162,6 @@ bool call_sweep::fails(const std::string& called, ULONG_PTR first_argument)
         const std::scoped_lock lock{counting_};
         calls_.push_back(called);
         failing = calls_.size() == nth_;
-        if (failing && planned_ == fault::ends_process) {
-            TerminateProcess(GetCurrentProcess(), KILLED);
-        }
         failing = failing || (planned_ == fault::staying && failed_ != 0 && calls_[nth_ - 1] == called);
         failed_ += failing ? 1 : 0;
     }

@@ -13,14 +13,14 @@
 namespace test_support {
 
 // Counts the calls that a module makes to Windows through its import table, on all threads, and makes the
-// n-th fail or kills the process there. call_sweep.cpp says how each function fails and which are excluded.
+// n-th fail or ends the thread there. call_sweep.cpp says how each function fails and which are excluded.
 // Create and destroy it while no function of the module runs. Only one may exist at a time.
 class call_sweep {
 public:
     enum class fault {
-        passing,     // only the n-th call fails
-        staying,     // and every later call of the same function
-        ends_process // exits with KILLED before the n-th call
+        passing,    // only the n-th call fails
+        staying,    // and every later call of the same function
+        ends_thread // exits with KILLED before the n-th call: all that the module holds stays open
     };
 
     static constexpr UINT KILLED = 77;
@@ -29,9 +29,8 @@ public:
     using words = std::array<ULONG_PTR, 12>;
     using call_observer = std::function<void(std::string_view function, const words& arguments)>;
 
-    // Counts the functions whose names begin with one of `only`, or all if it is empty. Imports patched
-    // before keep their patches, which a failing call does not reach.
-    explicit call_sweep(HMODULE module, const std::vector<std::string_view>& only = {});
+    // Imports patched before keep their patches, which a failing call does not reach.
+    explicit call_sweep(HMODULE module);
     ~call_sweep();
 
     call_sweep(const call_sweep&) = delete;

@@ -202,22 +202,25 @@ void fake_machine::fake_service()
         }
         return TRUE;
     });
-    answer<"QueryServiceConfigW">(&QueryServiceConfigW, [](auto, auto* config, DWORD size, DWORD* needed) {
-        *needed = sizeof *config;
-        if (size < sizeof *config) {
-            return fail_with(ERROR_INSUFFICIENT_BUFFER);
-        }
-        config->dwStartType = SERVICE_AUTO_START;
+    answer<"QueryServiceConfigW">(
+        &QueryServiceConfigW, [this](auto, auto* config, DWORD size, DWORD* needed) {
+            *needed = sizeof *config;
+            if (size < sizeof *config) {
+                return fail_with(ERROR_INSUFFICIENT_BUFFER);
+            }
+            config->dwStartType = search_start;
+            return TRUE;
+        });
+    answer<"ChangeServiceConfigW">(&ChangeServiceConfigW, [this](auto, auto, DWORD start, auto...) {
+        search_start = start;
         return TRUE;
     });
-    answer<"QueryServiceConfig2W">(&QueryServiceConfig2W, [](auto, auto, BYTE* delayed, auto...) {
-        *delayed = TRUE;
+    answer<"QueryServiceConfig2W">(&QueryServiceConfig2W, [this](auto, auto, BYTE* delayed, auto...) {
+        *delayed = search_delayed ? TRUE : FALSE;
         return TRUE;
     });
-    answer<"ChangeServiceConfigW">(&ChangeServiceConfigW, succeed);
-    answer<"ChangeServiceConfig2W">(&ChangeServiceConfig2W, [](auto, auto, void* info) {
-        EXPECT_TRUE(static_cast<SERVICE_DELAYED_AUTO_START_INFO*>(info)->fDelayedAutostart)
-            << "it was delayed";
+    answer<"ChangeServiceConfig2W">(&ChangeServiceConfig2W, [this](auto, auto, void* info) {
+        search_delayed = static_cast<SERVICE_DELAYED_AUTO_START_INFO*>(info)->fDelayedAutostart != FALSE;
         return TRUE;
     });
 }

@@ -38,7 +38,9 @@ public:
     std::vector<DWORD> running; // the ids that are listed, in this order; starting a program adds its own
     bool restarts = false;      // a terminated program is listed again
     std::vector<DWORD>
-        search_states;       // one for each query, the last one for all others; empty if not installed
+        search_states; // one for each query, the last one for all others; empty if not installed
+    DWORD search_start = SERVICE_AUTO_START;
+    bool search_delayed = true;
     DWORD script_result = 0; // its exit code
 
 private:

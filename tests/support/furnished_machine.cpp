@@ -66,6 +66,8 @@ void furnished_machine::furnish(const std::string& action)
     machine.script_result = 0;
     machine.restarts = false;
     machine.search_states = {SERVICE_RUNNING};
+    machine.search_start = SERVICE_AUTO_START;
+    machine.search_delayed = true;
     if (action == "restore_search") {
         machine.search_states = {SERVICE_STOP_PENDING, SERVICE_STOPPED};
     }
