@@ -1,6 +1,7 @@
 // The stand-in for every program of the suite, installed under each name. Its options:
 //   --window=closes    a top-level window that closes on request (the default)
 //   --window=ignores   a top-level window that ignores the request
+//   --window=message   a message-only window, which no enumeration of windows finds
 //   --window=none      no window
 //   --class=NAME       the window's class
 //   --load=PATH        loads a library first
@@ -77,7 +78,7 @@ void show_window(HINSTANCE instance, const behaviour& options)
         0,
         100,
         100,
-        nullptr,
+        options.window == L"message" ? HWND_MESSAGE : nullptr,
         nullptr,
         instance,
         nullptr);
