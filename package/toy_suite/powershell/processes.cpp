@@ -1,15 +1,17 @@
 #include "package/toy_suite/powershell/processes.h"
 
+#include "custom_actions/common/scoped_handle.h"
+#include "package/toy_suite/powershell/files.h"
 #include "package/toy_suite/powershell/text.h"
-#include "package/toy_suite/powershell/wildcards.h"
 
 #include <tlhelp32.h>
 
 #include <stdexcept>
 
 namespace toy_powershell {
-
 namespace {
+
+using custom_actions::kernel_handle;
 
 bool try_to_start(const std::wstring& program, std::wstring command_line, const std::wstring& folder)
 {
@@ -32,6 +34,16 @@ bool try_to_start(const std::wstring& program, std::wstring command_line, const 
     CloseHandle(started.hThread);
     CloseHandle(started.hProcess);
     return true;
+}
+
+// The path of a process's program; empty if unknown.
+std::wstring path_of(DWORD process)
+{
+    std::wstring path(32768, L'\0');
+    auto size = static_cast<DWORD>(path.size());
+    const kernel_handle opened{OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, process)};
+    path.resize(QueryFullProcessImageNameW(opened.get(), 0, path.data(), &size) != FALSE ? size : 0);
+    return path;
 }
 
 } // namespace
@@ -59,32 +71,20 @@ DWORD session_of(DWORD process)
     return ProcessIdToSessionId(process, &session) != FALSE ? session : ~DWORD{0};
 }
 
-std::wstring path_of(DWORD process)
+bool process_runs(const std::wstring& name, DWORD session, const std::wstring& path)
 {
-    std::wstring path(32768, L'\0');
-    auto size = static_cast<DWORD>(path.size());
-    HANDLE opened = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, process);
-    const bool found =
-        opened != nullptr && QueryFullProcessImageNameW(opened, 0, path.data(), &size) != FALSE;
-    if (opened != nullptr) {
-        CloseHandle(opened);
-    }
-    path.resize(found ? size : 0);
-    return path;
-}
-
-bool process_runs(const std::wstring& name, const std::function<bool(DWORD)>& condition)
-{
-    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    const kernel_handle snapshot{CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0)};
     PROCESSENTRY32W entry{};
     entry.dwSize = sizeof entry;
-    bool runs = false;
-    for (BOOL more = Process32FirstW(snapshot, &entry); more != FALSE && !runs;
-         more = Process32NextW(snapshot, &entry)) {
-        runs = equal_ignoring_case(entry.szExeFile, name + L".exe") && condition(entry.th32ProcessID);
+    for (BOOL more = Process32FirstW(snapshot.get(), &entry); more != FALSE;
+         more = Process32NextW(snapshot.get(), &entry)) {
+        if (equal_ignoring_case(entry.szExeFile, name + L".exe") &&
+            session_of(entry.th32ProcessID) == session &&
+            (path.empty() || equal_ignoring_case(path_of(entry.th32ProcessID), path))) {
+            return true;
+        }
     }
-    CloseHandle(snapshot);
-    return runs;
+    return false;
 }
 
 } // namespace toy_powershell

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <string>
 
 namespace toy_powershell {
@@ -8,5 +9,9 @@ namespace toy_powershell {
 // and not itself. Without brackets, returns the pattern. Throws std::runtime_error unless exactly one file
 // matches.
 std::wstring path_named_by(const std::wstring& pattern);
+
+// The manifest of a package, which must be a ZIP archive whose first entry is AppxManifest.xml, stored and
+// not compressed. Throws std::runtime_error otherwise.
+std::string read_manifest(const std::filesystem::path& package);
 
 } // namespace toy_powershell
