@@ -14,21 +14,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The files of a folder whose names match.
-std::vector<fs::path> files_named_by(const fs::path& folder, const std::wstring& pattern)
-{
-    // Brackets mean the same in a regular expression; all other special characters are escaped.
-    const std::wregex special{LR"([.^$*+?(){}|\\])"};
-    const std::wregex names{std::regex_replace(pattern, special, LR"(\$&)"), std::regex::icase};
-    std::vector<fs::path> found;
-    for (const auto& file : fs::directory_iterator{folder}) {
-        if (std::regex_match(file.path().filename().native(), names)) {
-            found.push_back(file.path());
-        }
-    }
-    return found;
-}
-
 void require(bool fulfilled, const char* complaint)
 {
     if (!fulfilled) {
@@ -40,19 +25,25 @@ void require(bool fulfilled, const char* complaint)
 
 std::wstring path_named_by(const std::wstring& pattern)
 {
-    fs::path found;
-    for (const fs::path& part : fs::path{pattern}) {
-        if (part.native().find(L'[') == std::wstring::npos) {
-            found /= part;
-            continue;
-        }
-        const auto files = files_named_by(found, part.native());
-        if (files.size() != 1) {
-            throw std::runtime_error{"Cannot find path '" + narrow(pattern) + "' because it does not exist."};
-        }
-        found = files.front();
+    if (pattern.find(L'[') == std::wstring::npos) {
+        return pattern;
     }
-    return found.native();
+    const fs::path path{pattern};
+    // Brackets mean the same in a regular expression; all other special characters are escaped.
+    const std::wregex special{LR"([.^$*+?(){}|\\])"};
+    const std::wregex names{
+        std::regex_replace(path.filename().native(), special, LR"(\$&)"), std::regex::icase};
+    std::vector<std::wstring> found;
+    for (const auto& file : fs::directory_iterator{path.parent_path()}) {
+        if (std::regex_match(file.path().filename().native(), names)) {
+            found.push_back(file.path().native());
+        }
+    }
+    const bool in_folder = path.parent_path().native().find(L'[') != std::wstring::npos;
+    if (in_folder || found.size() != 1) {
+        throw std::runtime_error{"Cannot find path '" + narrow(pattern) + "' because it does not exist."};
+    }
+    return found.front();
 }
 
 std::string read_manifest(const fs::path& package)

@@ -5,10 +5,10 @@
 // Every script is recorded in the state's key "Scripts" under its number, counted from 1. "ElevationType" is
 // the TOKEN_ELEVATION_TYPE of the last run.
 
-#include "package/toy_suite/arguments.h"
 #include "package/toy_suite/powershell/script.h"
 #include "package/toy_suite/powershell/state.h"
 #include "package/toy_suite/powershell/text.h"
+#include "package/toy_suite/process.h"
 
 #include <windows.h>
 #include <wincrypt.h>

@@ -1,8 +1,8 @@
 #include "package/toy_suite/powershell/processes.h"
 
-#include "custom_actions/common/scoped_handle.h"
 #include "package/toy_suite/powershell/files.h"
 #include "package/toy_suite/powershell/text.h"
+#include "package/toy_suite/process.h"
 
 #include <tlhelp32.h>
 
@@ -12,29 +12,6 @@ namespace toy_powershell {
 namespace {
 
 using custom_actions::kernel_handle;
-
-bool try_to_start(const std::wstring& program, std::wstring command_line, const std::wstring& folder)
-{
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION started{};
-    if (CreateProcessW(
-            program.c_str(),
-            command_line.data(),
-            nullptr,
-            nullptr,
-            FALSE,
-            CREATE_NEW_CONSOLE, // so that it does not hold this process's output open
-            nullptr,
-            folder.empty() ? nullptr : folder.c_str(),
-            &startup,
-            &started) == FALSE) {
-        return false;
-    }
-    CloseHandle(started.hThread);
-    CloseHandle(started.hProcess);
-    return true;
-}
 
 // The path of a process's program; empty if unknown.
 std::wstring path_of(DWORD process)
@@ -53,15 +30,11 @@ void start_process(
 {
     const std::wstring program = path_named_by(program_pattern);
     const std::wstring folder = path_named_by(folder_pattern);
-    const std::wstring command_line = L'"' + program + L'"' + (arguments.empty() ? L"" : L' ' + arguments);
-    // CreateProcess fails on Wine about once in some thousand calls.
-    constexpr int retries = 2;
-    for (int tries = 0; !try_to_start(program, command_line, folder); ++tries) {
-        if (tries == retries) {
-            throw std::runtime_error{
-                "Start-Process : This command cannot be run: " + narrow(program) + ", error " +
-                std::to_string(GetLastError())};
-        }
+    // A console of its own, so that it does not hold this process's output open.
+    if (!toy_suite::start_program(program, arguments, CREATE_NEW_CONSOLE, folder)) {
+        const std::string error = std::to_string(GetLastError());
+        throw std::runtime_error{
+            "Start-Process : This command cannot be run: " + narrow(program) + ", error " + error};
     }
 }
 

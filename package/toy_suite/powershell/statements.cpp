@@ -97,22 +97,19 @@ void restore_folders(run_state& /*state*/, const literals& values)
     if (!std::filesystem::exists(values[0])) {
         return;
     }
-    const auto open = state_key{}.list(OPEN_FOLDERS);
-    std::vector<std::wstring> opened = open;
+    auto open = state_key{}.list(OPEN_FOLDERS);
     std::ifstream list{std::filesystem::path{values[0]}};
     std::string line;
     while (std::getline(list, line) && line != LIST_END) {
         const std::wstring url{line.begin(), line.end()};
-        const bool is_open =
-            std::ranges::any_of(open, [&](const auto& each) { return equal_ignoring_case(each, url); });
-        if (is_folder(url) && !is_open) {
-            opened.push_back(url);
+        if (std::ranges::none_of(open, [&](const auto& each) { return equal_ignoring_case(each, url); })) {
+            open.push_back(url);
         }
     }
     if (line != LIST_END) {
         throw std::runtime_error{"Import-Clixml : Data at the root level is invalid"};
     }
-    state_key{}.write(OPEN_FOLDERS, opened);
+    state_key{}.write(OPEN_FOLDERS, open);
 }
 
 void start(run_state& /*state*/, const literals& values)

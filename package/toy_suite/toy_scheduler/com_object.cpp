@@ -69,6 +69,11 @@ std::wstring text_of(BSTR text)
     return text;
 }
 
+std::wstring text_of(LONG number)
+{
+    return std::to_wstring(number);
+}
+
 void* make_object(void* const* methods, const IID& kind, std::shared_ptr<task> about)
 {
     count_object(1);

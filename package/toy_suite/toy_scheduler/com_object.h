@@ -55,13 +55,7 @@ HRESULT answered(std::wstring_view name, const std::function<HRESULT()>& answer)
 HRESULT unexpected(std::wstring_view interface_name, std::size_t method) noexcept;
 
 std::wstring text_of(BSTR text);
-
-template <class Number>
-    requires std::is_integral_v<Number> || std::is_enum_v<Number>
-std::wstring text_of(Number number)
-{
-    return std::to_wstring(static_cast<long>(number));
-}
+std::wstring text_of(LONG number);
 
 // A string literal as a template argument.
 template <std::size_t Size>

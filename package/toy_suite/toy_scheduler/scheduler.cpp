@@ -1,6 +1,7 @@
 // The scheduler's objects: the service, its root folder, definitions of tasks and their parts, registered
 // tasks and their runs.
 
+#include "package/toy_suite/process.h"
 #include "package/toy_suite/toy_scheduler/com_object.h"
 
 namespace toy_scheduler {
@@ -30,38 +31,17 @@ HRESULT get_state(IRunningTask* self, TASK_STATE* state)
     return S_OK;
 }
 
-HRESULT start_program(task& run)
-{
-    const std::wstring& path = run.values[L"Path"];
-    std::wstring command_line = L'"' + path + L"\" " + run.values[L"Arguments"];
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION started{};
-    if (CreateProcessW(
-            path.c_str(),
-            command_line.data(),
-            nullptr,
-            nullptr,
-            FALSE,
-            CREATE_NO_WINDOW,
-            nullptr,
-            nullptr,
-            &startup,
-            &started) == FALSE) {
-        return HRESULT_FROM_WIN32(GetLastError());
-    }
-    run.program = custom_actions::kernel_handle{started.hProcess};
-    CloseHandle(started.hThread);
-    return S_OK;
-}
-
 HRESULT run(IRegisteredTask* self, VARIANT parameters, IRunningTask** running)
 {
     expect(is_empty(parameters), L"IRegisteredTask::Run without parameters");
     const std::shared_ptr<task>& about = object_of(self).about;
-    const bool starts = !setting(L"State") && !setting(L"Result");
-    if (const HRESULT started = starts ? start_program(*about) : S_OK; FAILED(started)) {
-        return started;
+    if (!setting(L"State") && !setting(L"Result")) {
+        const properties& values = about->values;
+        about->program =
+            toy_suite::start_program(values.at(L"Path"), values.at(L"Arguments"), CREATE_NO_WINDOW);
+        if (!about->program) {
+            return HRESULT_FROM_WIN32(GetLastError());
+        }
     }
     *running = make<L"IRunningTask", IID_IRunningTask, IRunningTask>(
         [](auto& methods) {
