@@ -25,10 +25,13 @@ bool take_literal(std::wstring_view& text, literals& values)
     }
     std::wstring value;
     for (std::size_t at = 1; at < text.size(); ++at) {
-        if (is_quote(at) && !is_quote(++at)) { // a doubled quote stands for one
-            text.remove_prefix(at);
-            values.push_back(std::move(value));
-            return true;
+        if (is_quote(at)) {
+            ++at;
+            if (!is_quote(at)) { // otherwise it is doubled and stands for one
+                text.remove_prefix(at);
+                values.push_back(std::move(value));
+                return true;
+            }
         }
         value += text[at];
     }
@@ -43,10 +46,14 @@ bool take_digits(std::wstring_view& text, literals& values)
     return size != 0;
 }
 
-bool take_list(std::wstring_view& text, literals& values)
+// `kind` is the letter of the pattern.
+bool take_value(std::wstring_view& text, wchar_t kind, literals& values)
 {
+    if (kind == L'd') {
+        return take_digits(text, values);
+    }
     bool taken = take_literal(text, values);
-    while (taken && text.starts_with(L',')) {
+    while (taken && kind == L'l' && text.starts_with(L',')) {
         text.remove_prefix(1);
         taken = take_literal(text, values);
     }
@@ -66,9 +73,7 @@ bool take(std::wstring_view& script, std::wstring_view pattern, literals& values
         rest.remove_prefix(plain);
         pattern.remove_prefix(plain);
         if (!pattern.empty()) {
-            const wchar_t kind = pattern[1];
-            const auto take_value = kind == L's' ? take_literal : kind == L'l' ? take_list : take_digits;
-            if (!take_value(rest, taken)) {
+            if (!take_value(rest, pattern[1], taken)) {
                 return false;
             }
             pattern.remove_prefix(2);

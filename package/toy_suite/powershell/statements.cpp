@@ -67,22 +67,17 @@ void remove_by_name(run_state& /*state*/, const literals& values)
     }
 }
 
-bool is_folder(const std::wstring& url)
-{
-    return equal_ignoring_case(std::wstring_view{url}.substr(0, 5), L"file:");
-}
-
 constexpr const wchar_t* OPEN_FOLDERS = L"OpenFolders";
 
 // The end of a saved list of folders. The statements read only what they have written: a line for each folder
-// does as well as CLIXML.
+// does as well as CLIXML. URLs are ASCII.
 constexpr const char* LIST_END = "</Objs>";
 
 void capture_folders(run_state& /*state*/, const literals& values)
 {
     std::ofstream list{std::filesystem::path{values[0]}};
     for (const std::wstring& url : state_key{}.list(OPEN_FOLDERS)) {
-        if (is_folder(url)) {
+        if (equal_ignoring_case(url.substr(0, 5), L"file:")) {
             list << narrow(url) << '\n';
         }
     }

@@ -18,8 +18,12 @@ inline std::string narrow(const std::wstring& text)
 // Compares ordinally; stands for PowerShell's -eq and -like.
 inline bool equal_ignoring_case(std::wstring_view left, std::wstring_view right)
 {
-    const auto units = [](std::wstring_view text) { return static_cast<int>(text.size()); };
-    return CompareStringOrdinal(left.data(), units(left), right.data(), units(right), TRUE) == CSTR_EQUAL;
+    return CompareStringOrdinal(
+               left.data(),
+               static_cast<int>(left.size()),
+               right.data(),
+               static_cast<int>(right.size()),
+               TRUE) == CSTR_EQUAL;
 }
 
 } // namespace toy_powershell
