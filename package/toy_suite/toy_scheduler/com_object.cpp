@@ -76,8 +76,10 @@ std::wstring text_of(LONG number)
 
 void* make_object(void* const* methods, const IID& kind, std::shared_ptr<task> about)
 {
+    auto made =
+        std::make_unique<object>(object{.methods = methods, .kind = &kind, .about = std::move(about)});
     count_object(1);
-    return new object{.methods = methods, .kind = &kind, .about = std::move(about)};
+    return made.release();
 }
 
 } // namespace toy_scheduler
