@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs the benchmarks, prints their table (also in build/bench/results.txt) and writes it to docs/benchmarks.md. A missed
-# aim does not fail the script: the figures depend on the machine.
+# Runs the benchmarks, prints their table (also in build/bench/results.txt) and writes it to docs/benchmarks.md. A
+# missed aim does not fail the script: the figures depend on the machine.
 set -eu
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 scripts/build.sh
