@@ -10,12 +10,12 @@
 #include <msi.h>
 #include <msiquery.h>
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -75,24 +75,16 @@ constexpr scenario SCENARIOS[]{
     {.function = L"rollback_controlled_upgrade", .type = DEFERRED_AS_SYSTEM, .what = "nothing to undo"},
 };
 
-std::wstring wide(const std::string& text)
-{
-    return {text.begin(), text.end()};
-}
-
 // Throws unless the scenarios cover exactly the exports.
 void require_all_exports()
 {
     const test_support::loaded_library library;
-    std::set<std::wstring> exported;
-    for (const std::string& name : test_support::pe_image{library.module()}.exported_names()) {
-        exported.insert(wide(name));
-    }
-    std::set<std::wstring> measured;
+    std::vector<std::string> measured;
     for (const scenario& each : SCENARIOS) {
-        measured.insert(each.function);
+        measured.push_back(test_support::as_ascii(each.function));
     }
-    if (exported != measured) {
+    std::ranges::sort(measured);
+    if (measured != test_support::pe_image{library.module()}.exported_names()) {
         throw std::runtime_error{"the scenarios do not match the library's exports"};
     }
 }
@@ -118,18 +110,16 @@ std::vector<package_action> all_actions()
     return actions;
 }
 
-package_content content()
+std::vector<std::pair<std::wstring, std::wstring>> properties()
 {
-    const std::wstring upgrade = LR"(C:\Quorbel|1|S-1-5-18|{5A1F0C67-93C4-4B57-8C3C-3E2F0E6B7A07})";
-    return {
-        .rows = {},
-        .actions = all_actions(),
-        .properties = {
-            {L"msix_uninstall_package", L"no name"},
-            {L"begin_controlled_upgrade", upgrade},
-            {L"install_upgrade_packages", upgrade},
-            {L"finish_controlled_upgrade", upgrade},
-            {L"rollback_controlled_upgrade", upgrade}}};
+    std::vector<std::pair<std::wstring, std::wstring>> all{{L"msix_uninstall_package", L"no name"}};
+    for (const wchar_t* phase : {L"begin", L"finish", L"rollback"}) {
+        all.emplace_back(
+            phase + std::wstring{L"_controlled_upgrade"},
+            LR"(C:\Quorbel|1|S-1-5-18|{5A1F0C67-93C4-4B57-8C3C-3E2F0E6B7A07})");
+    }
+    all.emplace_back(L"install_upgrade_packages", all.back().second);
+    return all;
 }
 
 // Records when each action of an installation starts.
@@ -188,16 +178,13 @@ void require_lines_of_ours(const scratch_package& package)
     MsiEnableLogW(0, nullptr, 0);
     package.remove();
     std::ostringstream content;
-    {
-        const std::ifstream file{path, std::ios::binary};
-        content << file.rdbuf();
-    }
-    std::filesystem::remove(path);
+    content << std::ifstream{path, std::ios::binary}.rdbuf();
     std::string log = content.str();
     std::erase(log, '\0'); // in case the log is UTF-16
-    for (const char* action : {"check_upgrade_type", "iconhandler_remove_registry"}) {
-        if (log.find(std::string{"Custom action: "} + action) == std::string::npos) {
-            throw std::runtime_error{std::string{"no line in the installer's log: "} + action};
+    for (const char* line :
+         {"Custom action: check_upgrade_type", "Custom action: iconhandler_remove_registry"}) {
+        if (log.find(line) == std::string::npos) {
+            throw std::runtime_error{std::string{"not in the installer's log: "} + line};
         }
     }
 }
@@ -225,33 +212,22 @@ std::vector<double> install(const scratch_package& package)
 void measure_action_costs(report& results)
 {
     require_all_exports();
-    const scratch_package package{L"{5A1F0C67-93C4-4B57-8C3C-3E2F0E6B7A06}", content()};
-    // The actions' process inherits this program's standard output; on Windows it has none.
-    const std::filesystem::path lines = std::filesystem::temp_directory_path() / "action_costs.txt";
-    std::vector<double> times;
-    {
-        const redirected_output silence{lines};
-        require_lines_of_ours(package);
-        times = median_times({[&] { return install(package); }}).front();
-    }
-    std::filesystem::remove(lines);
-
-    const double first = times[0];
-    const double empty_immediate = times[1];
-    const double empty_deferred = times[2];
+    const scratch_package package{L"{5A1F0C67-93C4-4B57-8C3C-3E2F0E6B7A06}", {}, all_actions(), properties()};
+    require_lines_of_ours(package);
+    const std::vector<double> times = median_times({[&] { return install(package); }}).front();
     double above = 0;
     for (std::size_t i = 0; i != std::size(SCENARIOS); ++i) {
         const scenario& each = SCENARIOS[i];
         const double ours = times[i + 3];
-        const double empty = each.type == IMMEDIATE ? empty_immediate : empty_deferred;
-        results.above_empty(
+        const double empty = each.type == IMMEDIATE ? times[1] : times[2];
+        results.at_most_above(
             test_support::as_ascii(each.function) + ", " + each.what, "ms", ours, empty, each.most_ms);
         above += ours - empty;
     }
     results.note(
         "Actions: all " + std::to_string(std::size(SCENARIOS)) + " together take " + shown(above) +
         " ms more than as many empty ones. The first action of an installation,\nwhichever it is, waits " +
-        shown(first) + " ms for the process that the installer starts for actions.");
+        shown(times[0]) + " ms for the process that the installer starts for actions.");
 }
 
 } // namespace benchmarks

@@ -1,12 +1,10 @@
 #include "benchmarks/harness.h"
 
-#include <io.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
+#include <iomanip>
 #include <iterator>
-#include <system_error>
+#include <ostream>
 
 namespace benchmarks {
 namespace {
@@ -16,6 +14,11 @@ double median(std::vector<double> times)
     const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
     std::ranges::nth_element(times, middle);
     return *middle;
+}
+
+const char* answer(bool met)
+{
+    return met ? "yes" : "NO";
 }
 
 } // namespace
@@ -53,72 +56,59 @@ std::vector<std::vector<double>> median_times(const std::vector<round_of_times>&
     return medians;
 }
 
-void report::against_floor(const std::string& what, double ours, double floor, double most)
-{
-    const double ratio = ours / floor;
-    rows_.push_back({what, "ms", ours, floor, ratio, "ratio at most " + shown(most), ratio / most});
-}
-
-void report::against_peer(const std::string& what, double ours, double peer, double least)
-{
-    const double ratio = peer / ours;
-    rows_.push_back({what, "ms", ours, peer, ratio, "ratio at least " + shown(least), least / ratio});
-}
-
-void report::beside_peer(const std::string& what, double ours, double peer)
-{
-    rows_.push_back({what, "ms", ours, peer, peer / ours, "none", 0});
-}
-
-void report::above_empty(
-    const std::string& what, const std::string& unit, double ours, double empty, double most)
+void report::at_most(
+    const std::string& what, const std::string& unit, double ours, double against, double most)
 {
     rows_.push_back(
-        {what, unit, ours, empty, ours / empty, "at most +" + shown(most), (ours - empty) / most});
+        {what,
+         unit,
+         shown(ours),
+         shown(against),
+         shown(ours / against),
+         "at most " + shown(most),
+         answer(ours <= most)});
 }
 
-void report::beside_empty(
-    const std::string& what, const std::string& unit, double ours, double empty, double most)
+void report::at_most_above(
+    const std::string& what, const std::string& unit, double ours, double against, double most)
 {
-    rows_.push_back({what, unit, ours, empty, ours / empty, "at most " + shown(most), ours / most});
+    at_most(what, unit, ours, against, against + most);
+    rows_.back()[5] = "at most +" + shown(most);
 }
 
-void report::print() const
+void report::faster_than(const std::string& what, double ours, double peer, double least)
 {
-    std::size_t width = 0;
-    for (const row& line : rows_) {
-        width = std::max(width, line.what.size());
+    const double ratio = peer / ours;
+    const bool has_aim = least > 0;
+    rows_.push_back(
+        {what,
+         "ms",
+         shown(ours),
+         shown(peer),
+         shown(ratio),
+         has_aim ? "ratio at least " + shown(least) : "none",
+         has_aim ? answer(ratio >= least) : "-"});
+}
+
+void report::print(std::ostream& to) const
+{
+    std::vector<std::size_t> widths(rows_[0].size());
+    for (const auto& row : rows_) {
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            widths[i] = std::max(widths[i], row[i].size());
+        }
     }
-    const auto column = static_cast<int>(width);
-    std::printf(
-        "%-*s  %-4s  %8s  %8s  %6s  %-19s  %6s  %s\n",
-        column,
-        "what",
-        "unit",
-        "ours",
-        "against",
-        "ratio",
-        "aim",
-        "of aim",
-        "met?");
-    for (const row& line : rows_) {
-        const bool has_aim = line.aim != "none";
-        const char* met = line.of_aim <= 1 ? "yes" : "NO";
-        std::printf(
-            "%-*s  %-4s  %8.2f  %8.2f  %6.2f  %-19s  %6s  %s\n",
-            column,
-            line.what.c_str(),
-            line.unit.c_str(),
-            line.ours,
-            line.against,
-            line.ratio,
-            line.aim.c_str(),
-            has_aim ? shown(line.of_aim).c_str() : "-",
-            has_aim ? met : "-");
+    for (const auto& row : rows_) {
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            const bool is_number = i >= 2 && i <= 4;
+            to << "| " << std::setw(static_cast<int>(widths[i])) << (is_number ? std::right : std::left)
+               << row[i] << ' ';
+        }
+        to << "|\n" << (&row == rows_.data() ? "| --- | --- | ---: | ---: | ---: | --- | --- |\n" : "");
     }
-    std::printf("\nMedians of %d rounds, in which the sides took turns.\n", ROUNDS);
+    to << "\nMedians of " << ROUNDS << " rounds, in which the sides took turns.\n";
     for (const std::string& text : notes_) {
-        std::printf("%s\n", text.c_str());
+        to << text << '\n';
     }
 }
 
@@ -127,23 +117,6 @@ std::string shown(double number)
     char text[32];
     std::snprintf(text, sizeof text, "%.2f", number);
     return text;
-}
-
-redirected_output::redirected_output(const std::filesystem::path& path) : before_{_dup(_fileno(stdout))}
-{
-    std::fflush(stdout);
-    if (before_ < 0 || _wfreopen(path.c_str(), L"w", stdout) == nullptr) {
-        throw std::system_error{errno, std::generic_category(), "cannot redirect standard output"};
-    }
-    // NUL counts as a terminal, which would be written to character by character.
-    std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
-}
-
-redirected_output::~redirected_output()
-{
-    std::fflush(stdout);
-    _dup2(before_, _fileno(stdout));
-    _close(before_);
 }
 
 } // namespace benchmarks

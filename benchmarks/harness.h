@@ -4,8 +4,8 @@
 
 #include <windows.h>
 
-#include <filesystem>
 #include <functional>
+#include <iosfwd>
 #include <string>
 #include <vector>
 
@@ -27,61 +27,30 @@ inline constexpr int ROUNDS = 15;
 // then ROUNDS of each, starting with another side every time. Returns the median of each time of each side.
 std::vector<std::vector<double>> median_times(const std::vector<round_of_times>& sides);
 
-// The table of results.
+// The table of results, in Markdown.
 class report {
 public:
-    // Milliseconds against the minimum for the same work. Aim: ours / floor is at most `most`.
-    void against_floor(const std::string& what, double ours, double floor, double most);
+    // Aim: ours is at most `most`.
+    void at_most(const std::string& what, const std::string& unit, double ours, double against, double most);
 
-    // Milliseconds against another way to do the same. Aim: peer / ours is at least `least`.
-    void against_peer(const std::string& what, double ours, double peer, double least);
-
-    // As above without an aim: a figure that explains another.
-    void beside_peer(const std::string& what, double ours, double peer);
-
-    // Ours against the empty library. Aim: the difference is at most `most`.
+    // Aim: ours is at most `most` more than the other.
     void
-    above_empty(const std::string& what, const std::string& unit, double ours, double empty, double most);
+    at_most_above(const std::string& what, const std::string& unit, double ours, double against, double most);
 
-    // As above. Aim: ours is at most `most`.
-    void
-    beside_empty(const std::string& what, const std::string& unit, double ours, double empty, double most);
+    // Milliseconds against another way to do the same. Aim: peer / ours is at least `least`; 0 means none.
+    void faster_than(const std::string& what, double ours, double peer, double least);
 
     // A line below the table.
     void note(const std::string& text) { notes_.push_back(text); }
 
-    void print() const;
+    void print(std::ostream& to) const;
 
 private:
-    struct row {
-        std::string what;
-        std::string unit;
-        double ours;
-        double against;
-        double ratio;
-        std::string aim;
-        double of_aim; // above 1: missed; 0 without an aim
-    };
-
-    std::vector<row> rows_;
+    std::vector<std::vector<std::string>> rows_{{"what", "unit", "ours", "against", "ratio", "aim", "met?"}};
     std::vector<std::string> notes_;
 };
 
 // The number with two decimals, as in the table.
 std::string shown(double number);
-
-// Redirects standard output to a file for its lifetime.
-class redirected_output {
-public:
-    // Throws std::system_error.
-    explicit redirected_output(const std::filesystem::path& path);
-    ~redirected_output();
-
-    redirected_output(const redirected_output&) = delete;
-    redirected_output& operator=(const redirected_output&) = delete;
-
-private:
-    int before_;
-};
 
 } // namespace benchmarks

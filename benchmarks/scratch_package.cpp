@@ -8,7 +8,6 @@
 #include <msi.h>
 #include <msiquery.h>
 
-#include <filesystem>
 #include <set>
 #include <utility>
 
@@ -95,8 +94,7 @@ void add_rows(const scratch_database& database, const std::vector<registry_row>&
 
 void add_library(const scratch_database& database, const std::wstring& name)
 {
-    const std::filesystem::path program{test_support::this_program()};
-    const std::wstring library = program.parent_path() / name;
+    const std::wstring library = test_support::beside_this_program(name);
     const record_handle record{MsiCreateRecord(2)};
     MsiRecordSetStringW(record.get(), 1, name.c_str());
     require(MsiRecordSetStreamW(record.get(), 2, library.c_str()), "cannot read a library");
@@ -134,22 +132,26 @@ UINT remove_product(const std::wstring& product_code)
 
 } // namespace
 
-scratch_package::scratch_package(std::wstring product_code, const package_content& content)
+scratch_package::scratch_package(
+    std::wstring product_code,
+    const std::vector<registry_row>& rows,
+    const std::vector<package_action>& actions,
+    const std::vector<std::pair<std::wstring, std::wstring>>& properties)
     : product_code_{std::move(product_code)}, database_{product_code_}
 {
     MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
     remove_product(product_code_);
 
     database_.add_property(L"ALLUSERS", L"1");
-    for (const auto& [name, value] : content.properties) {
+    for (const auto& [name, value] : properties) {
         database_.add_property(name, value);
     }
     for (const wchar_t* statement : SMALLEST_PACKAGE) {
         database_.run(statement);
     }
     add_sequence(database_);
-    add_rows(database_, content.rows);
-    add_actions(database_, content.actions);
+    add_rows(database_, rows);
+    add_actions(database_, actions);
     database_.finish();
 }
 

@@ -29,18 +29,16 @@ struct package_action {
     int type = DEFERRED_AS_SYSTEM;
 };
 
-// What a package has in addition to its one feature with one component.
-struct package_content {
-    std::vector<registry_row> rows; // for the Registry table
-    std::vector<package_action> actions;
-    std::vector<std::pair<std::wstring, std::wstring>> properties;
-};
-
-// A per-machine installer package. The destructor removes its file and the installed product.
+// A per-machine installer package with one feature of one component. The destructor removes its file and the
+// installed product.
 class scratch_package {
 public:
     // Removes the product first if an earlier run left it. Throws std::system_error.
-    scratch_package(std::wstring product_code, const package_content& content);
+    scratch_package(
+        std::wstring product_code,
+        const std::vector<registry_row>& rows, // for the Registry table
+        const std::vector<package_action>& actions,
+        const std::vector<std::pair<std::wstring, std::wstring>>& properties = {});
     ~scratch_package();
 
     scratch_package(const scratch_package&) = delete;

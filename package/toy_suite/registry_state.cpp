@@ -14,17 +14,15 @@ void require(LSTATUS status, const char* what)
     }
 }
 
-// A REG_SZ or REG_MULTI_SZ value with its terminating zeros; nothing if absent or of another type.
-std::optional<std::wstring> read(HKEY key, const wchar_t* name, DWORD type)
+// A value of the type that `flags` allow (RRF_RT_...), with its terminating zeros; nothing if there is none.
+std::optional<std::wstring> read(HKEY key, const wchar_t* name, DWORD flags)
 {
-    DWORD found = 0;
     DWORD size = 0;
-    if (RegQueryValueExW(key, name, nullptr, &found, nullptr, &size) != ERROR_SUCCESS || found != type) {
+    if (RegGetValueW(key, nullptr, name, flags, nullptr, nullptr, &size) != ERROR_SUCCESS) {
         return std::nullopt;
     }
     std::wstring units(size / sizeof(wchar_t), L'\0');
-    auto* const bytes = reinterpret_cast<BYTE*>(units.data());
-    require(RegQueryValueExW(key, name, nullptr, nullptr, bytes, &size), "a value cannot be read");
+    require(RegGetValueW(key, nullptr, name, flags, nullptr, units.data(), &size), "a value cannot be read");
     return units;
 }
 
@@ -51,7 +49,7 @@ registry_state::~registry_state()
 
 std::optional<std::wstring> registry_state::text(const wchar_t* name) const
 {
-    const auto units = read(key_, name, REG_SZ);
+    const auto units = read(key_, name, RRF_RT_REG_SZ);
     return units ? std::optional<std::wstring>{units->c_str()} : std::nullopt;
 }
 
@@ -65,8 +63,7 @@ std::optional<DWORD> registry_state::number(const wchar_t* name) const
 
 std::vector<std::wstring> registry_state::list(const wchar_t* name) const
 {
-    const std::wstring units =
-        read(key_, name, REG_MULTI_SZ).value_or(L"") + L'\0'; // the stored data may lack it
+    const std::wstring units = read(key_, name, RRF_RT_REG_MULTI_SZ).value_or(L"");
     std::vector<std::wstring> texts;
     for (const wchar_t* text = units.c_str(); *text != L'\0'; text += texts.back().size() + 1) {
         texts.emplace_back(text);

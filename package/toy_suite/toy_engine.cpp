@@ -24,12 +24,6 @@ std::wstring read_property(MSIHANDLE session, const wchar_t* name)
     return value;
 }
 
-// The installed version's folder, from the data of a deferred action.
-std::filesystem::path installed_folder(MSIHANDLE session)
-{
-    return read_property(session, L"CustomActionData");
-}
-
 std::filesystem::path saved_files()
 {
     std::error_code none;
@@ -86,14 +80,15 @@ UINT __stdcall find_installed_folder(MSIHANDLE session)
     return done ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
 }
 
-// Deferred, the last action before the old version is removed, so that nothing can fail in between.
+// Deferred, with the installed folder as its data. The last action before the old version is removed, so that
+// nothing can fail in between.
 UINT __stdcall save_files(MSIHANDLE session)
 {
     std::error_code none;
     std::filesystem::remove_all(saved_files(), none); // of an earlier upgrade
     constexpr wchar_t upgrading[] = L"an upgrade";
     const bool done =
-        copy_files(installed_folder(session), saved_files()) &&
+        copy_files(read_property(session, L"CustomActionData"), saved_files()) &&
         RegSetKeyValueW(
             HKEY_CURRENT_USER, ENGINE_STATE, L"UpgradingProductCode", REG_SZ, upgrading, sizeof upgrading) ==
             ERROR_SUCCESS;
@@ -107,14 +102,14 @@ UINT __stdcall old_version_is_gone(MSIHANDLE /*session*/)
                                                                             : ERROR_INSTALL_FAILURE;
 }
 
-// Rollback: puts the files back if they were saved.
+// Rollback, with the same data: puts the files back if they were saved.
 UINT __stdcall put_files_back(MSIHANDLE session)
 {
     std::error_code none;
     if (!std::filesystem::exists(saved_files(), none)) {
         return ERROR_SUCCESS;
     }
-    const bool done = copy_files(saved_files(), installed_folder(session));
+    const bool done = copy_files(saved_files(), read_property(session, L"CustomActionData"));
     std::filesystem::remove_all(saved_files(), none);
     return done ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
 }

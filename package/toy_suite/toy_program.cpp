@@ -5,34 +5,24 @@
 //   --window=none      no window
 //   --class=NAME       the window's class
 //   --load=PATH        loads a library first
-//   --exit-delay=MS    how long the program runs on after its window is gone
 //   --ready=NAME       sets this event once all of that is done
 
-#include "package/toy_suite/arguments.h"
+#include "package/toy_suite/process.h"
 
 #include <windows.h>
 
+#include <map>
 #include <string>
 
 namespace {
 
-struct behaviour {
-    std::wstring window = L"closes";
-    std::wstring window_class = L"QuorbelToyWindow";
-    std::wstring library;
-    std::wstring ready;
-    DWORD exit_delay_ms = 0;
-};
-
 LRESULT CALLBACK on_message(HWND window, UINT message, WPARAM first, LPARAM second)
 {
-    switch (message) {
-    case WM_DESTROY:
+    if (message == WM_DESTROY) {
         PostQuitMessage(0);
         return 0;
-    default:
-        return DefWindowProcW(window, message, first, second);
     }
+    return DefWindowProcW(window, message, first, second);
 }
 
 LRESULT CALLBACK ignore_close_requests(HWND window, UINT message, WPARAM first, LPARAM second)
@@ -40,70 +30,51 @@ LRESULT CALLBACK ignore_close_requests(HWND window, UINT message, WPARAM first, 
     return message == WM_CLOSE ? 0 : on_message(window, message, first, second);
 }
 
-behaviour read_command_line()
+// The options by their names. Others are taken, too: the suite is started with some of its own.
+std::map<std::wstring, std::wstring> read_options()
 {
-    behaviour read;
+    std::map<std::wstring, std::wstring> options{{L"--window", L"closes"}, {L"--class", L"QuorbelToyWindow"}};
     for (const std::wstring& argument : toy_suite::read_arguments()) {
         const std::size_t equals = argument.find(L'=');
-        const std::wstring name = argument.substr(0, equals);
-        const std::wstring value = equals == std::wstring::npos ? L"" : argument.substr(equals + 1);
-        if (name == L"--window") {
-            read.window = value;
-        } else if (name == L"--class") {
-            read.window_class = value;
-        } else if (name == L"--load") {
-            read.library = value;
-        } else if (name == L"--ready") {
-            read.ready = value;
-        } else if (name == L"--exit-delay") {
-            read.exit_delay_ms = static_cast<DWORD>(std::stoul(value));
+        if (equals != std::wstring::npos) {
+            options[argument.substr(0, equals)] = argument.substr(equals + 1);
         }
     }
-    return read;
+    return options;
 }
 
-void show_window(HINSTANCE instance, const behaviour& options)
+void show_window(HINSTANCE instance, const wchar_t* class_name, const std::wstring& kind)
 {
     WNDCLASSW window_class{};
-    window_class.lpfnWndProc = options.window == L"ignores" ? ignore_close_requests : on_message;
+    window_class.lpfnWndProc = kind == L"ignores" ? ignore_close_requests : on_message;
     window_class.hInstance = instance;
-    window_class.lpszClassName = options.window_class.c_str();
+    window_class.lpszClassName = class_name;
     RegisterClassW(&window_class);
+    HWND const parent = kind == L"message" ? HWND_MESSAGE : nullptr;
     CreateWindowExW(
-        0,
-        options.window_class.c_str(),
-        L"Quorbel",
-        WS_OVERLAPPEDWINDOW,
-        0,
-        0,
-        100,
-        100,
-        options.window == L"message" ? HWND_MESSAGE : nullptr,
-        nullptr,
-        instance,
-        nullptr);
+        0, class_name, L"Quorbel", WS_OVERLAPPEDWINDOW, 0, 0, 100, 100, parent, nullptr, instance, nullptr);
 }
 
 } // namespace
 
 int WINAPI wWinMain(HINSTANCE instance, HINSTANCE /*previous*/, LPWSTR /*arguments*/, int /*show*/)
 {
-    const behaviour options = read_command_line();
-    if (!options.library.empty() && LoadLibraryW(options.library.c_str()) == nullptr) {
+    auto options = read_options();
+    const std::wstring& library = options[L"--load"];
+    if (!library.empty() && LoadLibraryW(library.c_str()) == nullptr) {
         return 2;
     }
-    if (options.window != L"none") {
-        show_window(instance, options);
+    const std::wstring& window = options[L"--window"];
+    if (window != L"none") {
+        show_window(instance, options[L"--class"].c_str(), window);
     }
-    if (!options.ready.empty()) {
-        HANDLE ready = OpenEventW(EVENT_MODIFY_STATE, FALSE, options.ready.c_str());
-        SetEvent(ready);
-        CloseHandle(ready);
+    if (const std::wstring& event = options[L"--ready"]; !event.empty()) {
+        const custom_actions::kernel_handle ready{OpenEventW(EVENT_MODIFY_STATE, FALSE, event.c_str())};
+        SetEvent(ready.get());
     }
     MSG message{};
     while (GetMessageW(&message, nullptr, 0, 0) > 0) {
         DispatchMessageW(&message);
     }
-    Sleep(options.exit_delay_ms);
     return 0;
 }

@@ -11,7 +11,7 @@
 // AtStop. The event Global\toy-search-end ends the service.
 
 #include "custom_actions/common/scoped_handle.h"
-#include "package/toy_suite/arguments.h"
+#include "package/toy_suite/process.h"
 #include "package/toy_suite/registry_state.h"
 
 #include <windows.h>
@@ -69,10 +69,15 @@ public:
 
     void run()
     {
-        if (start()) {
+        report(SERVICE_START_PENDING);
+        count_one(L"Starts");
+        record_first_line(recorded_file_, L"AtStart");
+        if (pass_time()) {
+            report(SERVICE_RUNNING);
             const HANDLE requests[]{stop_asked_, end_asked_};
-            if (WaitForMultipleObjects(2, requests, FALSE, INFINITE) == WAIT_OBJECT_0) {
-                stop();
+            const DWORD asked = WaitForMultipleObjects(2, requests, FALSE, INFINITE);
+            if (asked == WAIT_OBJECT_0 && pass_time()) {
+                record_first_line(recorded_file_, L"AtStop");
             }
         }
         report(SERVICE_STOPPED);
@@ -107,25 +112,6 @@ private:
     // Waits for the time of a transition; false if the end was requested meanwhile.
     bool pass_time() { return WaitForSingleObject(end_asked_, transition_ms_) == WAIT_TIMEOUT; }
 
-    bool start()
-    {
-        report(SERVICE_START_PENDING);
-        count_one(L"Starts");
-        record_first_line(recorded_file_, L"AtStart");
-        if (!pass_time()) {
-            return false;
-        }
-        report(SERVICE_RUNNING);
-        return true;
-    }
-
-    void stop()
-    {
-        if (pass_time()) {
-            record_first_line(recorded_file_, L"AtStop");
-        }
-    }
-
     DWORD transition_ms_;
     std::filesystem::path recorded_file_;
     // Held until the process ends.
@@ -149,13 +135,11 @@ void require(bool done, const std::string& what)
 // Throws if `reached` does not come true within 10 seconds.
 void wait_until(const std::function<bool()>& reached, const char* complaint)
 {
-    constexpr DWORD limit_ms = 10'000;
-    constexpr DWORD interval_ms = 10;
-    for (DWORD waited_ms = 0; !reached(); waited_ms += interval_ms) {
-        if (waited_ms == limit_ms) {
+    for (int tries = 0; !reached(); ++tries) {
+        if (tries == 1000) {
             throw std::runtime_error{complaint};
         }
-        Sleep(interval_ms);
+        Sleep(10);
     }
 }
 

@@ -2,13 +2,13 @@
 // the custom actions use. Packages and folder windows are entries in the registry; processes are real.
 // Anything else is refused: exit code 64, with the text on standard error and in the state's value "Refused".
 //
-// Every script is recorded in the state's key "Scripts" under its number, from 1 to "ScriptCount".
-// "ElevationType" is the TOKEN_ELEVATION_TYPE of the last run.
+// Every script is recorded in the state's key "Scripts" under its number, counted from 1. "ElevationType" is
+// the TOKEN_ELEVATION_TYPE of the last run.
 
-#include "package/toy_suite/arguments.h"
+#include "package/toy_suite/powershell/script.h"
 #include "package/toy_suite/powershell/state.h"
-#include "package/toy_suite/powershell/statements.h"
 #include "package/toy_suite/powershell/text.h"
+#include "package/toy_suite/process.h"
 
 #include <windows.h>
 #include <wincrypt.h>
@@ -31,22 +31,13 @@ constexpr int REFUSED = 64;
 // The text of Base64-encoded UTF-16.
 std::optional<std::wstring> decode(const std::wstring& encoded)
 {
-    DWORD size = 0;
-    if (CryptStringToBinaryW(encoded.c_str(), 0, CRYPT_STRING_BASE64, nullptr, &size, nullptr, nullptr) ==
-            FALSE ||
-        size % sizeof(wchar_t) != 0) {
-        return std::nullopt;
-    }
-    std::wstring text(size / sizeof(wchar_t), L'\0');
-    const BOOL decoded = CryptStringToBinaryW(
-        encoded.c_str(),
-        0,
-        CRYPT_STRING_BASE64,
-        reinterpret_cast<BYTE*>(text.data()),
-        &size,
-        nullptr,
-        nullptr);
-    return decoded != FALSE ? std::optional{std::move(text)} : std::nullopt;
+    std::wstring text(encoded.size(), L'\0'); // more than enough
+    auto size = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+    auto* const bytes = reinterpret_cast<BYTE*>(text.data());
+    const BOOL decoded =
+        CryptStringToBinaryW(encoded.c_str(), 0, CRYPT_STRING_BASE64, bytes, &size, nullptr, nullptr);
+    text.resize(size / sizeof(wchar_t));
+    return decoded != FALSE && size % sizeof(wchar_t) == 0 ? std::optional{std::move(text)} : std::nullopt;
 }
 
 // The script in either command line; nothing if the command line is neither.
@@ -74,18 +65,12 @@ int refuse(const std::wstring& text)
 
 void record(const std::wstring& script)
 {
-    const state_key state;
-    const DWORD number = state.number(L"ScriptCount").value_or(0) + 1;
-    state.write(L"ScriptCount", number);
-    state_key{L"Scripts"}.write(std::to_wstring(number).c_str(), script);
-    HANDLE token = nullptr;
+    const state_key scripts{L"Scripts"};
+    scripts.write(std::to_wstring(scripts.texts().size() + 1).c_str(), script);
     TOKEN_ELEVATION_TYPE elevation{};
     DWORD size = sizeof elevation;
-    if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token) != FALSE) {
-        GetTokenInformation(token, TokenElevationType, &elevation, size, &size);
-        CloseHandle(token);
-    }
-    state.write(L"ElevationType", static_cast<DWORD>(elevation));
+    GetTokenInformation(GetCurrentProcessToken(), TokenElevationType, &elevation, size, &size);
+    state_key{}.write(L"ElevationType", static_cast<DWORD>(elevation));
 }
 
 // Text of the size that the order asks for.
@@ -96,6 +81,7 @@ std::string filling(const wchar_t* order, const std::wstring& script)
     return text;
 }
 
+// Runs the steps, up to the first that throws.
 void run_steps(const parsed_script& parsed, const std::wstring& script, run_state& state)
 {
     if (ordered(L"Hang", script)) {
@@ -109,11 +95,24 @@ void run_steps(const parsed_script& parsed, const std::wstring& script, run_stat
     }
 }
 
-int run_on_streams(const parsed_script& parsed, const std::wstring& script)
+// The log is opened before the first step. Output gets a byte-order mark there and CRLF line ends; without
+// output the log stays empty.
+int run_script(const parsed_script& parsed, const std::wstring& script)
 {
+    std::ofstream log;
+    if (parsed.log) {
+        if (ordered(L"NoLog", script)) {
+            return 0;
+        }
+        log.open(std::filesystem::path{*parsed.log});
+        if (!log) {
+            std::cerr << "Out-File : Could not write '" << narrow(*parsed.log) << "'\n";
+            return 1;
+        }
+    }
     run_state state;
-    std::string error = filling(L"PrintError", script);
     state.output = filling(L"PrintOut", script);
+    std::string error = filling(L"PrintError", script);
     int code = 0;
     try {
         run_steps(parsed, script, state);
@@ -121,38 +120,12 @@ int run_on_streams(const parsed_script& parsed, const std::wstring& script)
         error.append(thrown.what()).push_back('\n');
         code = 1;
     }
-    std::cout << state.output;
-    std::cerr << error;
-    return code;
-}
-
-// Opens the log before the first step. The output gets a byte-order mark and CRLF line ends; without output
-// the log stays empty.
-int run_into_log(const std::wstring& path, const parsed_script& parsed, const std::wstring& script)
-{
-    if (ordered(L"NoLog", script)) {
-        return 0;
-    }
-    std::ofstream log{std::filesystem::path{path}, std::ios::binary};
-    if (!log) {
-        std::cerr << "Out-File : Could not write '" << narrow(path) << "'\n";
-        return 1;
-    }
-    run_state state;
-    state.output = filling(L"PrintOut", script) + filling(L"PrintError", script);
-    int code = 0;
-    try {
-        run_steps(parsed, script, state);
-    } catch (const std::exception& error) {
-        state.output.append(error.what()).append("\n\n");
-        code = 1;
-    }
-    if (ordered(L"EmptyLog", script)) {
-        state.output.clear();
-    }
-    log << (state.output.empty() ? "" : "\xEF\xBB\xBF");
-    for (const char byte : state.output) {
-        log << (byte == '\n' ? "\r\n" : std::string{byte});
+    if (!parsed.log) {
+        std::cout << state.output;
+        std::cerr << error;
+    } else if (const std::string text = state.output + error;
+               !text.empty() && !ordered(L"EmptyLog", script)) {
+        log << "\xEF\xBB\xBF" << text;
     }
     return code;
 }
@@ -171,7 +144,7 @@ int run()
     if (const auto code = order_argument(L"Die", *script)) {
         return static_cast<int>(std::stoul(*code));
     }
-    return parsed->log ? run_into_log(*parsed->log, *parsed, *script) : run_on_streams(*parsed, *script);
+    return run_script(*parsed, *script);
 }
 
 } // namespace

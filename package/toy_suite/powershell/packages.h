@@ -16,11 +16,8 @@ struct package_identity {
 // The identity in a package's manifest. Throws std::runtime_error.
 package_identity read_identity(const std::filesystem::path& package);
 
-// The system's name for a registered package.
-std::wstring full_package_name(const package_identity& identity, const std::wstring& architecture = L"x64");
-
 struct registered_package {
-    std::wstring full_name;
+    std::wstring full_name; // the stand-in's own; the real one has a hash of the publisher
     package_identity identity;
     std::wstring status;
 };
@@ -34,8 +31,8 @@ std::vector<registered_package> packages_named(const std::wstring& name);
 // The packages with this name and publisher.
 std::vector<registered_package> packages_of(const package_identity& identity);
 
-// Add-AppxPackage -ForceUpdateFromAnyVersion: replaces any registered version of the package. The path is a
-// pattern (wildcards.h). Throws std::runtime_error.
+// Add-AppxPackage -ForceUpdateFromAnyVersion: replaces every registered version of the package. The path is a
+// pattern (files.h). Throws std::runtime_error.
 void add_package(const std::wstring& path, const std::wstring& external_location);
 
 // Registers a package and leaves all others registered.

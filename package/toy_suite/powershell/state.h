@@ -30,12 +30,11 @@ inline constexpr const wchar_t* ORDERS = L"Orders";
 //   Die        CODE TEXT    the script exits at once with this code
 //   NoLog      TEXT         the script does nothing and exits with 0, without a log
 //   EmptyLog   TEXT         the script runs, but its log stays empty
-//   PrintOut   BYTES TEXT   the script first prints this many bytes
-//   PrintError BYTES TEXT   the same on standard error (or into the log, if there is one)
+//   PrintOut   BYTES TEXT   the script prints this many bytes before anything else
+//   PrintError BYTES TEXT   the same on standard error, or in the log if there is one
 //   Fail       TEXT         the script then fails
 //   FailAdd    TEXT         Add-AppxPackage fails for this path
 //   LoseStart  TEXT         Start-Process of this program succeeds without starting it
-//   KeepPackage TEXT        Remove-AppxPackage leaves this package registered
 //
 // The number TrayWaitMs there replaces the 15 seconds that a script waits for the tray.
 //

@@ -1,8 +1,6 @@
 #include "package/toy_suite/powershell/statements.h"
 
-#include "package/toy_suite/powershell/archive.h"
 #include "package/toy_suite/powershell/processes.h"
-#include "package/toy_suite/powershell/script_reader.h"
 #include "package/toy_suite/powershell/state.h"
 #include "package/toy_suite/powershell/text.h"
 
@@ -33,15 +31,10 @@ void capture_registration(run_state& state, const literals& /*values*/)
         state.output += "QBL_ABSENT\n";
         return;
     }
-    state.output += "QBL_REGISTERED\n\n\n";
-    for (const registered_package& package : old) {
-        state.output.append("Name    : ").append(narrow(package.identity.name));
-        state.output.append("\nVersion : ").append(narrow(package.identity.version));
-        state.output.append("\nStatus  : ").append(narrow(package.status)).append("\n\n");
-    }
+    state.output += "QBL_REGISTERED\n";
     if (old.size() != 1 || old[0].identity.version != state.identity.version ||
         !equal_ignoring_case(old[0].status, L"Ok")) {
-        state.output += "\nQBL_RECOVERY_NORMALIZES_REGISTRATION\n";
+        state.output += "QBL_RECOVERY_NORMALIZES_REGISTRATION\n";
     }
 }
 
@@ -64,9 +57,6 @@ void verify_registration(run_state& state, const literals& /*values*/)
 void remove_registration(run_state& state, const literals& /*values*/)
 {
     std::ranges::for_each(packages_of(identity_of(state)), remove_package);
-    if (!packages_of(state.identity).empty()) {
-        throw std::runtime_error{"Rollback package removal failed"};
-    }
 }
 
 void remove_by_name(run_state& /*state*/, const literals& values)
@@ -77,85 +67,24 @@ void remove_by_name(run_state& /*state*/, const literals& values)
     }
 }
 
-bool is_folder(const std::wstring& url)
-{
-    return equal_ignoring_case(std::wstring_view{url}.substr(0, 5), L"file:");
-}
-
 constexpr const wchar_t* OPEN_FOLDERS = L"OpenFolders";
 
-// The characters that XML escapes by name.
-struct named_character {
-    wchar_t character;
-    std::wstring_view name;
-};
-
-constexpr named_character NAMED_CHARACTERS[]{
-    {.character = L'&', .name = L"&amp;"},
-    {.character = L'<', .name = L"&lt;"},
-    {.character = L'>', .name = L"&gt;"}};
-
-std::wstring as_xml(const std::wstring& text)
-{
-    std::wstring escaped;
-    for (const wchar_t unit : text) {
-        const auto* const named = std::ranges::find(NAMED_CHARACTERS, unit, &named_character::character);
-        escaped += named == std::end(NAMED_CHARACTERS) ? std::wstring_view{&unit, 1} : named->name;
-    }
-    return escaped;
-}
-
-std::wstring from_xml(std::wstring text)
-{
-    for (std::size_t at = text.find(L'&'); at != std::wstring::npos; at = text.find(L'&', at + 1)) {
-        const auto* const named = std::ranges::find_if(NAMED_CHARACTERS, [&](const named_character& each) {
-            return text.compare(at, each.name.size(), each.name) == 0;
-        });
-        if (named != std::end(NAMED_CHARACTERS)) {
-            text.replace(at, named->name.size(), 1, named->character);
-        }
-    }
-    return text;
-}
-
-// CLIXML as Export-Clixml writes it by default: UTF-16 with a byte-order mark.
-void export_texts(const std::wstring& file, const std::vector<std::wstring>& texts)
-{
-    std::wstring content =
-        L"\uFEFF<Objs Version=\"1.1.0.1\" xmlns=\"http://schemas.microsoft.com/powershell/2004/04\">\r\n";
-    for (const std::wstring& text : texts) {
-        content.append(L"  <S>").append(as_xml(text)).append(L"</S>\r\n");
-    }
-    content += L"</Objs>";
-    std::ofstream stream{std::filesystem::path{file}, std::ios::binary};
-    stream.write(
-        reinterpret_cast<const char*>(content.data()),
-        static_cast<std::streamsize>(content.size() * sizeof(wchar_t)));
-    if (!stream.flush()) {
-        throw std::runtime_error{"Export-Clixml : Could not write '" + narrow(file) + "'"};
-    }
-}
-
-std::vector<std::wstring> import_texts(const std::wstring& file)
-{
-    const std::string bytes = read_file(file);
-    std::wstring content(bytes.size() / sizeof(wchar_t), L'\0');
-    std::copy_n(bytes.data(), content.size() * sizeof(wchar_t), reinterpret_cast<char*>(content.data()));
-    if (!content.starts_with(L"\uFEFF<Objs ") || !content.ends_with(L"</Objs>")) {
-        throw std::runtime_error{"Import-Clixml : Data at the root level is invalid"};
-    }
-    std::vector<std::wstring> texts;
-    for (std::size_t at = content.find(L"<S>"); at != std::wstring::npos; at = content.find(L"<S>", at + 1)) {
-        texts.push_back(from_xml(content.substr(at + 3, content.find(L"</S>", at) - at - 3)));
-    }
-    return texts;
-}
+// The end of a saved list of folders. The statements read only what they have written: a line for each folder
+// does as well as CLIXML. URLs are ASCII.
+constexpr const char* LIST_END = "</Objs>";
 
 void capture_folders(run_state& /*state*/, const literals& values)
 {
-    auto open = state_key{}.list(OPEN_FOLDERS);
-    std::erase_if(open, [](const std::wstring& url) { return !is_folder(url); });
-    export_texts(values[0], open);
+    std::ofstream list{std::filesystem::path{values[0]}};
+    for (const std::wstring& url : state_key{}.list(OPEN_FOLDERS)) {
+        if (equal_ignoring_case(url.substr(0, 5), L"file:")) {
+            list << narrow(url) << '\n';
+        }
+    }
+    list << LIST_END << '\n';
+    if (!list.flush()) {
+        throw std::runtime_error{"Export-Clixml : Could not write '" + narrow(values[0]) + "'"};
+    }
 }
 
 void restore_folders(run_state& /*state*/, const literals& values)
@@ -163,16 +92,19 @@ void restore_folders(run_state& /*state*/, const literals& values)
     if (!std::filesystem::exists(values[0])) {
         return;
     }
-    const auto open = state_key{}.list(OPEN_FOLDERS);
-    std::vector<std::wstring> opened = open;
-    for (const std::wstring& url : import_texts(values[0])) {
-        const bool is_open =
-            std::ranges::any_of(open, [&](const auto& each) { return equal_ignoring_case(each, url); });
-        if (is_folder(url) && !is_open) {
-            opened.push_back(url);
+    auto open = state_key{}.list(OPEN_FOLDERS);
+    std::ifstream list{std::filesystem::path{values[0]}};
+    std::string line;
+    while (std::getline(list, line) && line != LIST_END) {
+        const std::wstring url{line.begin(), line.end()};
+        if (std::ranges::none_of(open, [&](const auto& each) { return equal_ignoring_case(each, url); })) {
+            open.push_back(url);
         }
     }
-    state_key{}.write(OPEN_FOLDERS, opened);
+    if (line != LIST_END) {
+        throw std::runtime_error{"Import-Clixml : Data at the root level is invalid"};
+    }
+    state_key{}.write(OPEN_FOLDERS, open);
 }
 
 void start(run_state& /*state*/, const literals& values)
@@ -185,12 +117,11 @@ void start(run_state& /*state*/, const literals& values)
 void wait_for_tray(run_state& /*state*/, const literals& values)
 {
     const DWORD session = std::stoul(values[0]);
-    const auto in_session = [&](DWORD process) { return session_of(process) == session; };
     const ULONGLONG deadline = GetTickCount64() + state_key{ORDERS}.number(L"TrayWaitMs").value_or(15'000);
     bool runs = false;
     do { // NOLINT(cppcoreguidelines-avoid-do-while): as the statement does it
         Sleep(250);
-        runs = process_runs(L"Quorbel.SystemTray", in_session);
+        runs = process_runs(L"Quorbel.SystemTray", session);
     } while (!runs && GetTickCount64() <= deadline);
     if (!runs) {
         throw std::runtime_error{"Tray did not return"};
@@ -201,17 +132,14 @@ void start_closed_programs(run_state& /*state*/, const literals& values)
 {
     const DWORD session = session_of(GetCurrentProcessId());
     for (const std::filesystem::path path : values) {
-        const bool runs = process_runs(path.stem().wstring(), [&](DWORD process) {
-            return session_of(process) == session && equal_ignoring_case(path_of(process), path.wstring());
-        });
+        const bool runs = process_runs(path.stem().wstring(), session, path.wstring());
         if (!runs && std::filesystem::exists(path)) {
             start_process(path.wstring(), L"", path.parent_path().wstring());
         }
     }
 }
 
-// The statements of the controlled upgrade's scripts.
-constexpr statement STATEMENTS[]{
+constexpr statement OF_LOGGED_SCRIPTS[]{
     {.text = L"Add-Type -AssemblyName System.IO.Compression.FileSystem; "
              L"$zip=[IO.Compression.ZipFile]::OpenRead(%s); "
              L"try { $reader=[IO.StreamReader]::new($zip.GetEntry('AppxManifest.xml').Open()); "
@@ -260,8 +188,7 @@ constexpr statement STATEMENTS[]{
      .run = wait_for_tray},
 };
 
-// Statements that are a whole script.
-constexpr statement WHOLE_SCRIPTS[]{
+constexpr statement WHOLE[]{
     {.text = L"Add-AppxPackage -Path %s -ExternalLocation %s -ForceUpdateFromAnyVersion "
              L"-DeferRegistrationWhenPackagesAreInUse -ErrorAction Stop",
      .run = add},
@@ -270,79 +197,18 @@ constexpr statement WHOLE_SCRIPTS[]{
              L"if (Get-AppxPackage -Name %s) { throw 'Package remains registered after removal' }; exit 0 } "
              L"catch { Write-Error $_ -ErrorAction Continue; exit 1 }",
      .run = remove_by_name},
+    {.text = L"$ErrorActionPreference='Stop'; $session=(Get-Process -Id $PID).SessionId; "
+             L"foreach($path in @(%l)) { $name=[IO.Path]::GetFileNameWithoutExtension($path); "
+             L"$running=@(Get-Process -Name $name -ErrorAction SilentlyContinue | "
+             L"Where-Object { $_.SessionId -eq $session -and $_.Path -eq $path }); "
+             L"if (!$running.Count -and (Test-Path -LiteralPath $path)) { Start-Process -FilePath $path "
+             L"-WorkingDirectory ([IO.Path]::GetDirectoryName($path)) | Out-Null } }",
+     .run = start_closed_programs},
 };
-
-// The recovery script, before and after its list of programs.
-constexpr statement RECOVERY{
-    .text = L"$ErrorActionPreference='Stop'; $session=(Get-Process -Id $PID).SessionId; foreach($path in @(",
-    .run = start_closed_programs};
-constexpr const wchar_t* RECOVERY_END =
-    L")) { $name=[IO.Path]::GetFileNameWithoutExtension($path); "
-    L"$running=@(Get-Process -Name $name -ErrorAction SilentlyContinue | "
-    L"Where-Object { $_.SessionId -eq $session -and $_.Path -eq $path }); "
-    L"if (!$running.Count -and (Test-Path -LiteralPath $path)) { Start-Process -FilePath $path "
-    L"-WorkingDirectory ([IO.Path]::GetDirectoryName($path)) | Out-Null } }";
-
-// The frame of a script whose output goes to a log file.
-constexpr const wchar_t* LOGGED_START =
-    L"$ErrorActionPreference='Stop'; $ProgressPreference='SilentlyContinue'; try { & { ";
-constexpr const wchar_t* LOGGED_END =
-    L" } *>&1 | Out-File -LiteralPath %s -Encoding utf8; exit 0 } "
-    L"catch { $_ | Out-String | Out-File -LiteralPath %s -Encoding utf8 -Append; exit 1 }";
-
-std::optional<parsed_script> parse_whole(script_reader reader)
-{
-    for (const statement& whole : WHOLE_SCRIPTS) {
-        if (script_step step{.what = &whole, .values = {}}; reader.take(whole.text, step.values)) {
-            return reader.at_end() ? std::optional{parsed_script{.log = {}, .steps = {step}}} : std::nullopt;
-        }
-    }
-    return std::nullopt;
-}
-
-std::optional<parsed_script> parse_recovery(script_reader reader)
-{
-    script_step step{.what = &RECOVERY, .values = {}};
-    bool taken = reader.take(RECOVERY.text, step.values);
-    if (taken && reader.take(L"%s", step.values)) {
-        while (reader.take(L",%s", step.values)) {
-        }
-    }
-    taken = taken && reader.take(RECOVERY_END, step.values) && reader.at_end();
-    return taken ? std::optional{parsed_script{.log = {}, .steps = {step}}} : std::nullopt;
-}
-
-std::optional<parsed_script> parse_logged(script_reader reader)
-{
-    parsed_script script;
-    literals logs;
-    if (!reader.take(LOGGED_START, logs)) {
-        return std::nullopt;
-    }
-    while (!reader.take(LOGGED_END, logs)) {
-        script_step step{};
-        const auto* const next = std::ranges::find_if(
-            STATEMENTS, [&](const statement& each) { return reader.take(each.text, step.values); });
-        if (next == std::end(STATEMENTS)) {
-            return std::nullopt;
-        }
-        step.what = next;
-        script.steps.push_back(std::move(step));
-    }
-    script.log = logs[0];
-    return reader.at_end() && logs[0] == logs[1] ? std::optional{std::move(script)} : std::nullopt;
-}
 
 } // namespace
 
-std::optional<parsed_script> parse(std::wstring_view script)
-{
-    for (const auto& form : {parse_logged, parse_recovery, parse_whole}) {
-        if (auto parsed = form(script_reader{script})) {
-            return parsed;
-        }
-    }
-    return std::nullopt;
-}
+const std::span<const statement> LOGGED_STATEMENTS{OF_LOGGED_SCRIPTS};
+const std::span<const statement> WHOLE_SCRIPTS{WHOLE};
 
 } // namespace toy_powershell

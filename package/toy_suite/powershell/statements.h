@@ -2,9 +2,8 @@
 
 #include "package/toy_suite/powershell/packages.h"
 
-#include <optional>
+#include <span>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace toy_powershell {
@@ -18,24 +17,17 @@ struct run_state {
 // A statement's literals, in order.
 using literals = std::vector<std::wstring>;
 
-// A statement that the stand-in understands: its text (a pattern for script_reader) and its effect. `run`
-// throws std::runtime_error when PowerShell would report an error that ends the script.
+// A statement that the stand-in understands: its text (a pattern, see script.h) and its effect. `run` throws
+// std::runtime_error when PowerShell would report an error that ends the script.
 struct statement {
     const wchar_t* text;
     void (*run)(run_state& state, const literals& values);
 };
 
-struct script_step {
-    const statement* what;
-    literals values;
-};
+// The statements of the scripts whose output goes to a log file.
+extern const std::span<const statement> LOGGED_STATEMENTS;
 
-struct parsed_script {
-    std::optional<std::wstring> log; // the file that takes the output; without it, the standard streams do
-    std::vector<script_step> steps;
-};
-
-// The script's steps; nothing if any part of it is not understood.
-std::optional<parsed_script> parse(std::wstring_view script);
+// The statements that are a whole script.
+extern const std::span<const statement> WHOLE_SCRIPTS;
 
 } // namespace toy_powershell

@@ -1,15 +1,29 @@
 #pragma once
 
+#include <windows.h>
+
+#include <filesystem>
 #include <string>
 #include <string_view>
 
 namespace toy_powershell {
 
-// UTF-16 to UTF-8 and back; invalid input becomes U+FFFD.
-std::string narrow(std::wstring_view text);
-std::wstring widen(std::string_view text);
+// UTF-16 to UTF-8.
+inline std::string narrow(const std::wstring& text)
+{
+    const std::u8string converted = std::filesystem::path{text}.u8string();
+    return {converted.begin(), converted.end()};
+}
 
 // Compares ordinally; stands for PowerShell's -eq and -like.
-bool equal_ignoring_case(std::wstring_view left, std::wstring_view right);
+inline bool equal_ignoring_case(std::wstring_view left, std::wstring_view right)
+{
+    return CompareStringOrdinal(
+               left.data(),
+               static_cast<int>(left.size()),
+               right.data(),
+               static_cast<int>(right.size()),
+               TRUE) == CSTR_EQUAL;
+}
 
 } // namespace toy_powershell

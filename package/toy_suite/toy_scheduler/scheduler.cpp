@@ -1,21 +1,13 @@
-#include "package/toy_suite/toy_scheduler/scheduler.h"
+// The scheduler's objects: the service, its root folder, definitions of tasks and their parts, registered
+// tasks and their runs.
 
+#include "package/toy_suite/process.h"
 #include "package/toy_suite/toy_scheduler/com_object.h"
-
-#include <cwchar>
 
 namespace toy_scheduler {
 namespace {
 
-// ERROR_FILE_NOT_FOUND and ERROR_ALREADY_EXISTS as HRESULTs.
-constexpr auto NO_SUCH_TASK = static_cast<HRESULT>(0x80070002);
-constexpr auto TASK_EXISTS = static_cast<HRESULT>(0x800700B7);
-
-LONG& live_objects() noexcept
-{
-    static LONG count = 0;
-    return count;
-}
+constexpr auto NO_SUCH_TASK = static_cast<HRESULT>(0x80070002); // ERROR_FILE_NOT_FOUND
 
 bool is_empty(const VARIANT& value) noexcept
 {
@@ -29,163 +21,120 @@ bool is_running(const task& run)
 
 HRESULT refresh(IRunningTask* self)
 {
-    return is_running(task_of(self)) ? S_OK : SCHED_E_TASK_NOT_RUNNING;
+    return is_running(*object_of(self).about) ? S_OK : SCHED_E_TASK_NOT_RUNNING;
 }
 
 HRESULT get_state(IRunningTask* self, TASK_STATE* state)
 {
-    const TASK_STATE own = is_running(task_of(self)) ? TASK_STATE_RUNNING : TASK_STATE_READY;
+    const TASK_STATE own = is_running(*object_of(self).about) ? TASK_STATE_RUNNING : TASK_STATE_READY;
     *state = static_cast<TASK_STATE>(setting(L"State").value_or(own));
     return S_OK;
 }
 
-IRunningTask* make_running_task(const std::shared_ptr<task>& about)
-{
-    static auto methods = [] {
-        table_of<IRunningTask> table{};
-        table.Refresh = call<L"IRunningTask::Refresh", refresh>;
-        table.get_State = call<L"IRunningTask::get_State", get_state>;
-        return completed<L"IRunningTask", IRunningTask>(table);
-    }();
-    return make<IRunningTask>(methods, IID_IRunningTask, about);
-}
-
-void start_program(task& run)
-{
-    const std::wstring& path = run.values[L"Path"];
-    std::wstring command_line = L'"' + path + L"\" " + run.values[L"Arguments"];
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION started{};
-    if (CreateProcessW(
-            path.c_str(),
-            command_line.data(),
-            nullptr,
-            nullptr,
-            FALSE,
-            CREATE_NO_WINDOW,
-            nullptr,
-            nullptr,
-            &startup,
-            &started)) {
-        run.program = custom_actions::kernel_handle{started.hProcess};
-        const custom_actions::kernel_handle thread{started.hThread};
-    } else {
-        run.start_failure = static_cast<DWORD>(HRESULT_FROM_WIN32(GetLastError()));
-    }
-}
-
 HRESULT run(IRegisteredTask* self, VARIANT parameters, IRunningTask** running)
 {
-    expect(is_empty(parameters) && running != nullptr, L"IRegisteredTask::Run without parameters");
+    expect(is_empty(parameters), L"IRegisteredTask::Run without parameters");
+    const std::shared_ptr<task>& about = object_of(self).about;
     if (!setting(L"State") && !setting(L"Result")) {
-        start_program(task_of(self));
+        const properties& values = about->values;
+        about->program =
+            toy_suite::start_program(values.at(L"Path"), values.at(L"Arguments"), CREATE_NO_WINDOW);
+        if (!about->program) {
+            return HRESULT_FROM_WIN32(GetLastError());
+        }
     }
-    *running = make_running_task(object_of(self).about);
+    *running = make<L"IRunningTask", IID_IRunningTask, IRunningTask>(
+        [](auto& methods) {
+            methods.Refresh = call<L"IRunningTask::Refresh", refresh>;
+            methods.get_State = call<L"IRunningTask::get_State", get_state>;
+        },
+        about);
     return S_OK;
 }
 
 HRESULT get_last_result(IRegisteredTask* self, LONG* result)
 {
-    const task& run = task_of(self);
-    DWORD own = run.start_failure;
-    if (is_running(run)) {
-        own = SCHED_S_TASK_RUNNING;
-    } else if (run.program) {
-        GetExitCodeProcess(run.program.get(), &own);
+    const auto& program = object_of(self).about->program;
+    DWORD own = SCHED_S_TASK_HAS_NOT_RUN;
+    if (program) {
+        GetExitCodeProcess(program.get(), &own);
     }
     *result = static_cast<LONG>(setting(L"Result").value_or(own));
     return S_OK;
 }
 
-IRegisteredTask* make_registered_task(std::wstring name, properties values)
+IRegisteredTask* make_registered_task(properties values)
 {
-    static auto methods = [] {
-        table_of<IRegisteredTask> table{};
-        table.Run = call<L"IRegisteredTask::Run", run>;
-        table.get_LastTaskResult = call<L"IRegisteredTask::get_LastTaskResult", get_last_result>;
-        return completed<L"IRegisteredTask", IRegisteredTask>(table);
-    }();
     auto about = std::make_shared<task>();
-    about->name = std::move(name);
     about->values = std::move(values);
-    return make<IRegisteredTask>(methods, IID_IRegisteredTask, about);
+    return make<L"IRegisteredTask", IID_IRegisteredTask, IRegisteredTask>(
+        [](auto& methods) {
+            methods.Run = call<L"IRegisteredTask::Run", run>;
+            methods.get_LastTaskResult = call<L"IRegisteredTask::get_LastTaskResult", get_last_result>;
+        },
+        about);
 }
 
 HRESULT create_action(IActionCollection* self, TASK_ACTION_TYPE type, IAction** action)
 {
-    static auto methods = [] {
-        table_of<IExecAction> table{};
-        table.QueryInterface = call<L"IAction::QueryInterface", query<IExecAction>>;
-        table.put_Path = put<L"IExecAction::put_Path">;
-        table.put_Arguments = put<L"IExecAction::put_Arguments">;
-        return completed<L"IExecAction", IExecAction>(table);
-    }();
-    expect(type == TASK_ACTION_EXEC && action != nullptr, L"IActionCollection::Create of a program");
-    // IExecAction begins with IAction's slots.
-    *action = reinterpret_cast<IAction*>(make<IExecAction>(methods, IID_IExecAction, object_of(self).about));
+    expect(type == TASK_ACTION_EXEC, L"IActionCollection::Create of a program");
+    auto* const program = make<L"IExecAction", IID_IExecAction, IExecAction>(
+        [](auto& methods) {
+            constexpr auto query_action = [](IExecAction* asked, REFIID wanted, void** found) {
+                return query(&object_of(asked), wanted, found);
+            };
+            methods.QueryInterface = call<L"IAction::QueryInterface", query_action>;
+            methods.put_Path = put<L"IExecAction::put_Path">;
+            methods.put_Arguments = put<L"IExecAction::put_Arguments">;
+        },
+        object_of(self).about);
+    *action = reinterpret_cast<IAction*>(program); // IExecAction begins with IAction's slots
     return S_OK;
 }
 
-// The getter of a part of the definition.
-template <const IID& Kind, class Part, table_of<Part>& (*Methods)()>
-HRESULT get_part(ITaskDefinition* self, Part** part)
+HRESULT get_principal(ITaskDefinition* self, IPrincipal** principal)
 {
-    *part = make<Part>(Methods(), Kind, object_of(self).about);
+    *principal = make<L"IPrincipal", IID_IPrincipal, IPrincipal>(
+        [](auto& methods) {
+            methods.put_UserId = put<L"IPrincipal::put_UserId">;
+            methods.put_LogonType = put<L"IPrincipal::put_LogonType">;
+            methods.put_RunLevel = put<L"IPrincipal::put_RunLevel">;
+        },
+        object_of(self).about);
     return S_OK;
 }
 
-table_of<IPrincipal>& principal_methods()
+HRESULT get_settings(ITaskDefinition* self, ITaskSettings** settings)
 {
-    static auto methods = [] {
-        table_of<IPrincipal> table{};
-        table.put_UserId = put<L"IPrincipal::put_UserId">;
-        table.put_LogonType = put<L"IPrincipal::put_LogonType">;
-        table.put_RunLevel = put<L"IPrincipal::put_RunLevel">;
-        return completed<L"IPrincipal", IPrincipal>(table);
-    }();
-    return methods;
+    *settings = make<L"ITaskSettings", IID_ITaskSettings, ITaskSettings>(
+        [](auto& methods) {
+            methods.put_DisallowStartIfOnBatteries = put<L"ITaskSettings::put_DisallowStartIfOnBatteries">;
+            methods.put_StopIfGoingOnBatteries = put<L"ITaskSettings::put_StopIfGoingOnBatteries">;
+            methods.put_ExecutionTimeLimit = put<L"ITaskSettings::put_ExecutionTimeLimit">;
+            methods.put_Priority = put<L"ITaskSettings::put_Priority">;
+        },
+        object_of(self).about);
+    return S_OK;
 }
 
-table_of<ITaskSettings>& settings_methods()
+HRESULT get_actions(ITaskDefinition* self, IActionCollection** actions)
 {
-    static auto methods = [] {
-        table_of<ITaskSettings> table{};
-        table.put_DisallowStartIfOnBatteries = put<L"ITaskSettings::put_DisallowStartIfOnBatteries">;
-        table.put_StopIfGoingOnBatteries = put<L"ITaskSettings::put_StopIfGoingOnBatteries">;
-        table.put_ExecutionTimeLimit = put<L"ITaskSettings::put_ExecutionTimeLimit">;
-        table.put_Priority = put<L"ITaskSettings::put_Priority">;
-        return completed<L"ITaskSettings", ITaskSettings>(table);
-    }();
-    return methods;
-}
-
-table_of<IActionCollection>& collection_methods()
-{
-    static auto methods = [] {
-        table_of<IActionCollection> table{};
-        table.Create = call<L"IActionCollection::Create", create_action>;
-        return completed<L"IActionCollection", IActionCollection>(table);
-    }();
-    return methods;
+    *actions = make<L"IActionCollection", IID_IActionCollection, IActionCollection>(
+        [](auto& methods) { methods.Create = call<L"IActionCollection::Create", create_action>; },
+        object_of(self).about);
+    return S_OK;
 }
 
 HRESULT new_task(ITaskService* /*self*/, DWORD flags, ITaskDefinition** definition)
 {
-    static auto methods = [] {
-        table_of<ITaskDefinition> table{};
-        table.get_Principal =
-            call<L"ITaskDefinition::get_Principal", get_part<IID_IPrincipal, IPrincipal, principal_methods>>;
-        table.get_Settings = call<
-            L"ITaskDefinition::get_Settings",
-            get_part<IID_ITaskSettings, ITaskSettings, settings_methods>>;
-        table.get_Actions = call<
-            L"ITaskDefinition::get_Actions",
-            get_part<IID_IActionCollection, IActionCollection, collection_methods>>;
-        return completed<L"ITaskDefinition", ITaskDefinition>(table);
-    }();
-    expect(flags == 0 && definition != nullptr, L"ITaskService::NewTask without flags");
-    *definition = make<ITaskDefinition>(methods, IID_ITaskDefinition, std::make_shared<task>());
+    expect(flags == 0, L"ITaskService::NewTask without flags");
+    *definition = make<L"ITaskDefinition", IID_ITaskDefinition, ITaskDefinition>(
+        [](auto& methods) {
+            methods.get_Principal = call<L"ITaskDefinition::get_Principal", get_principal>;
+            methods.get_Settings = call<L"ITaskDefinition::get_Settings", get_settings>;
+            methods.get_Actions = call<L"ITaskDefinition::get_Actions", get_actions>;
+        },
+        std::make_shared<task>());
     return S_OK;
 }
 
@@ -201,30 +150,26 @@ HRESULT register_definition(
     IRegisteredTask** registered)
 {
     expect(
-        flags == TASK_CREATE && V_VT(&user) == VT_BSTR && is_empty(password) && is_empty(access) &&
-            definition != nullptr && registered != nullptr,
+        flags == TASK_CREATE && V_VT(&user) == VT_BSTR && is_empty(password) && is_empty(access),
         L"ITaskFolder::RegisterTaskDefinition to create, with a user alone");
     const std::wstring name = text_of(path);
-    properties values = task_of(definition).values;
+    properties values = object_of(definition).about->values;
     expect(values.contains(L"Path"), L"a definition with a program");
-    if (load_task(name)) {
-        return TASK_EXISTS;
-    }
+    expect(!load_task(name), L"a task of a new name");
     values[L"RegisteredUser"] = text_of(V_BSTR(&user));
     values[L"RegisteredLogonType"] = text_of(logon);
     save_task(name, values);
-    *registered = make_registered_task(name, std::move(values));
+    *registered = make_registered_task(std::move(values));
     return S_OK;
 }
 
 HRESULT get_task(ITaskFolder* /*self*/, BSTR path, IRegisteredTask** found)
 {
-    const std::wstring name = text_of(path);
-    std::optional<properties> values = load_task(name);
+    std::optional<properties> values = load_task(text_of(path));
     if (!values) {
         return NO_SUCH_TASK;
     }
-    *found = make_registered_task(name, std::move(*values));
+    *found = make_registered_task(std::move(*values));
     return S_OK;
 }
 
@@ -236,16 +181,16 @@ HRESULT remove_task(ITaskFolder* /*self*/, BSTR name, LONG flags)
 
 HRESULT get_folder(ITaskService* self, BSTR path, ITaskFolder** folder)
 {
-    static auto methods = [] {
-        table_of<ITaskFolder> table{};
-        table.RegisterTaskDefinition = call<L"ITaskFolder::RegisterTaskDefinition", register_definition>;
-        table.GetTask = call<L"ITaskFolder::GetTask", get_task>;
-        table.DeleteTask = call<L"ITaskFolder::DeleteTask", remove_task>;
-        return completed<L"ITaskFolder", ITaskFolder>(table);
-    }();
-    expect(task_of(self).values.contains(L"Connected"), L"ITaskService::Connect before the folder");
+    expect(object_of(self).about->values.contains(L"Connected"), L"ITaskService::Connect before the folder");
     expect(text_of(path) == L"\\", L"ITaskService::GetFolder of the root");
-    *folder = make<ITaskFolder>(methods, IID_ITaskFolder, object_of(self).about);
+    *folder = make<L"ITaskFolder", IID_ITaskFolder, ITaskFolder>(
+        [](auto& methods) {
+            methods.RegisterTaskDefinition =
+                call<L"ITaskFolder::RegisterTaskDefinition", register_definition>;
+            methods.GetTask = call<L"ITaskFolder::GetTask", get_task>;
+            methods.DeleteTask = call<L"ITaskFolder::DeleteTask", remove_task>;
+        },
+        object_of(self).about);
     return S_OK;
 }
 
@@ -254,80 +199,34 @@ HRESULT connect(ITaskService* self, VARIANT server, VARIANT user, VARIANT domain
     expect(
         is_empty(server) && is_empty(user) && is_empty(domain) && is_empty(password),
         L"ITaskService::Connect to this machine, as who calls");
-    task_of(self).values[L"Connected"] = L"1";
+    object_of(self).about->values[L"Connected"] = L"1";
     return S_OK;
 }
 
 HRESULT create_service(IClassFactory* /*self*/, IUnknown* outer, REFIID wanted, void** made)
 {
-    static auto methods = [] {
-        table_of<ITaskService> table{};
-        table.Connect = call<L"ITaskService::Connect", connect>;
-        table.GetFolder = call<L"ITaskService::GetFolder", get_folder>;
-        table.NewTask = call<L"ITaskService::NewTask", new_task>;
-        return completed<L"ITaskService", ITaskService>(table);
-    }();
-    if (outer != nullptr) {
-        return CLASS_E_NOAGGREGATION;
-    }
-    auto* service = make<ITaskService>(methods, IID_ITaskService, std::make_shared<task>());
-    const HRESULT result = query(service, wanted, made);
-    release(service);
+    expect(outer == nullptr, L"IClassFactory::CreateInstance without aggregation");
+    object& service = object_of(make<L"ITaskService", IID_ITaskService, ITaskService>(
+        [](auto& methods) {
+            methods.Connect = call<L"ITaskService::Connect", connect>;
+            methods.GetFolder = call<L"ITaskService::GetFolder", get_folder>;
+            methods.NewTask = call<L"ITaskService::NewTask", new_task>;
+        },
+        std::make_shared<task>()));
+    const HRESULT result = query(&service, wanted, made);
+    release(&service);
     return result;
 }
 
 } // namespace
 
-void expect(bool fulfilled, std::wstring_view expectation)
-{
-    if (!fulfilled) {
-        note(L"Unexpected", std::wstring{L"not "}.append(expectation));
-        throw refusal{E_INVALIDARG};
-    }
-}
-
-HRESULT answered(std::wstring_view name, const std::function<HRESULT()>& answer) noexcept
-try {
-    note(L"Calls", name);
-    return must_fail(name) ? E_ACCESSDENIED : answer();
-} catch (const refusal& refused) {
-    return refused.code();
-} catch (const std::exception&) {
-    return E_FAIL;
-}
-
-HRESULT unexpected(std::wstring_view interface_name, std::size_t method) noexcept
-try {
-    note(L"Unexpected", std::wstring{interface_name}.append(L", method ") + std::to_wstring(method));
-    return E_NOTIMPL;
-} catch (const std::exception&) {
-    return E_FAIL;
-}
-
-void count_object(LONG change) noexcept
-{
-    note_object_count(static_cast<DWORD>(InterlockedAdd(&live_objects(), change)));
-}
-
-bool objects_live() noexcept
-{
-    return live_objects() != 0;
-}
-
-std::wstring text_of(BSTR text)
-{
-    expect(text != nullptr && SysStringLen(text) == std::wcslen(text), L"a BSTR");
-    return text;
-}
-
 IClassFactory* make_factory()
 {
-    static auto methods = [] {
-        table_of<IClassFactory> table{};
-        table.CreateInstance = call<L"IClassFactory::CreateInstance", create_service>;
-        return completed<L"IClassFactory", IClassFactory>(table);
-    }();
-    return make<IClassFactory>(methods, IID_IClassFactory, std::make_shared<task>());
+    return make<L"IClassFactory", IID_IClassFactory, IClassFactory>(
+        [](auto& methods) {
+            methods.CreateInstance = call<L"IClassFactory::CreateInstance", create_service>;
+        },
+        nullptr);
 }
 
 } // namespace toy_scheduler

@@ -5,14 +5,10 @@
 namespace toy_scheduler {
 namespace {
 
-registry_state task_key(const std::wstring& name)
+// The key of all tasks, or of one.
+registry_state tasks(const std::wstring& name = L"")
 {
     return registry_state{STATE + (LR"(\Tasks\)" + name)};
-}
-
-registry_state tasks()
-{
-    return registry_state{std::wstring{STATE} + LR"(\Tasks)"};
 }
 
 } // namespace
@@ -45,12 +41,12 @@ std::vector<std::wstring> task_names()
 
 std::optional<properties> load_task(const std::wstring& name)
 {
-    return std::ranges::count(task_names(), name) != 0 ? std::optional{task_key(name).texts()} : std::nullopt;
+    return std::ranges::count(task_names(), name) != 0 ? std::optional{tasks(name).texts()} : std::nullopt;
 }
 
 void save_task(const std::wstring& name, const properties& task)
 {
-    const registry_state key = task_key(name);
+    const registry_state key = tasks(name);
     for (const auto& [property, value] : task) {
         key.write(property.c_str(), value);
     }

@@ -16,7 +16,6 @@
 //   Result       the result of every run; no program is started
 
 #include "package/toy_suite/toy_scheduler/com_object.h"
-#include "package/toy_suite/toy_scheduler/scheduler.h"
 
 #include <windows.h>
 #include <olectl.h>
@@ -41,22 +40,12 @@ bool copy_text(const wchar_t* from, const wchar_t* to)
 
 } // namespace
 
-STDAPI DllGetClassObject(REFCLSID wanted_class, REFIID wanted, LPVOID* found)
-try {
-    if (!IsEqualCLSID(wanted_class, CLSID_TaskScheduler)) {
-        return CLASS_E_CLASSNOTAVAILABLE;
-    }
-    IClassFactory* factory = toy_scheduler::make_factory();
-    const HRESULT result = factory->lpVtbl->QueryInterface(factory, wanted, found);
-    factory->lpVtbl->Release(factory);
-    return result;
-} catch (const std::exception&) {
-    return E_OUTOFMEMORY;
-}
-
-STDAPI DllCanUnloadNow()
+STDAPI DllGetClassObject(REFCLSID /*the one of SERVER*/, REFIID wanted, LPVOID* found)
 {
-    return toy_scheduler::objects_live() ? S_FALSE : S_OK;
+    toy_scheduler::object& factory = toy_scheduler::object_of(toy_scheduler::make_factory());
+    const HRESULT result = toy_scheduler::query(&factory, wanted, found);
+    toy_scheduler::release(&factory);
+    return result;
 }
 
 STDAPI DllRegisterServer()
