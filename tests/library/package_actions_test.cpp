@@ -36,7 +36,10 @@ TEST(PackageActions, validate_their_data_and_log_what_the_command_prints)
         }
         return lines + L'\n' + std::to_wstring(code);
     };
-    const std::wstring much(100'000, L'x'); // more than a pipe's buffer
+    std::wstring much; // more than a pipe's buffer
+    while (much.size() != 100'000) {
+        much += L"0123456789";
+    }
     fixture.powershell.set_order(L"PrintOut", L"100000 Plexa");
     fixture.powershell.set_order(L"PrintError", L"100000 Plexa");
     const std::wstring folder = fixture.context().product_directory; // with a quote in its name
