@@ -121,6 +121,7 @@ struct step {
     const char* changed;  // on the machine
 };
 
+// What changes, by kind of line in machine().
 constexpr const char* INSTALLED = "files +13, handlers +64, lists +192, packages +8, user +3, values +2";
 constexpr const char* REMOVED = "files -13, handlers -64, lists -192, packages -8, user -3, values -2";
 constexpr const char* REPLACED = "files +10, files -10, packages +8, packages -8, values +2";
@@ -128,9 +129,10 @@ constexpr const char* UPGRADED = "files +10, files -10, packages +8, packages -8
 constexpr const wchar_t* UPGRADE_ELSEWHERE =
     LR"(/i toy_set-1.4.2.msi FAIL_ON_PURPOSE=1 INSTALLFOLDER="C:\Program Files\Toymaker\Elsewhere")";
 
-// After a rollback Wine has unregistered the installed product, so it is installed again; after an upgrade's
-// rollback it has lost the product's values too. Wine also runs the actions for a failed session before the
-// rollback, too early for the recovery task, which then remains.
+// After a rollback Wine has unregistered the installed product, so it is installed again, or the next version
+// as if it were the first (REPLACED); after an upgrade's rollback the product's values are lost too. Wine
+// also runs the actions for a failed session before the rollback, too early for the recovery task, which then
+// remains.
 constexpr step STEPS[]{
     {L"/i toy_set-1.4.1.msi INSTALLFOLDER=\"C:\\Bob\u201bs Toys\"", 1603, "refuse_folder", ""},
     {L"/i toy_set-1.4.1.msi FAIL_ON_PURPOSE=1", 1603, "fail_on_purpose", ""},
@@ -166,16 +168,16 @@ protected:
 
     void TearDown() override { remove_everything(); }
 
-    // Does nothing if a test has removed the package and its maker's folder.
+    // Does nothing if the test has removed everything itself, down to the maker's folder.
     static void remove_everything()
     {
-        for (const wchar_t* version : {L"1.4.1", L"1.4.2", L"1.5.0", L"2.0.0"}) {
-            if (exists(MAKER)) {
+        if (machine_is_disposable() && exists(MAKER)) {
+            for (const wchar_t* version : {L"1.4.1", L"1.4.2", L"1.5.0", L"2.0.0"}) {
                 run(L"/x toy_set-" + std::wstring{version} + L".msi");
             }
+            end_the_suite();
+            remove_all(MAKER);
         }
-        end_the_suite();
-        remove_all(MAKER);
     }
 };
 
