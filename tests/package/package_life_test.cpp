@@ -1,7 +1,6 @@
-// Installs, upgrades and removes another vendor's package (toy_set.wxs) with the real installer. Each step
-// must complete or be fully undone: the machine is compared before and after.
+// Installs, upgrades and removes another vendor's package (toy_set.wxs) with Wine's installer. Each step must
+// complete or be fully undone: the machine is compared before and after.
 
-#include "custom_actions/processes/process_inventory.h"
 #include "custom_actions/search/search_service.h"
 #include "package/toy_suite/toy_scheduler/state.h"
 #include "support/ascii.h"
@@ -18,25 +17,22 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace test_support {
 namespace {
 
-using testing::HasSubstr;
-using texts = std::vector<std::string>;
-
-constexpr const wchar_t* FOLDER = LR"(C:\Program Files\Toymaker\Bob's Toys (all of them))";
-constexpr const wchar_t* ELSEWHERE = LR"(C:\Toys elsewhere)"; // the target of an upgrade that fails
-constexpr const wchar_t* HANDLERS =
-    LR"(SOFTWARE\Microsoft\Windows\CurrentVersion\PropertySystem\PropertyHandlers)";
+const std::filesystem::path MAKER = LR"(C:\Program Files\Toymaker)";
+const std::filesystem::path FOLDER = MAKER / L"Bob's Toys (all of them)";
 
 std::string content(const std::filesystem::path& path)
 {
@@ -45,93 +41,115 @@ std::string content(const std::filesystem::path& path)
     return read.str();
 }
 
-texts files()
+// Everything on the machine that the suite changes: lines that start with their kind. Registry keys without
+// values are left out.
+std::set<std::string> machine(const windows_search& search)
 {
-    texts found;
-    std::error_code none;
-    for (const wchar_t* folder : {FOLDER, ELSEWHERE}) {
-        for (const auto& file : std::filesystem::recursive_directory_iterator{folder, none}) {
-            if (file.path().extension() == L".in-use") {
-                continue; // the file of a running program, deleted at the next restart
+    std::set<std::string> found;
+    const auto add_key = [&found](const std::string& kind, HKEY root, const std::wstring& path) {
+        custom_actions::registry_key_handle key;
+        RegOpenKeyExW(root, path.c_str(), 0, KEY_READ, key.put());
+        const auto lines = key ? dump_registry(key.get()) : std::vector<std::string>{};
+        for (const std::string& line : lines) {
+            if (!line.ends_with('\\')) {
+                found.insert(kind + line);
             }
-            const std::size_t hash = std::hash<std::string>{}(content(file.path()));
-            found.push_back(file.path().filename().string() + ' ' + std::to_string(hash));
+        }
+    };
+    add_key("handlers ", HKEY_LOCAL_MACHINE, LR"(SOFTWARE\Microsoft\Windows\CurrentVersion\PropertySystem)");
+    add_key("lists ", HKEY_LOCAL_MACHINE, LR"(Software\Classes\SystemFileAssociations)");
+    add_key("maintenance ", HKEY_LOCAL_MACHINE, LR"(SOFTWARE\Brenmoor)");
+    add_key("tasks ", HKEY_CURRENT_USER, toy_scheduler::STATE + std::wstring{LR"(\Tasks)"});
+    add_key("user ", HKEY_CURRENT_USER, LR"(Software\Classes)");
+    add_key("values ", HKEY_LOCAL_MACHINE, LR"(SOFTWARE\Toymaker)"); // the package's own
+    for (const auto& file : std::filesystem::recursive_directory_iterator{MAKER}) {
+        if (file.path().extension() != L".in-use") { // a running program's, deleted at the next restart
+            const std::size_t hash = std::hash<std::string>{}(content(file));
+            found.insert("files " + file.path().filename().string() + ' ' + std::to_string(hash));
         }
     }
-    return found;
-}
-
-// The values below a key. Keys without values are left out.
-texts registry(HKEY root, const std::wstring& path)
-{
-    custom_actions::registry_key_handle key;
-    RegOpenKeyExW(root, path.c_str(), 0, KEY_READ, key.put());
-    texts found = key ? dump_registry(key.get()) : texts{};
-    std::erase_if(found, [](const std::string& line) { return line.ends_with('\\'); });
-    return found;
-}
-
-// Everything on the machine that the suite changes, by kind.
-std::map<std::string, texts> machine(const windows_search& search)
-{
-    const std::wstring classes = LR"(Software\Classes)";
-    std::map<std::string, texts> found{
-        {"files", files()},
-        {"property handlers", registry(HKEY_LOCAL_MACHINE, HANDLERS)},
-        {"detail lists", registry(HKEY_LOCAL_MACHINE, classes + LR"(\SystemFileAssociations)")},
-        {"the user's classes", registry(HKEY_CURRENT_USER, classes)},
-        {"maintenance key", registry(HKEY_LOCAL_MACHINE, LR"(SOFTWARE\Brenmoor)")},
-        {"tasks", registry(HKEY_CURRENT_USER, toy_scheduler::STATE + std::wstring{LR"(\Tasks)"})},
-        {"Windows Search",
-         {std::to_string(search.state()),
-          std::to_string(custom_actions::read_search_start_type().value_or(0))}},
-        {"packages", {}},
-        {"the package's own values", registry(HKEY_LOCAL_MACHINE, LR"(SOFTWARE\Toymaker)")}};
     for (const std::wstring& package : registered_packages()) {
-        found["packages"].push_back(as_ascii(package));
+        found.insert("packages " + as_ascii(package));
     }
+    const DWORD start_type = custom_actions::read_search_start_type().value_or(0);
+    found.insert("search " + std::to_string(search.state()) + ' ' + std::to_string(start_type));
     return found;
 }
 
-bool engine_is_wine()
+// Sums up what has changed, as in "files +2, files -1", and lists it.
+std::pair<std::string, std::string>
+compare(const std::set<std::string>& before, const std::set<std::string>& now)
 {
-    return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+    std::vector<std::string> changed;
+    std::ranges::set_symmetric_difference(before, now, std::back_inserter(changed));
+    std::map<std::string, int> counts;
+    std::string list;
+    for (const std::string& line : changed) {
+        const char mark = now.contains(line) ? '+' : '-';
+        ++counts[line.substr(0, line.find(' ') + 1) + mark];
+        list += mark + line + '\n';
+    }
+    std::string sum;
+    for (const auto& [kind, count] : counts) {
+        sum += (sum.empty() ? "" : ", ") + kind + std::to_string(count);
+    }
+    return {sum, list};
 }
 
-bool runs(const std::wstring& program)
+// Runs msiexec on a package beside this program and returns its exit code and log.
+std::pair<UINT, std::string> run(std::wstring order)
 {
-    const std::array<std::wstring_view, 1> images{program};
-    return !custom_actions::find_processes_by_image(images, custom_actions::listing::strict).empty();
+    const auto log = std::filesystem::temp_directory_path() / L"package-life.log";
+    std::filesystem::remove(log);
+    order.insert(order.find(L".msi") + 4, L"\" /qn /l*v \"" + log.wstring() + L'"');
+    order.insert(order.find(L"toy_set"), L'"' + beside_this_program(LR"(package\)"));
+    return {run_child(L"msiexec.exe " + order, std::chrono::minutes{1}).exit_code, content(log)};
+}
+
+void end_the_suite()
+{
+    end_programs(L"Quorbel.exe");
+    end_programs(L"Quorbel.Kindra.HelperService.exe");
+    end_programs(L"Quorbel.SystemTray.exe");
 }
 
 // A step of the package's life.
 struct step {
-    const wchar_t* order; // for msiexec: the verb, the package and properties
-    UINT result;          // msiexec's exit code
-    const char* reached;  // the log must contain it: proof of the expected failure
-    const char* version;  // installed afterwards: "" for none, nullptr for no change at all
+    const wchar_t* order; // for msiexec
+    UINT result;          // its exit code
+    const char* reached;  // in the log or in the details of what has changed: proof that it did its work
+    const char* changed;  // on the machine
 };
 
-constexpr const char* REFUSED = "refuse_folder";
+// What changes, by kind of line in machine().
+constexpr const char* INSTALLED = "files +13, handlers +64, lists +192, packages +8, user +3, values +2";
+constexpr const char* REMOVED = "files -13, handlers -64, lists -192, packages -8, user -3, values -2";
+constexpr const char* REPLACED = "files +10, files -10, packages +8, packages -8, values +2";
+constexpr const char* UPGRADED = "files +10, files -10, packages +8, packages -8, values +1, values -1";
+constexpr const wchar_t* UPGRADE_ELSEWHERE =
+    LR"(/i toy_set-1.4.2.msi FAIL_ON_PURPOSE=1 INSTALLFOLDER="C:\Program Files\Toymaker\Elsewhere")";
+
+// After a rollback Wine has unregistered the installed product, so it is installed again, or the next version
+// as if it were the first (REPLACED); after an upgrade's rollback the product's values are lost too. Wine
+// also runs the actions for a failed session before the rollback, too early for the recovery task, which then
+// remains.
 constexpr step STEPS[]{
-    {L"/i toy_set-1.4.1 INSTALLFOLDER=\"C:\\Toys [1]\"", 1603, REFUSED, nullptr},
-    {L"/i toy_set-1.4.1 INSTALLFOLDER=\"C:\\Bob\u201bs Toys\"", 1603, REFUSED, nullptr},
-    {L"/i toy_set-1.4.1 FAIL_ON_PURPOSE=1", 1603, "fail_on_purpose", nullptr},
-    {L"/i toy_set-1.4.1", 0, "install_Quorbel.Plexa", "1.4.1"},
-    {L"/x toy_set-1.4.1 FAIL_ON_PURPOSE=1", 1603, "fail_on_purpose", nullptr},
-    {L"/i toy_set-1.4.2 INSTALLFOLDER=\"C:\\Toys elsewhere\" FAIL_ON_PURPOSE=1",
-     1603,
-     "fail_on_purpose",
-     nullptr},
-    {L"/i toy_set-1.4.2", 0, "install_Quorbel.Plexa", "1.4.2"},
-    {L"/i toy_set-1.4.2 REINSTALL=ALL", 0, "install_Quorbel.Plexa", "1.4.2"},
-    {L"/i toy_set-1.4.1", 1603, "NEWER_VERSION_FOUND = {", nullptr},
-    {L"/i toy_set_twin-1.4.2", 1603, "SAME_VERSION_FOUND = {", nullptr},
-    {L"/i toy_set-1.5.0", 0, "install_Quorbel.Plexa", "1.5.0"},
-    {L"/i toy_set-2.0.0 CANCEL_ON_PURPOSE=1", 1602, "recover_after_cancel", nullptr},
-    {L"/i toy_set-2.0.0 FAIL_ON_PURPOSE=1", 1603, "fail_on_purpose", nullptr},
-    {L"/i toy_set-2.0.0", 0, "finish_controlled_upgrade", "2.0.0"},
-    {L"/x toy_set-2.0.0", 0, "remove_Quorbel.Plexa", ""},
+    {L"/i toy_set-1.4.1.msi INSTALLFOLDER=\"C:\\Bob\u201bs Toys\"", 1603, "refuse_folder", ""},
+    {L"/i toy_set-1.4.1.msi FAIL_ON_PURPOSE=1", 1603, "fail_on_purpose", ""},
+    {L"/i toy_set-1.4.1.msi", 0, "+packages Quorbel.Plexa 1.4.1.0 Ok", INSTALLED},
+    {UPGRADE_ELSEWHERE, 1603, "fail_on_purpose", "values -2"},
+    {L"/i toy_set-1.4.2.msi", 0, "+packages Quorbel.Plexa 1.4.2.0 Ok", REPLACED},
+    {L"/i toy_set-1.4.2.msi REINSTALL=ALL", 0, "+packages Quorbel.Plexa 1.4.2.0 Ok", "packages +8"},
+    {L"/i toy_set-1.4.1.msi", 1603, "NEWER_VERSION_FOUND = {", ""},
+    {L"/i toy_set_twin-1.4.2.msi", 1603, "SAME_VERSION_FOUND = {", ""},
+    {L"/x toy_set-1.4.2.msi FAIL_ON_PURPOSE=1", 1603, "fail_on_purpose", ""},
+    {L"/i toy_set-1.4.2.msi", 0, "install_Quorbel.Plexa", ""},
+    {L"/i toy_set-1.5.0.msi", 0, "+packages Quorbel.Plexa 1.5.0.0 Ok", UPGRADED},
+    {L"/i toy_set-2.0.0.msi CANCEL_ON_PURPOSE=1", 1602, "recover_after_cancel", ""},
+    {L"/i toy_set-2.0.0.msi FAIL_ON_PURPOSE=1", 1603, "fail_on_purpose", "tasks +11, values -2"},
+    {L"/i toy_set-1.5.0.msi", 0, "install_Quorbel.Plexa", "values +2"},
+    {L"/i toy_set-2.0.0.msi", 0, "+packages Quorbel.Plexa 2.0.0.0 Ok", UPGRADED},
+    {L"/x toy_set-2.0.0.msi", 0, "-packages Quorbel.Plexa 2.0.0.0 Ok", REMOVED},
 };
 
 class PackageLife : public testing::Test {
@@ -142,143 +160,61 @@ protected:
             GTEST_SKIP() << "installs packages: set DISPOSABLE_MACHINE if that is allowed";
         }
         allow_test(std::chrono::minutes{8});
-        clean_up(); // an earlier run may have been killed
+        remove_everything(); // of an earlier run that was killed
         // A user's file, which must stay. It keeps the folder too, without which Wine cannot restore files.
-        std::filesystem::create_directories(FOLDER);
-        std::ofstream{std::filesystem::path{FOLDER} / L"mine.txt"} << "mine";
-        powershell.emplace();
-        scheduler.emplace();
-        search.emplace();
-        search->start();
+        create_directories(FOLDER);
+        std::ofstream{FOLDER / L"mine.txt"} << "mine";
     }
 
-    void TearDown() override
+    void TearDown() override { remove_everything(); }
+
+    // Does nothing if the test has removed everything itself, down to the maker's folder.
+    static void remove_everything()
     {
-        if (powershell) {
-            EXPECT_EQ(powershell->refused(), L"");
-            clean_up();
+        if (machine_is_disposable() && exists(MAKER)) {
+            for (const wchar_t* version : {L"1.4.1", L"1.4.2", L"1.5.0", L"2.0.0"}) {
+                run(L"/x toy_set-" + std::wstring{version} + L".msi");
+            }
+            end_the_suite();
+            remove_all(MAKER);
         }
     }
-
-    void clean_up()
-    {
-        for (const wchar_t* version : {L"1.4.1", L"1.4.2", L"1.5.0", L"2.0.0"}) {
-            install(std::wstring{L"/x toy_set-"} + version);
-        }
-        end_the_suite();
-        std::filesystem::remove_all(std::filesystem::path{FOLDER}.parent_path());
-    }
-
-    static void end_the_suite()
-    {
-        for (const wchar_t* program : PROGRAMS) {
-            end_programs(program);
-        }
-    }
-
-    // Runs msiexec and returns its exit code; `log` is then its log.
-    UINT install(const std::wstring& order)
-    {
-        const std::size_t name = order.find(L' ') + 1;
-        const std::size_t properties = std::min(order.find(L' ', name), order.size());
-        const std::wstring package =
-            beside_this_program(LR"(package\)" + order.substr(name, properties - name) + L".msi");
-        const auto path = std::filesystem::temp_directory_path() / L"package-life.log";
-        std::filesystem::remove(path);
-        const std::wstring command_line = L"msiexec.exe " + order.substr(0, name) + L'"' + package +
-                                          L"\" /qn /l*v \"" + path.wstring() + L'"' +
-                                          order.substr(properties);
-        const UINT result = run_child(command_line, std::chrono::minutes{2}).exit_code;
-        log = content(path);
-        return result;
-    }
-
-    // After a rolled-back upgrade, Wine has unregistered the old product with its values. Wine also runs the
-    // actions for a failed session before the rollback, too early for the recovery task, which then remains.
-    void repair_after_wine(const std::wstring& installed)
-    {
-        scheduler->clear();
-        ASSERT_EQ(install(L"/i " + installed), 0U) << log;
-    }
-
-    static constexpr const wchar_t* PROGRAMS[]{
-        L"Quorbel.exe", L"Quorbel.Kindra.HelperService.exe", L"Quorbel.SystemTray.exe"};
-
-    std::optional<powershell_stand_in> powershell;
-    std::optional<scheduler_stand_in> scheduler;
-    std::optional<windows_search> search;
-    std::string log;
 };
-
-// Compares all kinds but the `ignored` ones.
-void expect_same(
-    const std::map<std::string, texts>& now, const std::map<std::string, texts>& before, const texts& ignored)
-{
-    for (const auto& [where, what] : before) {
-        if (std::ranges::find(ignored, where) == ignored.end()) {
-            EXPECT_EQ(now.at(where), what) << where;
-        }
-    }
-}
-
-void expect_version(
-    const std::map<std::string, texts>& now,
-    const std::map<std::string, texts>& clean,
-    const std::string& version)
-{
-    EXPECT_THAT(now.at("packages"), testing::SizeIs(8));
-    EXPECT_THAT(now.at("packages"), testing::Each(testing::EndsWith(version + ".0 Ok")));
-    EXPECT_THAT(content(std::filesystem::path{FOLDER} / L"release_notes.txt"), HasSubstr(version));
-    EXPECT_NE(now.at("property handlers"), clean.at("property handlers"));
-    EXPECT_NE(now.at("the user's classes"), clean.at("the user's classes"));
-    EXPECT_EQ(now.at("tasks"), texts{});
-    EXPECT_EQ(now.at("Windows Search"), clean.at("Windows Search"));
-}
 
 TEST_F(PackageLife, completes_or_undoes_each_step)
 {
+    const powershell_stand_in powershell;
+    scheduler_stand_in scheduler;
+    const windows_search search;
+    search.start();
     const toy_process explorer{L"explorer.exe", L"--window=none"};
-    const auto clean = machine(*search);
-    EXPECT_THAT(clean.at("files"), testing::SizeIs(1));
-    std::wstring installed; // the package
+    const auto clean = machine(search);
     for (const step& step : STEPS) {
-        SCOPED_TRACE(step.order);
         const std::wstring order = step.order;
-        const bool controlled = order.starts_with(L"/i toy_set-2");
+        SCOPED_TRACE(testing::PrintToString(order));
         std::optional<toy_process> program;
-        if (controlled) {
-            program.emplace(std::wstring{FOLDER} + L"\\Quorbel.exe");
+        if (order.starts_with(L"/i toy_set-2")) { // a controlled upgrade
+            program.emplace(FOLDER / L"Quorbel.exe");
         }
         if (order.ends_with(L"REINSTALL=ALL")) { // a repair restores missing packages
             EXPECT_TRUE(toy_powershell::state_key{}.remove_subkey(L"Packages"));
         }
-        const auto before = machine(*search);
-        ASSERT_EQ(install(order), step.result) << log;
-        EXPECT_THAT(log, HasSubstr(step.reached));
-        const bool fails = order.ends_with(L"FAIL_ON_PURPOSE=1");
-        if (step.result == 1603 && !fails) {
-            EXPECT_THAT(log, testing::Not(HasSubstr("InstallValidate")));
-        }
-        const bool forgotten = engine_is_wine() && fails && !installed.empty();
-        const bool upgrade = forgotten && order.starts_with(L"/i");
-        const auto now = machine(*search);
-        if (step.version == nullptr) {
-            expect_same(now, before, upgrade ? texts{"the package's own values", "tasks"} : texts{});
-        } else if (*step.version == '\0') {
-            expect_same(now, clean, {});
-        } else {
-            expect_version(now, clean, step.version);
-            installed = order.substr(order.find(L' ') + 1);
-        }
-        if (controlled) {
+        scheduler.clear();
+        const auto before = machine(search);
+        const auto [result, log] = run(order);
+        ASSERT_EQ(result, step.result) << log;
+        const auto [sum, list] = compare(before, machine(search));
+        EXPECT_EQ(sum, step.changed) << list;
+        EXPECT_THAT(log + list, testing::HasSubstr(step.reached));
+        if (program) {
             EXPECT_EQ(program->exit_code(), 0U) << "it must close when asked";
-            EXPECT_EQ(runs(L"Quorbel.exe"), !forgotten) << "and be restarted";
+            EXPECT_EQ(end_programs(L"Quorbel.exe"), step.result == 1603 ? 0U : 1U) << "and be restarted";
             end_the_suite();
         }
-        if (forgotten) {
-            repair_after_wine(installed);
-        }
     }
+    EXPECT_EQ(compare(clean, machine(search)).second, "");
+    EXPECT_EQ(powershell.refused(), L"");
+    remove_all(MAKER);
 }
 
 } // namespace
