@@ -10,7 +10,6 @@
 #include "support/toy_suite.h"
 #include "tests/support/powershell_stand_in.h"
 #include "tests/support/scheduler_stand_in.h"
-#include "tests/support/test_limit.h"
 #include "tests/support/windows_search.h"
 
 #include <gmock/gmock.h>
@@ -159,7 +158,6 @@ protected:
         if (!machine_is_disposable()) {
             GTEST_SKIP() << "installs packages: set DISPOSABLE_MACHINE if that is allowed";
         }
-        allow_test(std::chrono::minutes{8});
         remove_everything(); // of an earlier run that was killed
         // A user's file, which must stay. It keeps the folder too, without which Wine cannot restore files.
         create_directories(FOLDER);
