@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 #include <taskschd.h>
+#include <wincrypt.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -33,13 +34,13 @@ using custom_actions::controlled_upgrade::UPGRADE_PACKAGES;
 
 // The calls that are noted, each with its arguments in order: rights asked for (r), and what is shown: a text
 // (t), a number in decimal (d) or hexadecimal (x), the process that a handle is of (p) or that owns a window
-// (w), a privilege's state (a), a desktop (l), whether it is given (?), or nothing (- and .).
+// (w), a privilege's state (a), a desktop (l), a script (s), whether it is given (?), or nothing (- and .).
 constexpr const char* NOTED =
     "AdjustTokenPrivileges --a  ChangeServiceConfig2W -d  ChangeServiceConfigW --d  CoInitializeEx -d  "
     "CoUninitialize . "
     "ControlService -d  ConvertStringSecurityDescriptorToSecurityDescriptorW t  CopyFileW ttd  "
     "CreateDirectoryW t "
-    "CreateEnvironmentBlock --d  CreateFileW tr--dx  CreateProcessAsUserW -t---dx?tl  CreateProcessW -t--dx "
+    "CreateEnvironmentBlock --d  CreateFileW tr--dx  CreateProcessAsUserW -t---dx?tls  CreateProcessW -t--dx "
     "CreateToolhelp32Snapshot r  ImpersonateLoggedOnUser .  MsiSetPropertyW -tt  MsiSetTargetPathW -tt  "
     "OpenProcess r "
     "OpenProcessToken -r  OpenSCManagerW --r  OpenServiceW --r  OpenThreadToken -r  PostMessageW wx "
@@ -51,15 +52,20 @@ constexpr const char* NOTED =
 // What is done again and again, and how it is shown.
 const std::pair<std::wregex, const wchar_t*> FOLDED[]{
     {std::wregex{LR"(CreateEnvironmentBlock 0
-CreateProcessAsUserW <powershell> 0 8000400 own C:\\windows\\system32 winsta0\\default
+CreateProcessAsUserW <powershell> 0 8000400 own C:\\windows\\system32 winsta0\\default( .*)
 logs Controlled upgrade: Starting (\S+) for <user>
 WaitForSingleObject PID 0 (\d+)
 ImpersonateLoggedOnUser
 SetThreadToken
-logs Controlled upgrade: \1 finished in 0 ms, exit (\d); log: <workspace>\\output\\\1.log
+logs Controlled upgrade: \2 finished in 0 ms, exit (\d); log: <workspace>\\output\\\2.log
 )"},
-     L"(runs $1 for $2 ms, exit $3)\n"},
-    {std::wregex{LR"(PostMessageW PID <explorer> 10
+     L"(runs $2 for $3 ms, exit $4:$1)\n"},
+    {std::wregex{LR"(AdjustTokenPrivileges 2
+ImpersonateLoggedOnUser
+SetThreadToken
+AdjustTokenPrivileges 0
+logs Controlled upgrade: Upgrade processes: closing <main> <helper> <explorer>
+PostMessageW PID <explorer> 10
 PostMessageW PID <explorer> 10
 PostMessageW PID <main> 10
 PostMessageW PID <main> 10
@@ -72,16 +78,44 @@ WaitForSingleObject PID <explorer> 5000
 WaitForSingleObject PID <main> 0
 WaitForSingleObject PID <helper> 0
 WaitForSingleObject PID <explorer> 0
+AdjustTokenPrivileges 2
+AdjustTokenPrivileges 0
 )"},
      L"(closes all three)\n"},
-    {std::wregex{
-         L"AdjustTokenPrivileges 2\nImpersonateLoggedOnUser\nSetThreadToken\nAdjustTokenPrivileges 0\n"},
-     L"(finds the host)\n"},
     {std::wregex{L"AdjustTokenPrivileges 2\nAdjustTokenPrivileges 0\n"}, L"(finds no host)\n"},
+    {std::wregex{LR"(RegDeleteKeyExW SOFTWARE.Brenmoor.Quorbel.InstallerMaintenance)"},
+     L"(releases the key)"},
+    {std::wregex{L"RegSetValueExW Created 11\nRegSetValueExW Process 4"}, L"(takes the key)"},
+    {std::wregex{L"logs Controlled upgrade: (.*)\nposts 1000000 Quorbel upgrade: \\1\n"}, L"(fails: $1)\n"},
     {std::wregex{
          L"CreateEnvironmentBlock 0\nCreateProcessAsUserW C:.windows.explorer.exe 0 400 own C:.windows "
-         L"winsta0.default\nSleep 250"},
+         L"winsta0.default .C:.windows.explorer.exe.\nSleep 250"},
      L"(starts Explorer)"}};
+
+// The cmdlets in the script that a command line has, each once; a command line without a script as it is.
+std::wstring cmdlets(const std::wstring& command_line)
+{
+    const std::size_t encoded = command_line.find(L"-EncodedCommand ");
+    if (encoded == std::wstring::npos) {
+        return command_line;
+    }
+    std::wstring script(command_line.size(), L'\0');
+    auto size = static_cast<DWORD>(script.size() * sizeof(wchar_t));
+    CryptStringToBinaryW(
+        command_line.c_str() + encoded + 16,
+        0,
+        CRYPT_STRING_BASE64,
+        reinterpret_cast<BYTE*>(script.data()),
+        &size,
+        nullptr,
+        nullptr);
+    std::wstring names;
+    const std::wregex cmdlet{L"\\b[A-Z][a-z]+-[A-Z][a-zA-Z]+"};
+    for (std::wsregex_iterator found{script.begin(), script.end(), cmdlet}, end; found != end; ++found) {
+        names += names.find(found->str()) == std::wstring::npos ? L' ' + found->str() : L"";
+    }
+    return names.substr(1);
+}
 
 // NOLINTBEGIN(performance-no-int-to-ptr): pointers and handles passed as words
 std::wstring shown(char kind, ULONG_PTR word)
@@ -99,6 +133,8 @@ std::wstring shown(char kind, ULONG_PTR word)
         text << L"PID " << id;
     } else if (kind == 'a') {
         text << reinterpret_cast<const TOKEN_PRIVILEGES*>(word)->Privileges[0].Attributes;
+    } else if (kind == 's') {
+        text << cmdlets(reinterpret_cast<const wchar_t*>(word));
     } else if (kind == 'l') {
         text << reinterpret_cast<const STARTUPINFOW*>(word)->lpDesktop;
     } else {
@@ -163,6 +199,14 @@ const scenario OTHERS[]{
     {"early_close_upgrade, nothing runs", [](stage& on) { on.machine.running = {0}; }},
     {"early_close_upgrade, the main program runs in another session",
      [](stage& on) { on.machine.programs[on.main.id()].session = 2; }},
+    {"early_close_upgrade, the task cannot be registered",
+     [](stage& on) { on.scheduler.fail(L"ITaskFolder::RegisterTaskDefinition"); }},
+    {"early_close_upgrade, another user's programs",
+     [](stage& on) {
+         const std::wstring others =
+             std::regex_replace(on.upgrade_data, std::wregex{L"S-1-[-0-9]*"}, L"S-1-5-18");
+         on.session.set_property(L"begin_controlled_upgrade", others);
+     }},
     {"recover_early_upgrade, no task",
      [](stage& on) { on.session.set_property(L"QblEarlyRecoveryTask", L""); }},
     {"recover_early_upgrade, not a task of ours",
@@ -212,16 +256,15 @@ protected:
     }
 
     // Runs the action and returns its section of the list.
-    std::wstring trace(const scenario& scenario)
+    std::string trace(const scenario& scenario)
     {
         const std::string action = scenario.title.substr(0, scenario.title.find(','));
         machine->furnish(action);
         scenario.change(*machine);
         lines.clear();
+        rights.clear();
         shown_messages = machine->session.messages().size();
         shown_calls = 0;
-        rights.clear();
-        as_user.clear();
         machine->sweep.observe([this](auto function, const auto& arguments) { note(function, arguments); });
         testing::internal::CaptureStdout();
         const UINT code = machine->library.call(action.c_str(), machine->session.handle());
@@ -230,25 +273,23 @@ protected:
         show_news();
         std::wstring text =
             L"== " + custom_actions::widen(scenario.title) + L": " + std::to_wstring(code) + L'\n';
-        text += folded();
-        for (const auto& [what, found] : {std::pair{L"rights:", &rights}, {L"as the user:", &as_user}}) {
-            if (scenario.change == change_nothing && !found->empty()) {
-                text += what;
-                for (const std::wstring& each : *found) {
-                    text += L' ' + each;
-                }
-                text += L'\n';
+        text += counted(folded(lines));
+        if (scenario.change == change_nothing && !rights.empty()) {
+            text += L"with";
+            for (const std::wstring& right : rights) {
+                text += L' ' + right;
             }
+            text += L'\n';
         }
-        return text;
+        return as_ascii(text);
     }
 
     void note(std::string_view function, const call_sweep::words& arguments)
     {
         const std::wstring name = custom_actions::widen(function);
-        show_news();
-        std::wstring line = name;
         const std::string kinds = noted[std::string{function}];
+        std::wstring line = name;
+        show_news();
         for (std::size_t i = 0; i != kinds.size(); ++i) {
             if (kinds[i] == 'r') {
                 rights.insert(name + L'=' + shown('x', arguments.at(i)));
@@ -256,12 +297,12 @@ protected:
                 line += L' ' + shown(kinds[i], arguments.at(i));
             }
         }
+        if (thread_is_impersonating()) {
+            rights.insert(L"user:" + name);
+        }
         const bool opens = function == "CreateFileW" && static_cast<DWORD>(arguments[4]) == OPEN_EXISTING;
         if (!opens && kinds.find_first_not_of("-r") != std::string::npos) {
             show(line);
-        }
-        if (thread_is_impersonating()) {
-            as_user.insert(name);
         }
     }
 
@@ -275,75 +316,66 @@ protected:
         }
         const std::wstring calls = machine->scheduler.calls();
         std::wistringstream news{calls.substr(shown_calls)};
+        shown_calls = calls.size();
         for (std::wstring call; news >> call;) {
-            if (call.ends_with(L"::RegisterTaskDefinition") || call.ends_with(L"::Run") ||
-                call.ends_with(L"::DeleteTask")) {
+            if (std::regex_search(call, std::wregex{L"::(RegisterTaskDefinition|Run|DeleteTask)$"})) {
                 show(call);
             }
         }
-        shown_calls = calls.size();
     }
 
     // Adds a line, with names for what differs from run to run.
     void show(std::wstring line)
     {
-        std::vector<std::pair<std::wstring, std::wstring>> names{
-            {machine->upgrade.workspace, L"<workspace>"},
-            {machine->folder.wstring(), L"<suite>"},
-            {LR"(C:\windows\system32\WindowsPowerShell\v1.0\powershell.exe)", L"<powershell>"},
-            {machine->upgrade.user_sid, L"<user>"}};
+        const auto replace_all = [&line](const std::wstring& value, const std::wstring& name) {
+            for (std::size_t at = 0; (at = line.find(value, at)) != std::wstring::npos; at += name.size()) {
+                line.replace(at, value.size(), name);
+            }
+        };
+        replace_all(machine->upgrade.workspace, L"<workspace>");
+        replace_all(machine->folder.wstring(), L"<suite>");
+        replace_all(machine->upgrade.user_sid, L"<user>");
+        replace_all(LR"(C:\windows\system32\WindowsPowerShell\v1.0\powershell.exe)", L"<powershell>");
         for (std::size_t index = 0; index != UPGRADE_PACKAGES.size(); ++index) {
-            names.emplace_back(UPGRADE_PACKAGES.at(index), L"package-" + std::to_wstring(index));
-        }
-        for (const auto& [value, name] : names) {
-            line = replaced(line, value, name);
+            replace_all(UPGRADE_PACKAGES.at(index), L"package-" + std::to_wstring(index));
         }
         const std::pair<DWORD, const wchar_t*> processes[]{
-            {machine->main.id(), L"<main>"},
-            {machine->helper.id(), L"<helper>"},
-            {machine->explorer.id(), L"<explorer>"},
-            {GetCurrentProcessId(), L"<this>"},
-            {stage::GONE, L"<gone>"}};
+            {machine->main.id(), L"$1<main>"},
+            {machine->helper.id(), L"$1<helper>"},
+            {machine->explorer.id(), L"$1<explorer>"},
+            {GetCurrentProcessId(), L"$1<this>"},
+            {stage::GONE, L"$1<gone>"}};
         for (const auto& [id, name] : processes) {
             const std::wregex whole{L"(PID |closing.* |PIDs:.* )" + std::to_wstring(id) + L"\\b"};
-            line = std::regex_replace(line, whole, std::wstring{L"$1"} + name);
+            line = std::regex_replace(line, whole, name);
         }
-        lines.push_back(std::regex_replace(line, std::wregex{L"\\{[-0-9A-F]{36}\\}"}, L"{GUID}"));
+        lines += std::regex_replace(line, std::wregex{L"\\{[-0-9A-F]{36}\\}"}, L"{GUID}") + L'\n';
     }
 
-    static std::wstring
-    replaced(std::wstring line, const std::wstring& value, const std::wstring& replacement)
+    static std::wstring folded(std::wstring text)
     {
-        for (std::size_t at = 0; (at = line.find(value, at)) != std::wstring::npos;
-             at += replacement.size()) {
-            line.replace(at, value.size(), replacement);
-        }
-        return line;
-    }
-
-    // The lines as text; what is done for package 0 and then likewise for others is counted.
-    [[nodiscard]] std::wstring folded() const
-    {
-        std::wstring all;
-        for (const std::wstring& line : lines) {
-            all += line + L'\n';
-        }
         for (const auto& [fold, name] : FOLDED) {
-            all = std::regex_replace(all, fold, name);
+            text = std::regex_replace(text, fold, name);
         }
-        std::vector<std::pair<std::wstring, unsigned>> counted;
-        std::wistringstream stream{all};
+        return text;
+    }
+
+    // Counts a line that is repeated, and one that is there for package 0 and again for others.
+    static std::wstring counted(const std::wstring& text)
+    {
+        std::vector<std::pair<std::wstring, unsigned>> counts;
+        std::wistringstream stream{text};
         for (std::wstring line; std::getline(stream, line);) {
             const std::wstring first = std::regex_replace(line, std::wregex{L"-[1-7]"}, L"-0");
-            const auto found = std::ranges::find(counted, first, &decltype(counted)::value_type::first);
-            if (found != counted.end() && (first != line || found + 1 == counted.end())) {
+            const auto found = std::ranges::find(counts, first, &decltype(counts)::value_type::first);
+            if (found != counts.end() && (first != line || found + 1 == counts.end())) {
                 ++found->second;
             } else {
-                counted.emplace_back(line, 1U);
+                counts.emplace_back(line, 1U);
             }
         }
-        all.clear();
-        for (const auto& [line, times] : counted) {
+        std::wstring all;
+        for (const auto& [line, times] : counts) {
             all += line + (times == 1 ? L"" : L" x" + std::to_wstring(times)) + L'\n';
         }
         return all;
@@ -351,11 +383,10 @@ protected:
 
     std::optional<furnished_machine> machine;
     std::map<std::string, std::string> noted;
-    std::vector<std::wstring> lines;
+    std::wstring lines;
+    std::set<std::wstring> rights; // and, with "user:", the calls under another identity
     std::size_t shown_messages = 0;
     std::size_t shown_calls = 0;
-    std::set<std::wstring> rights;
-    std::set<std::wstring> as_user; // the calls
 };
 
 TEST_F(ActionTrace, is_as_listed)
@@ -364,7 +395,7 @@ TEST_F(ActionTrace, is_as_listed)
     std::ifstream list{SOURCE_DIR "/tests/library/action_traces.txt"};
     std::string title;
     for (std::string line; std::getline(list, line); listed[title] += line + '\n') {
-        title = line.starts_with("== ") ? line.substr(3, line.rfind(':') - 3) : title;
+        title = line.starts_with("== ") ? line.substr(3, line.rfind(": ") - 3) : title;
     }
     std::vector<scenario> all{std::begin(OTHERS), std::end(OTHERS)};
     for (const std::string& action : pe_image{machine->library.module()}.exported_names()) {
@@ -373,7 +404,7 @@ TEST_F(ActionTrace, is_as_listed)
     EXPECT_EQ(listed.size(), all.size());
     std::ofstream actual{std::filesystem::path{beside_this_program(L"action_traces.txt")}, std::ios::binary};
     for (const scenario& scenario : all) {
-        const std::string found = as_ascii(trace(scenario));
+        const std::string found = trace(scenario);
         EXPECT_EQ(found, listed[scenario.title]) << "build/mingw/action_traces.txt has all as they are now";
         actual << found;
     }
