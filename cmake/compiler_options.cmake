@@ -40,7 +40,9 @@ else()
               -Wundef
               -Wunused
               -fstack-protector-strong
-              -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
+              # No folder of this machine in the output; of these two the last one that matches counts.
+              -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.
+              -fdebug-prefix-map=${PROJECT_BINARY_DIR}=.)
   # Static runtime here too, and reproducible output.
   target_link_options(project_options INTERFACE -static -fstack-protector-strong -Wl,--dynamicbase,--high-entropy-va,--nxcompat
                       -Wl,--no-insert-timestamp)
@@ -66,11 +68,13 @@ function(split_symbols library)
   if(MSVC OR CUSTOM_ACTIONS_COVERAGE)
     return()
   endif()
+  # It writes the time into both files, and the library has the symbol file's checksum.
+  set(reproducible_objcopy ${CMAKE_COMMAND} -E env SOURCE_DATE_EPOCH=0 ${CMAKE_OBJCOPY})
   add_custom_command(
     TARGET ${library}
     POST_BUILD
-    COMMAND ${CMAKE_OBJCOPY} --only-keep-debug ${library}.dll ${library}.dll.debug
-    COMMAND ${CMAKE_COMMAND} -E env SOURCE_DATE_EPOCH=0 ${CMAKE_OBJCOPY} --strip-all --add-gnu-debuglink=${library}.dll.debug ${library}.dll
+    COMMAND ${reproducible_objcopy} --only-keep-debug ${library}.dll ${library}.dll.debug
+    COMMAND ${reproducible_objcopy} --strip-all --add-gnu-debuglink=${library}.dll.debug ${library}.dll
     WORKING_DIRECTORY $<TARGET_FILE_DIR:${library}>
     VERBATIM)
 endfunction()
