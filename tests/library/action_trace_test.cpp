@@ -40,7 +40,7 @@ constexpr const char* NOTED =
     "CoUninitialize . "
     "ControlService -d  ConvertStringSecurityDescriptorToSecurityDescriptorW t  CopyFileW ttd  "
     "CreateDirectoryW t "
-    "CreateEnvironmentBlock --d  CreateFileW tr--dx  CreateProcessAsUserW -t---dx?tls  CreateProcessW -t--dx "
+    "CreateEnvironmentBlock --d  CreateFileW tr--dx  CreateProcessAsUserW -ts--dx?tl  CreateProcessW -t--dx "
     "CreateToolhelp32Snapshot r  ImpersonateLoggedOnUser .  MsiSetPropertyW -tt  MsiSetTargetPathW -tt  "
     "OpenProcess r "
     "OpenProcessToken -r  OpenSCManagerW --r  OpenServiceW --r  OpenThreadToken -r  PostMessageW wx "
@@ -52,14 +52,14 @@ constexpr const char* NOTED =
 // What is done again and again, and how it is shown.
 const std::pair<std::wregex, const wchar_t*> FOLDED[]{
     {std::wregex{LR"(CreateEnvironmentBlock 0
-CreateProcessAsUserW <powershell> 0 8000400 own C:\\windows\\system32 winsta0\\default( .*)
+CreateProcessAsUserW <powershell> (.*) 0 8000400 own C:\\windows\\system32 winsta0\\default
 logs Controlled upgrade: Starting (\S+) for <user>
 WaitForSingleObject PID 0 (\d+)
 ImpersonateLoggedOnUser
 SetThreadToken
 logs Controlled upgrade: \2 finished in 0 ms, exit (\d); log: <workspace>\\output\\\2.log
 )"},
-     L"(runs $2 for $3 ms, exit $4:$1)\n"},
+     L"(runs $2 for $3 ms, exit $4: $1)\n"},
     {std::wregex{LR"(AdjustTokenPrivileges 2
 ImpersonateLoggedOnUser
 SetThreadToken
@@ -87,9 +87,9 @@ AdjustTokenPrivileges 0
      L"(releases the key)"},
     {std::wregex{L"RegSetValueExW Created 11\nRegSetValueExW Process 4"}, L"(takes the key)"},
     {std::wregex{L"logs Controlled upgrade: (.*)\nposts 1000000 Quorbel upgrade: \\1\n"}, L"(fails: $1)\n"},
-    {std::wregex{
-         L"CreateEnvironmentBlock 0\nCreateProcessAsUserW C:.windows.explorer.exe 0 400 own C:.windows "
-         L"winsta0.default .C:.windows.explorer.exe.\nSleep 250"},
+    {std::wregex{LR"(CreateEnvironmentBlock 0
+CreateProcessAsUserW C:.windows.explorer.exe "C:.windows.explorer.exe" 0 400 own C:.windows winsta0.default
+Sleep 250)"},
      L"(starts Explorer)"}};
 
 // The cmdlets in the script that a command line has, each once; a command line without a script as it is.
