@@ -38,6 +38,9 @@ public:
     // The unexpected calls; empty if there were none.
     [[nodiscard]] std::wstring unexpected() const { return state().text(L"Unexpected").value_or(L""); }
 
+    // The calls since clear(), a line each: "ITaskService::Connect".
+    [[nodiscard]] std::wstring calls() const { return state().text(L"Calls").value_or(L""); }
+
     // The number of objects alive in the process that used it last.
     [[nodiscard]] DWORD objects() const { return state().number(L"Objects").value_or(0); }
 
