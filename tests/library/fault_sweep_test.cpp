@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <chrono>
 #include <iostream>
+#include <map>
 #include <optional>
 #include <set>
 #include <span>
@@ -80,6 +81,9 @@ constexpr silence SILENCES[]{
     {"msix_uninstall_package", "MultiByteToWideChar ReadFile WaitForSingleObject", "output is missing"},
 };
 
+// A record whose text could not be set, as the installer formats it.
+constexpr const wchar_t* EMPTY_RECORD = L"1:  ";
+
 // Whether `text` has `word` between spaces.
 bool has_word(std::string_view text, std::string_view word)
 {
@@ -114,6 +118,9 @@ protected:
         bool reported = false;
         bool last_reports = false;
         for (const posted_message& message : said) {
+            if (failing == "MsiRecordSetStringW" && message.text == EMPTY_RECORD) {
+                continue;
+            }
             const auto* const known = documented_.find(message);
             EXPECT_NE(known, nullptr) << "not in docs/actions.md: " << testing::PrintToString(message);
             last_reports = known != nullptr && known->reports_failure() && !normal_.contains(known);
@@ -169,6 +176,17 @@ protected:
         }
     }
 
+    // The n-th call and those around it. In the later rounds of a loop they are the same.
+    [[nodiscard]] std::string surroundings(std::size_t nth) const
+    {
+        constexpr std::size_t reach = 8;
+        std::string around;
+        for (std::size_t i = nth - std::min(nth, reach); i != std::min(nth + reach, calls_.size()); ++i) {
+            around.append(calls_[i]).append(" ");
+        }
+        return around;
+    }
+
     void inject(std::size_t nth)
     {
         const std::string failing = calls_[nth - 1];
@@ -211,12 +229,18 @@ TEST_P(FaultSweep, returns_one_of_its_codes_says_what_failed_and_leaves_nothing_
     calls_ = stage_->sweep.calls();
     const std::wstring object_calls = stage_->scheduler.calls();
     allow_test(std::chrono::minutes{5});
+    // A third round of a loop would show nothing that the first two have not.
+    std::map<std::string, int> rounds;
     for (std::size_t nth = 1; nth <= calls_.size() && !HasFailure(); ++nth) {
-        inject(nth);
+        if (++rounds[surroundings(nth)] <= 2) {
+            inject(nth);
+        }
     }
     inject_into_objects(object_calls);
     EXPECT_GE(faults_, 2U);
-    EXPECT_EQ(documented_.never_said(), "") << "documented for a failing call and not said by " << GetParam();
+    if (!HasFailure()) {
+        EXPECT_EQ(documented_.never_said(), "") << "documented for a failing call, but not said";
+    }
     if (const std::string output = testing::internal::GetCapturedStdout(); HasFailure()) {
         std::cout << output;
     }

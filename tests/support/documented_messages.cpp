@@ -57,7 +57,7 @@ std::vector<std::string> quoted(const std::string& line)
 
 std::vector<documented_text> read_documented_texts()
 {
-    static const std::regex list_of_actions{R"((For )?(`\w+`(, |,|\.))+)"};
+    static const std::regex list_of_actions{R"((For|and for) (`\w+`(,? and |, |,|\.))+)"};
     static const std::regex head{R"(\| (Log line|Log line of a failure|Error|Message|Notice|Standard output) \|.*)"};
     static const std::regex row{R"((\| |- )`([^`]+)`( \| ([^|]*) \|.*)?)"};
     std::vector<documented_text> texts;
@@ -70,7 +70,6 @@ std::vector<documented_text> read_documented_texts()
         if (line.starts_with('#')) {
             actions = {line.substr(line.find(' ') + 1)};
         } else if (std::regex_match(line, list_of_actions)) {
-            std::erase_if(actions, [](const std::string& title) { return title.find('_') == std::string::npos; });
             std::ranges::copy(quoted(line), std::back_inserter(actions));
         } else if (std::regex_match(line, part, head)) {
             heading = part[1];
