@@ -4,7 +4,8 @@
 
 #include <algorithm>
 #include <fstream>
-#include <stdexcept>
+#include <iterator>
+#include <string_view>
 
 namespace test_support {
 namespace {
@@ -23,6 +24,22 @@ const std::map<std::string, std::string> PLACEHOLDERS{
     {"command", R"(powershell\.exe -NoProfile -ExecutionPolicy Bypass -Command ".+")"},
     {"text", ".+"},
     {"empty line", "\n\n"}};
+
+struct kind {
+    std::string_view heading;
+    UINT type;
+    std::string prefix;
+    bool reports_failure;
+};
+
+// What a heading means.
+const kind KINDS[]{
+    {"Log line", INSTALLMESSAGE_INFO, "", false},
+    {"Log line of a failure", INSTALLMESSAGE_INFO, "", true},
+    {"Error", INSTALLMESSAGE_ERROR, "", true},
+    {"Message", INSTALLMESSAGE_INFO, "Controlled upgrade: ", true},
+    {"Message", INSTALLMESSAGE_ERROR, "Quorbel upgrade: ", true},
+    {"Notice", INSTALLMESSAGE_USER | UINT{MB_ICONINFORMATION}, "", false}};
 
 // `messages` is for "<messages>".
 std::string pattern_of(const std::string& text, const std::string& messages = {})
@@ -58,7 +75,8 @@ std::vector<std::string> quoted(const std::string& line)
 std::vector<documented_text> read_documented_texts()
 {
     static const std::regex list_of_actions{R"((For|and for) (`\w+`(,? and |, |,|\.))+)"};
-    static const std::regex head{R"(\| (Log line|Log line of a failure|Error|Message|Notice|Standard output) \|.*)"};
+    static const std::regex head{
+        R"(\| (Log line|Log line of a failure|Error|Message|Notice|Standard output) \|.*)"};
     static const std::regex row{R"((\| |- )`([^`]+)`( \| ([^|]*) \|.*)?)"};
     std::vector<documented_text> texts;
     std::vector<std::string> actions;
@@ -78,44 +96,35 @@ std::vector<documented_text> read_documented_texts()
             heading = "Log line"; // of a list
             has_calls = false;
         } else if (std::regex_match(line, part, row) && (part[1] == "- " || part[4].matched)) {
-            texts.push_back({actions, heading, part[2], has_calls ? quoted(part[4]) : std::vector<std::string>{}});
+            texts.push_back(
+                {actions, heading, part[2], has_calls ? quoted(part[4]) : std::vector<std::string>{}});
         }
     }
     return texts;
 }
 
-documented_messages::documented_messages(const std::string& action) : texts_{read_documented_texts()}
+documented_messages::documented_messages(const std::string& action)
 {
+    std::vector<documented_text> texts = read_documented_texts();
+    std::erase_if(texts, [&](const auto& other) { return std::ranges::count(other.actions, action) == 0; });
     // Several in one message are separated by "; ", and so is what failed later.
     std::string any;
-    for (const auto& [actions, heading, text, calls] : texts_) {
-        if (heading == "Message" && std::ranges::count(actions, action) != 0 && !text.ends_with("<messages>")) {
+    for (const auto& [actions, heading, text, calls] : texts) {
+        if (heading == "Message" && !text.ends_with("<messages>")) {
             any += (any.empty() ? "" : "|") + pattern_of(text);
         }
     }
     const std::string several = "(?:(?:; rollback preparation: )?(?:" + any + ")(?:; )?)+";
-    for (const documented_text& source : texts_) {
-        if (std::ranges::count(source.actions, action) == 0) {
-            continue;
+    for (const auto& [actions, heading, text, calls] : texts) {
+        for (const auto& [of_heading, type, prefix, reports_failure] : KINDS) {
+            if (heading == of_heading) {
+                const std::wstring pattern = widen(prefix + pattern_of(text, several));
+                messages_.push_back({type, std::wregex{pattern}, reports_failure});
+            }
         }
-        const auto add = [&](UINT type, const std::string& prefix) {
-            messages_.push_back(
-                {&source, type, std::wregex{widen(prefix + pattern_of(source.text, several))}});
-        };
-        if (source.heading == "Message") {
-            add(INSTALLMESSAGE_INFO, "Controlled upgrade: ");
-            add(INSTALLMESSAGE_ERROR, "Quorbel upgrade: ");
-        } else if (source.heading == "Notice") {
-            add(INSTALLMESSAGE_USER | MB_ICONINFORMATION, "");
-        } else if (source.heading != "Standard output") {
-            add(source.heading == "Error" ? INSTALLMESSAGE_ERROR : INSTALLMESSAGE_INFO, "");
+        for (const std::string& function : calls) {
+            not_said_.emplace(std::pair{function, text}, widen(pattern_of(text)));
         }
-        for (const std::string& function : source.calls) {
-            not_said_.emplace(std::pair{function, source.text}, widen(pattern_of(source.text)));
-        }
-    }
-    if (messages_.empty()) {
-        throw std::runtime_error{"docs/actions.md says nothing about " + action};
     }
 }
 

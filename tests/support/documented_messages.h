@@ -3,7 +3,6 @@
 #include "support/real_session.h"
 
 #include <map>
-#include <optional>
 #include <regex>
 #include <string>
 #include <utility>
@@ -27,20 +26,12 @@ std::vector<documented_text> read_documented_texts();
 class documented_messages {
 public:
     struct message {
-        const documented_text* source;
         UINT type;
         std::wregex whole;
-
-        [[nodiscard]] bool reports_failure() const
-        {
-            return source->heading != "Log line" && source->heading != "Notice";
-        }
+        bool reports_failure;
     };
 
     explicit documented_messages(const std::string& action);
-
-    documented_messages(const documented_messages&) = delete;
-    documented_messages& operator=(const documented_messages&) = delete;
 
     // The documented message that this is, to its type and its last letter; null if there is none.
     const message* find(const posted_message& posted);
@@ -52,7 +43,6 @@ public:
     [[nodiscard]] std::string never_said() const;
 
 private:
-    const std::vector<documented_text> texts_;
     std::vector<message> messages_;
     std::map<std::pair<UINT, std::wstring>, const message*> found_;
     std::map<std::pair<std::string, std::string>, std::wregex> not_said_; // by function and text

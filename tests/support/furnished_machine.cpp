@@ -160,8 +160,15 @@ void furnished_machine::begin_upgrade() const
     const std::filesystem::path workspace = upgrade.workspace;
     std::filesystem::create_directories(workspace / L"output");
     std::set<std::string> missing{
-        "backup-complete", "shutdown-started", "packages-touched", "packages-verified", "search-delayed-start",
-        "search-running",  "helper-running",   "search-start-type-2", "registered-0"};
+        "backup-complete",
+        "shutdown-started",
+        "packages-touched",
+        "packages-verified",
+        "search-delayed-start",
+        "search-running",
+        "helper-running",
+        "search-start-type-2",
+        "registered-0"};
     for (const auto& entry : std::filesystem::directory_iterator{workspace}) {
         if (missing.erase(entry.path().filename().string()) == 0 && !entry.is_directory()) {
             std::filesystem::remove(entry);
