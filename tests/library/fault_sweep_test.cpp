@@ -80,6 +80,9 @@ constexpr silence SILENCES[]{
 // A record whose text could not be set, as the installer formats it.
 constexpr const wchar_t* EMPTY_RECORD = L"1:  ";
 
+// The standard error of the machine's programs, which fail nothing.
+constexpr const wchar_t* STANDARD_ERROR = L"PowerShell Error: <text>";
+
 // Whether `text` has `word` between spaces.
 bool has_word(std::string_view text, std::string_view word)
 {
@@ -123,6 +126,8 @@ protected:
             last_reports = known != nullptr && known->reports_failure && !normal_.contains(known);
             reported = reported || last_reports;
             if (learning_) {
+                EXPECT_TRUE(!last_reports || message.text.ends_with(STANDARD_ERROR))
+                    << "reports a failure, but nothing failed: " << testing::PrintToString(message);
                 normal_.insert(known);
             } else {
                 documented_.note(failing, message.text);
