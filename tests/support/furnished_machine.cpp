@@ -11,7 +11,7 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
-#include <sstream>
+#include <set>
 #include <string_view>
 
 namespace test_support {
@@ -54,7 +54,9 @@ void furnished_machine::furnish(const std::string& action)
 {
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software");
     RegDeleteTreeW(HKEY_CURRENT_USER, L"Software");
-    std::filesystem::remove_all(upgrade.workspace); // throws if one of its files was left open
+    if (action == "begin_controlled_upgrade") {
+        std::filesystem::remove_all(upgrade.workspace); // throws if one of its files was left open
+    }
     // Process 0 would show the caller's own modules; the next one ends at once.
     machine.programs = {
         {0, {L"[System Process]", L"Quorbel.WindowOrganizer.Hook.dll", {}}},
@@ -162,15 +164,28 @@ void furnished_machine::plant_icon_handlers(const wchar_t* handler)
     plant_foreign(drive_c, DRIVE_ICON_BACKUP);
 }
 
-// Creates the workspace as the earlier phases leave it.
+// Makes the workspace as the earlier phases leave it. Changes no more than it must: deleting files is what
+// takes longest in an emulator.
 void furnished_machine::begin_upgrade() const
 {
     const std::filesystem::path workspace = upgrade.workspace;
     std::filesystem::create_directories(workspace / L"output");
-    std::istringstream markers{
-        "backup-complete shutdown-started packages-touched packages-verified search-delayed-start "
-        "search-running helper-running search-start-type-2 registered-0"};
-    for (std::string name; markers >> name;) {
+    std::set<std::string> missing{
+        "backup-complete",
+        "shutdown-started",
+        "packages-touched",
+        "packages-verified",
+        "search-delayed-start",
+        "search-running",
+        "helper-running",
+        "search-start-type-2",
+        "registered-0"};
+    for (const auto& entry : std::filesystem::directory_iterator{workspace}) {
+        if (missing.erase(entry.path().filename().string()) == 0 && !entry.is_directory()) {
+            std::filesystem::remove(entry);
+        }
+    }
+    for (const std::string& name : missing) {
         std::ofstream{workspace / name} << '1';
     }
 }
