@@ -5,7 +5,8 @@
 #   library   the library alone
 #   demo      the library, and the sample package with its toy programs
 set -eu
-source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+source "$(dirname "$0")/common.sh"
+cd "$project"
 [ $# -le 1 ] || refuse "$2"
 case ${1:-all} in
   library) scripts/setup.sh build; target=custom_actions ;;

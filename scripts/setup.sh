@@ -4,7 +4,8 @@
 # Installs the packages of Debian 12 or 13 that these need (without arguments: all of them), as root or with sudo.
 # Quick and silent if they are there.
 set -eu
-source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+source "$(dirname "$0")/common.sh"
+cd "$project"
 
 build=(
   cmake
