@@ -11,7 +11,10 @@ refuse() {
 }
 
 # The processors that this script may use, such as 0-1 or 0,2.
-processors() { taskset -cp $$ | sed 's/.*: //'; }
+while read -r key allowed_processors; do [ "$key" != Cpus_allowed_list: ] || break; done </proc/$$/status
+
+# stay_on PROCESSOR: from here on this script and what it starts use this one alone.
+stay_on() { [ "$allowed_processors" = "$1" ] || taskset -cp "$1" $$ >/dev/null; }
 
 if [ "${1:-}" = --help ]; then
   usage

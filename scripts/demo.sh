@@ -24,8 +24,7 @@ if [ -n "$build" ]; then
 fi
 
 # The first of the processors, as other programs in Wine run on the last: see wine.sh.
-allowed=$(processors)
-taskset -cp "${allowed%%[-,]*}" $$ >/dev/null
+stay_on "${allowed_processors%%[-,]*}"
 
 # --- the report --------------------------------------------------------------------------------------------------------
 
@@ -43,7 +42,7 @@ begin_step() {
   step_passed=$passed
   started=$SECONDS
   log=$logs # until the step has one of its own
-  printf '%2d. %-76s' "$step" "$1"
+  printf '%2d. %-80s' "$step" "$1"
   line_open=yes
   say '\n'
 }
@@ -53,7 +52,7 @@ end_step() {
   failed=$(step_failures)
   result="ok ($((passed - step_passed)) checks, $((SECONDS - started)) s)"
   [ "$failed" = 0 ] || result="FAILED ($failed of $((passed - step_passed + failed)) checks)"
-  [ -n "$line_open" ] || printf '%80s' ''
+  [ -n "$line_open" ] || printf '%84s' ''
   printf '%s\n' "$result"
   line_open=
 }
@@ -242,19 +241,18 @@ running() {
     read -rd '' path 2>/dev/null <"$process/cmdline" && printf '%s\n' "$path"
   done
 }
-suite_programs() { running | sed -n 's/^.*\\Quorbel\\//p' | sort | paste -sd' '; }
+suite_programs() { running | sed -n 's/^.*\\Quorbel\\//p' | LC_ALL=C sort | paste -sd' '; }
 runs() { running | grep -qixF "$1" && echo runs; }
-# Waits until nothing on the machine has anything to do: then the programs that were started have their windows.
+# Waits until nothing on the machine has anything to do: then the programs that were started have their windows. An
+# answer of Wine's server wakes a program, so one look is not enough.
 settled() {
-  local quiet=0 end=$((SECONDS + 30)) process state
-  while [ "$quiet" -lt 10 ]; do
-    [ "$SECONDS" -lt "$end" ] || { expected="no process in state R or D within 30 s" && found=$process; return 1; }
+  local look end=$((SECONDS + 30))
+  for ((look = 0; look < 5; look++)); do
     sleep 0.05
-    quiet=$((quiet + 1))
-    for process in $(processes); do
-      state=$(sed -n 's/^State:.//p' "$process"/task/*/status 2>/dev/null)
-      [[ $state != *[RD]\ * ]] || quiet=0
-    done
+    found=$(grep -lE '^State:.[RD]' $(processes | sed 's#$#/task/*/status#') 2>/dev/null) || continue
+    look=0
+    expected="every program waits, within 30 s"
+    [ "$SECONDS" -lt "$end" ] || return 1
   done
 }
 # start_and_wait PROGRAM [ARGUMENT...]: starts a program that stays, and waits until it has its window.
@@ -273,7 +271,7 @@ start_programs() {
   cp build/mingw/toy_program.exe "$installed/explorer.exe"
   cp build/mingw/toy_extension.dll "$installed/Sorvane.Rate.ShellExtension.dll"
   for name in "$@"; do start_program "$name"; done
-  check "the suite's programs have started" becomes "$(printf '%s\n' "$@" | sort | paste -sd' ')" suite_programs
+  check "the suite's programs have started" becomes "$(printf '%s\n' "$@" | LC_ALL=C sort | paste -sd' ')" suite_programs
   check "they wait for the user" settled
 }
 remove_shell_host() { rm -f "$installed/explorer.exe" "$installed/Sorvane.Rate.ShellExtension.dll"; }
@@ -352,20 +350,19 @@ check_search "Quorbel 1.4.2" "Quorbel 1.5.0"
 check "no restart notice" not_logged "Quorbel has been removed."
 packages_before=$(packages)
 
-# Programs, helper service and tray run; an Explorer has an extension loaded; a folder window is open.
+# use_the_suite [PROGRAM]: program, helper service, tray and this one run; an Explorer has an extension loaded; a folder
+# window is open.
 use_the_suite() {
   batch "reg add $stand_in\\PowerShell /v OpenFolders /t REG_MULTI_SZ /d $folder_window /f" >/dev/null 2>&1
-  start_programs Quorbel.exe Quorbel.Kindra.HelperService.exe Quorbel.SystemTray.exe \
-    Quorbel.AutoTagging.Service.exe explorer.exe
+  start_programs Quorbel.exe Quorbel.Kindra.HelperService.exe Quorbel.SystemTray.exe "$@" explorer.exe
 }
 after_upgrade="Quorbel.Kindra.HelperService.exe Quorbel.SystemTray.exe Quorbel.exe"
 no_recovery_task() { check "no recovery task is left" is "" recovery_task Path; }
 # check_suite_is_back TIMES: everything runs as before; Windows Search was stopped and started TIMES times.
 check_suite_is_back() {
   check_exit "Quorbel.exe had closed when it was asked early" Quorbel.exe 0
-  check_exit "the auto-tagging service, which ignores the request, was ended" Quorbel.AutoTagging.Service.exe 1
   check_exit "the Explorer with the extension was ended" explorer.exe 1
-  check "program, helper and tray run; the auto-tagging service is not started" becomes "$after_upgrade" suite_programs
+  check "program, helper and tray run" becomes "$after_upgrade" suite_programs
   check "Windows' own Explorer runs" becomes runs runs 'C:\windows\explorer.exe'
   check "Windows Search was stopped and started (times: $1)" is "0x$1 stops, 0x$1 starts" search_was_asked
   check "Windows Search runs" becomes RUNNING search_state
@@ -381,11 +378,14 @@ marker() {
   find "$drive_c/windows" -path "*/${workspace:-none}/$1" | sed 's#.*/##'
 }
 
+# The program of the suite that ignores the request to close: each phase that asks it waits to the end of its time.
+auto_tagging=Quorbel.AutoTagging.Service.exe
+check_auto_tagging() { check_exit "the auto-tagging service, which ignores the request, was ended" $auto_tagging 1; }
+
 # failing_upgrade LOG TIMES ARGUMENT...: an upgrade from 1.5.0 to 2.0.0 that fails and is rolled back. Wine runs the
 # OnExit="error" actions before the rollback, so the package skips the recovery task there; it is run by hand here.
 failing_upgrade() {
   local task arguments
-  use_the_suite
   run_installer "$1" /i "$(package 2.0.0)" "${@:3}"
   check "the installer failed" is failed installer_result
   say '    run by hand: the recovery task\n'
@@ -411,7 +411,9 @@ end_suite() { end_programs Quorbel.exe Quorbel.Kindra.HelperService.exe Quorbel.
 begin_step "Controlled upgrade to 2.0.0, in which a package cannot be registered"
 # The new package, not the saved one.
 batch "reg add $stand_in\\PowerShell\\Orders /v FailAdd /d Quorbel\\Sorvane.Rate.Package.msix /f" >/dev/null 2>&1
+use_the_suite $auto_tagging
 failing_upgrade failing-package 1
+check_auto_tagging
 check "the packages before it were registered" logged "Controlled upgrade: install-3 finished in "
 check "and none after it" not_logged "Controlled upgrade: install-4 "
 check "everything was undone" is rollback-complete marker rollback-complete
@@ -421,6 +423,7 @@ install_again
 begin_step "Controlled upgrade to 2.0.0, in which the tray does not return"
 batch "reg add $stand_in\\PowerShell\\Orders /v LoseStart /d Quorbel.SystemTray.exe /f" \
   "reg add $stand_in\\PowerShell\\Orders /v TrayWaitMs /t REG_DWORD /d 500 /f" >/dev/null 2>&1
+use_the_suite
 failing_upgrade failing-tray 2
 check "the new version was closed before the old files came back" \
   logged "Runtime failure: candidate shutdown attempted before MSI file rollback."
@@ -429,6 +432,7 @@ check "the rollback is not marked complete" is "" marker rollback-complete
 install_again
 
 begin_step "Controlled upgrade to 2.0.0, with a failure after it was committed"
+use_the_suite
 failing_upgrade failing-later 1 FAIL_ON_PURPOSE=1
 check "it was committed" is committed marker committed
 check "everything was undone" is rollback-complete marker rollback-complete
@@ -440,23 +444,20 @@ run_installer cancelled-upgrade /i "$(package 2.0.0)" CANCEL_ON_PURPOSE=1
 check "the installer was cancelled" is cancelled installer_result
 check_exit "Quorbel.exe had closed when it was asked early" Quorbel.exe 0
 check "the cancelled session restarted it at its end" logged "Early recovery completed as original desktop user."
-# The early close leaves the auto-tagging service and Explorer running.
-check "program, helper and tray run" becomes \
-  "Quorbel.AutoTagging.Service.exe Quorbel.Kindra.HelperService.exe Quorbel.SystemTray.exe Quorbel.exe explorer.exe" \
-  suite_programs
+check "program, helper and tray run; Explorer was not ended" becomes "$after_upgrade explorer.exe" suite_programs
 no_recovery_task
 check "the files are those of 1.5.0" is "Quorbel 1.5.0" notes
 check "the packages are as before: $packages_before" is "$packages_before" packages
 end_suite
-end_programs Quorbel.AutoTagging.Service.exe
 
 begin_step "Controlled upgrade to 2.0.0"
-use_the_suite
+use_the_suite $auto_tagging
 run_installer upgrade-2.0.0 /i "$(package 2.0.0)"
 check "the installer succeeded" is succeeded installer_result
 check "the files are those of 2.0.0" is "Quorbel 2.0.0" notes
 check "all eight packages are of 2.0.0" is "8 2.0.0.0" packages
 check_suite_is_back 1
+check_auto_tagging
 check "three programs closed when they were asked early" logged "Early graceful outcome: exited 3; remaining 1"
 check "Windows Search was disabled meanwhile" logged "Windows Search restart blocked; saved startup type 3"
 check "its start type was restored" logged "Windows Search startup configuration restored: 3"

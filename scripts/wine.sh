@@ -34,8 +34,7 @@ esac
 # Everything in the prefix runs on one processor, the last that the caller may use. Programs call Wine's server all the
 # time, and waking another processor for each answer costs far more than the answer (a fault sweep: 60 s on two
 # processors, 4 s on one).
-allowed=$(processors)
-[[ $allowed =~ ^[0-9]+$ ]] || taskset -cp "${allowed##*[-,]}" $$ >/dev/null
+stay_on "${allowed_processors##*[-,]}"
 
 # within SECONDS COMMAND...: runs the command with a time limit; says so if it is exceeded.
 within() {
@@ -70,6 +69,9 @@ if [ ! -f "$WINEPREFIX/.ready" ]; then
     fi
   ) 9>"$WINEPREFIX/.lock"
 fi
+
+# Wine starts a program without a path by means of another one, which takes twice as long.
+case $1 in *[/\\.]*) ;; *) set -- "C:\\windows\\system32\\$1.exe" "${@:2}" ;; esac
 
 # The prefix's services inherit the pipes of the program that starts them, and a reader of those pipes would wait for
 # the services to end. So they are started here, without pipes, and stay.
