@@ -106,10 +106,18 @@ export QBL_WINE_PREFIX=build/wine_demo
 drive_c=$QBL_WINE_PREFIX/drive_c
 wine() { scripts/wine.sh "$@" </dev/null; }
 
-# batch COMMAND...: runs these command lines in one start of Wine's command interpreter.
+# batch COMMAND...: runs these command lines in one start of Wine's command interpreter, whether they succeed or not.
 batch() {
   printf '%s\r\n' '@echo off' "$@" >"$logs/batch.cmd"
-  wine cmd /c "${logs//\//\\}\\batch.cmd"
+  wine cmd /c "${logs//\//\\}\\batch.cmd" >"$logs/batch.out" 2>"$logs/batch.err" || true
+}
+# succeeds PROGRAM [ARGUMENT...]: whether it does.
+succeeds() {
+  local code=0
+  wine "$@" >"$logs/program.out" 2>&1 || code=$?
+  expected="exit code 0 of $1"
+  found="$code; $(tr -d '\r' <"$logs/program.out" | tail -n 1)"
+  [ "$code" = 0 ]
 }
 
 # A new machine at each run: links to the files of one that was never used, and a registry of its own.
@@ -148,7 +156,8 @@ look() {
   seen=$logs/$(printf %02d "$step")-registry.txt
   batch "reg query $handlers /s" 'reg query HKEY_LOCAL_MACHINE\SOFTWARE\Classes\SystemFileAssociations /s' \
     'reg query HKEY_CURRENT_USER\Software\Classes /s' 'reg query HKEY_LOCAL_MACHINE\SOFTWARE\Brenmoor /s' \
-    "reg query $stand_in /s" "reg query $search /s" 2>/dev/null | tr -d '\r' >"$seen"
+    "reg query $stand_in /s" "reg query $search /s"
+  tr -d '\r' <"$logs/batch.out" >"$seen"
 }
 # values KEY NAME: the data of each value of this name in the key and below, as they were at the last look.
 values() {
@@ -198,7 +207,7 @@ run_installer() {
   begin=$logs/$(printf %02d "$step")-$1
   log=$begin.log
   shift
-  batch "reg delete $search\\Asked /f" >/dev/null 2>&1 || true
+  batch "reg delete $search\\Asked /f"
   result=0
   wine msiexec "$@" /qn '/l*v' "$log" >"$begin.out" 2>&1 || result=$?
   [ -f "$log" ] || cp "$begin.out" "$log"
@@ -275,7 +284,7 @@ start_programs() {
   check "they wait for the user" settled
 }
 remove_shell_host() { rm -f "$installed/explorer.exe" "$installed/Sorvane.Rate.ShellExtension.dll"; }
-end_programs() { batch "${@/#/taskkill /f /im }" >/dev/null 2>&1 || true; }
+end_programs() { batch "${@/#/taskkill /f /im }"; }
 
 # --- the steps ---------------------------------------------------------------------------------------------------------
 
@@ -288,11 +297,12 @@ cp build/mingw/toy_program.exe "$drive_c/Bystander.exe"
 start_and_wait 'C:\Bystander.exe'
 cp --remove-destination build/mingw/toy_powershell.exe \
   "$drive_c/windows/system32/WindowsPowerShell/v1.0/powershell.exe"
-wine regsvr32 /s build/mingw/toy_scheduler.dll >/dev/null 2>&1
-wine build/mingw/toy_service.exe --install 300 "$folder\\release_notes.txt"
-wine build/mingw/toy_service.exe --start
+check "the Task Scheduler's stand-in is registered" succeeds regsvr32 /s build/mingw/toy_scheduler.dll
+check "Windows Search's stand-in is installed" \
+  succeeds build/mingw/toy_service.exe --install 300 "$folder\\release_notes.txt"
+check "it starts" succeeds build/mingw/toy_service.exe --start
 batch "reg add $handlers\\.jpg /ve /d $foreign_handler /f" "reg add $handlers\\.png /ve /d $foreign_handler /f" \
-  "reg add $icon_slot /ve /d $foreign_handler /f" "reg add $drive /ve /d before.ico /f" >/dev/null 2>&1
+  "reg add $icon_slot /ve /d $foreign_handler /f" "reg add $drive /ve /d before.ico /f"
 
 # What a removal must restore: every value of the keys that the suite writes to, and every file, except the upgrades'
 # workspaces and the copies that toy_engine makes.
@@ -353,7 +363,7 @@ packages_before=$(packages)
 # use_the_suite [PROGRAM]: program, helper service, tray and this one run; an Explorer has an extension loaded; a folder
 # window is open.
 use_the_suite() {
-  batch "reg add $stand_in\\PowerShell /v OpenFolders /t REG_MULTI_SZ /d $folder_window /f" >/dev/null 2>&1
+  batch "reg add $stand_in\\PowerShell /v OpenFolders /t REG_MULTI_SZ /d $folder_window /f"
   start_programs Quorbel.exe Quorbel.Kindra.HelperService.exe Quorbel.SystemTray.exe "$@" explorer.exe
 }
 after_upgrade="Quorbel.Kindra.HelperService.exe Quorbel.SystemTray.exe Quorbel.exe"
@@ -394,7 +404,7 @@ failing_upgrade() {
   result=0
   wine "$task" "${arguments[@]}" >"$logs/$(printf %02d "$step")-recovery.out" 2>&1 || result=$?
   check "the recovery task succeeded" is succeeded installer_result
-  batch "reg delete $stand_in\\TaskScheduler /f" >/dev/null 2>&1
+  batch "reg delete $stand_in\\TaskScheduler /f"
   look
   check "the files are those of 1.5.0" is "Quorbel 1.5.0" notes
   check "the packages are as before: $packages_before" is "$packages_before" packages
@@ -403,14 +413,15 @@ failing_upgrade() {
 # Wine unregisters the product when it rolls back an upgrade: install it again.
 install_again() {
   end_suite
-  batch "reg delete $stand_in\\PowerShell\\Orders /f" >/dev/null 2>&1 || true
-  wine msiexec /i "$(package 1.5.0)" /qn '/l*v' "$logs/$(printf %02d "$step")-install-again.log" >/dev/null 2>&1
+  batch "reg delete $stand_in\\PowerShell\\Orders /f"
+  log=$logs/$(printf %02d "$step")-install-again.log
+  check "1.5.0 is installed again" succeeds msiexec /i "$(package 1.5.0)" /qn '/l*v' "$log"
 }
 end_suite() { end_programs Quorbel.exe Quorbel.Kindra.HelperService.exe Quorbel.SystemTray.exe; }
 
 begin_step "Controlled upgrade to 2.0.0, in which a package cannot be registered"
 # The new package, not the saved one.
-batch "reg add $stand_in\\PowerShell\\Orders /v FailAdd /d Quorbel\\Sorvane.Rate.Package.msix /f" >/dev/null 2>&1
+batch "reg add $stand_in\\PowerShell\\Orders /v FailAdd /d Quorbel\\Sorvane.Rate.Package.msix /f"
 use_the_suite $auto_tagging
 failing_upgrade failing-package 1
 check_auto_tagging
@@ -422,7 +433,7 @@ install_again
 
 begin_step "Controlled upgrade to 2.0.0, in which the tray does not return"
 batch "reg add $stand_in\\PowerShell\\Orders /v LoseStart /d Quorbel.SystemTray.exe /f" \
-  "reg add $stand_in\\PowerShell\\Orders /v TrayWaitMs /t REG_DWORD /d 500 /f" >/dev/null 2>&1
+  "reg add $stand_in\\PowerShell\\Orders /v TrayWaitMs /t REG_DWORD /d 500 /f"
 use_the_suite
 failing_upgrade failing-tray 2
 check "the new version was closed before the old files came back" \
@@ -470,7 +481,7 @@ begin_step "Remove Quorbel"
 # A drive icon set by the suite.
 batch "reg add $drive /ve /d ours.ico /f" "reg add $drive /v sorvane_drive_icon_applied /d ours.ico /f" \
   "reg add $drive /v sorvane_drive_icon_had_original /t REG_DWORD /d 1 /f" \
-  "reg add $drive /v sorvane_drive_icon_original /d before.ico /f" >/dev/null 2>&1
+  "reg add $drive /v sorvane_drive_icon_original /d before.ico /f"
 run_installer remove-2.0.0 /x "$(package 2.0.0)"
 remove_shell_host
 check "the installer succeeded" is succeeded installer_result
@@ -489,14 +500,14 @@ machine >"$logs/$(printf %02d "$step")-machine.txt"
 check "every value and file is as before, except the upgrades' workspaces" is "" machine_changes
 
 begin_step "Install Quorbel 1.4.2 once more; Windows Search is stopped this time"
-wine sc stop WSearch >/dev/null 2>&1
+check "Windows Search stops" succeeds sc stop WSearch
 check "Windows Search is stopped" becomes STOPPED search_state
 run_installer install-1.4.2 /i "$(package 1.4.2)"
 check "the installer succeeded" is succeeded installer_result
 check "Windows Search stays stopped" is STOPPED search_state
 
 begin_step "Upgrade to 1.5.0, which fails at its end"
-wine build/mingw/toy_service.exe --start
+check "Windows Search starts" succeeds build/mingw/toy_service.exe --start
 run_installer failed-upgrade /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
 check "the installer failed" is failed installer_result
 # Whether the old files are back by then depends on the engine, so compare with what is there now.
