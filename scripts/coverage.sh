@@ -22,7 +22,8 @@ trap 'scripts/wine.sh --end' EXIT
 failed=0
 run() {
   echo "Running $1"
-  scripts/wine.sh --limit 900 "build/mingw-debug/$1.exe" --gtest_brief=1 --gtest_filter="$2" >"$folder/$1.txt" || failed=1
+  scripts/wine.sh --limit 900 "build/mingw-debug/$1.exe" --gtest_brief=1 --gtest_filter="$2" \
+    >"$folder/$1.txt" || failed=1
   tr -d '\r' <"$folder/$1.txt" | grep -E '^\[  (PASSED|FAILED)' || true
 }
 run custom_actions_tests '-Fault.*:LibraryImage.*'

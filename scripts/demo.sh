@@ -2,8 +2,8 @@
 # usage: scripts/demo.sh [--no-build] [--verbose]
 #
 # Installs, upgrades and removes the toy suite with a real installer engine, on a machine of its own (a Wine prefix,
-# build/wine_demo), and checks what each step does. Exits with 1 if a check fails. Everything that was run and read is in
-# build/demo/, in files that begin with the number of their step.
+# build/wine_demo), and checks what each step does. Exits with 1 if a check fails. The logs are in build/demo/, in files
+# that begin with the number of their step.
 #   --no-build   takes the programs and packages in build/mingw as they are
 #   --verbose    prints every check, and the lines that the actions logged
 set -eu
@@ -26,7 +26,7 @@ fi
 # The first of the processors, as other programs in Wine run on the last: see wine.sh.
 stay_on "${allowed_processors%%[-,]*}"
 
-# --- the report --------------------------------------------------------------------------------------------------------
+# --- the report ----------------------------------------------------------------------------------------------------
 
 step=0
 passed=0
@@ -44,7 +44,7 @@ begin_step() {
   log=$logs # until the step has one of its own
   printf '%2d. %-80s' "$step" "$1"
   line_open=yes
-  say '\n'
+  [ -z "$verbose" ] || { printf '\n'; line_open=; }
 }
 end_step() {
   [ "$step" -gt 0 ] || return 0
@@ -61,6 +61,7 @@ end_step() {
 # it found in these two.
 expected=
 found=
+seen=
 check() {
   local what=$1
   shift
@@ -72,7 +73,7 @@ check() {
   [ -z "$line_open" ] || printf '\n'
   line_open=
   printf '%d. FAILED: %s\n    expected: %s\n    found:    %s\n    log:      %s\n' "$step" "$what" "$expected" \
-    "${found:-nothing}" "$log" | tee -a "$failures"
+    "${found:-nothing}" "$log${seen:+, $seen}" | tee -a "$failures"
 }
 
 # is VALUE COMMAND...: whether the command prints this.
@@ -100,7 +101,7 @@ not_logged() {
   [ -z "$found" ]
 }
 
-# --- the machine -------------------------------------------------------------------------------------------------------
+# --- the machine ----------------------------------------------------------------------------------------------------
 
 export QBL_WINE_PREFIX=build/wine_demo
 drive_c=$QBL_WINE_PREFIX/drive_c
@@ -125,7 +126,7 @@ new_machine() {
   wine --end
   rm -rf "$QBL_WINE_PREFIX"
   if [ ! -f build/wine_new/.ready ]; then
-    QBL_WINE_PREFIX=build/wine_new wine cmd /c exit
+    QBL_WINE_PREFIX=build/wine_new wine cmd /c exit >"$logs/01-wine.log" 2>&1 || { cat "$logs/01-wine.log"; exit 1; }
     QBL_WINE_PREFIX=build/wine_new wine --end
   fi
   cp -al build/wine_new "$QBL_WINE_PREFIX"
@@ -194,7 +195,8 @@ check_search() {
 action_lines() {
   local actions
   actions=$(sed -n 's/^    \([a-z_]\{1,\}\)\r\{0,1\}$/\1/p' custom_actions/custom_actions.def | paste -sd'|')
-  local more='rollback_[a-z_]*|recover_after_[a-z]*|put_back_[a-z_]*|refuse_folder|(undo_)?(install|remove|upgrade)_[A-Z][A-Za-z.]*'
+  local more='rollback_[a-z_]*|recover_after_[a-z]*|put_back_[a-z_]*|refuse_folder'
+  more+='|(undo_)?(install|remove|upgrade)_[A-Z][A-Za-z.]*'
   tr -d '\r' <"$1" | awk -v actions="^($actions|$more)\\\\.\$" '
     /^Action start / && $NF ~ actions { inside = 1; next }
     /^Action ended / { inside = 0 }
@@ -272,7 +274,7 @@ start_and_wait() {
 }
 # start_programs NAME...: starts these programs and waits until they have their windows.
 start_programs() {
-  local name
+  local name names
   # Only the fake Explorer runs, so that the actions must bring Windows' own one back.
   end_programs explorer.exe
   mkdir -p "$installed"
@@ -280,17 +282,18 @@ start_programs() {
   cp build/mingw/toy_program.exe "$installed/explorer.exe"
   cp build/mingw/toy_extension.dll "$installed/Sorvane.Rate.ShellExtension.dll"
   for name in "$@"; do start_program "$name"; done
-  check "the suite's programs have started" becomes "$(printf '%s\n' "$@" | LC_ALL=C sort | paste -sd' ')" suite_programs
+  names=$(printf '%s\n' "$@" | LC_ALL=C sort | paste -sd' ')
+  check "the suite's programs have started" becomes "$names" suite_programs
   check "they wait for the user" settled
 }
 remove_shell_host() { rm -f "$installed/explorer.exe" "$installed/Sorvane.Rate.ShellExtension.dll"; }
 end_programs() { batch "${@/#/taskkill /f /im }"; }
 
-# --- the steps ---------------------------------------------------------------------------------------------------------
+# --- the steps ------------------------------------------------------------------------------------------------------
 
 begin_step "A new machine, with Windows Search and with file handlers of other makers"
 new_machine
-wine cmd /c exit
+check "Wine runs" succeeds cmd /c exit
 start_and_wait 'C:\windows\system32\desktop.exe' /desktop
 # Keeps the desktop open, and is nothing that the actions may end.
 cp build/mingw/toy_program.exe "$drive_c/Bystander.exe"
@@ -428,7 +431,8 @@ check_auto_tagging
 check "the packages before it were registered" logged "Controlled upgrade: install-3 finished in "
 check "and none after it" not_logged "Controlled upgrade: install-4 "
 check "everything was undone" is rollback-complete marker rollback-complete
-check "the failed package is reported" logged "Quorbel upgrade: User operation failed; see retained upgrade recovery logs"
+check "the failed package is reported" \
+  logged "Quorbel upgrade: User operation failed; see retained upgrade recovery logs"
 install_again
 
 begin_step "Controlled upgrade to 2.0.0, in which the tray does not return"

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # usage: scripts/lint.sh [--fix] [FILE...]
 #
-# Checks the format of all sources, or of these files, and runs clang-tidy over those compiled in build/mingw. Of a header
-# named here the sources that include it are checked. A source is checked again only if it, a file that it includes, its
-# compiler options or the checks have changed since it was found clean.
+# Checks the format of all sources, or of these files, and runs clang-tidy over those compiled in build/mingw; for a
+# header, over the sources that include it. A source is checked again only if it, a file that it includes, its compiler
+# options or the checks have changed since it was found clean.
 #   --fix   formats instead
 set -eu
 source "$(dirname "$0")/common.sh"
@@ -40,8 +40,8 @@ export tidy_options="--target=x86_64-w64-mingw32 -nostdinc++"
 while read -r include; do tidy_options+=" -isystem$include"; done \
   < <(x86_64-w64-mingw32-g++-posix -x c++ -E -v /dev/null 2>&1 | sed -n 's#^ \(.*/include/c++.*\)#\1#p')
 
-# What is to be checked: a line "SOURCE KEY" for each. The key stands for all that the result depends on; it is "-" if the
-# build does not know yet what the source includes.
+# What is to be checked: a line "SOURCE KEY" for each. The key stands for all that the result depends on; it is "-" if
+# the build does not know yet what the source includes.
 python3 - "$tidy_options" "${chosen[@]}" >"$folder/sources.txt" <<'END'
 import hashlib, json, os, shlex, subprocess, sys
 
@@ -95,7 +95,7 @@ export -f check_source
 export folder
 rm -f "$folder"/*.findings
 while read -r source key; do
-  [ "$key" != - ] && [ "$(cat "$folder/${source//\//_}.clean" 2>/dev/null)" = "$key" ] || printf '%s %s\n' "$source" "$key"
+  [ "$key" != - ] && [ "$(cat "$folder/${source//\//_}.clean" 2>/dev/null)" = "$key" ] || echo "$source $key"
 done <"$folder/sources.txt" >"$folder/changed.txt"
 xargs -r -L 1 -P "$(nproc)" bash -c 'check_source "$@"' check_source <"$folder/changed.txt"
 
@@ -103,6 +103,6 @@ all=$(wc -l <"$folder/sources.txt")
 changed=$(wc -l <"$folder/changed.txt")
 findings=$(find "$folder" -name '*.findings' | wc -l)
 find "$folder" -name '*.findings' -exec cat {} +
-echo "Lint: ${#chosen[@]} files, format $format; $all sources, $changed of them new or changed, $findings with findings" |
+echo "Lint: ${#chosen[@]} files, format $format; $all sources, $changed new or changed, $findings with findings" |
   tee "$folder/summary.txt"
 [ "$format" = clean ] && [ "$findings" = 0 ]

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # usage: scripts/test.sh
 #
-# Builds, runs every test and then the linters, and ends in the summary of both; exits with 1 if either fails. Every stage
-# has a time limit, 85 minutes together; a stage that exceeds its limit is ended and named.
+# Builds, runs every test and then the linters, and ends in the summary of both; exits with 1 if either fails. Every
+# stage has a time limit, 85 minutes together; a stage that exceeds its limit is ended and named.
 set -eu
 source "$(dirname "$0")/common.sh"
 cd "$project"

@@ -2,8 +2,8 @@
 # usage: scripts/wine.sh [--limit SECONDS] PROGRAM [ARGUMENT...]
 #        scripts/wine.sh --end
 #
-# Runs a Windows program in a Wine prefix of the project's own, which is created if missing: build/wine, or the folder that
-# QBL_WINE_PREFIX names. CMake runs cross-compiled programs with it.
+# Runs a Windows program in a Wine prefix of the project's own, which is created if missing: build/wine, or the folder
+# that QBL_WINE_PREFIX names. CMake runs cross-compiled programs with it.
 #   --limit   ends the program when its time is over; prints its output at the end, so that processes which it leaves
 #             running hold no pipe of the caller open
 #   --end     ends everything that runs in the prefix
