@@ -19,6 +19,7 @@ logs=build/demo
 rm -rf "$logs"
 mkdir -p "$logs"
 if [ -n "$build" ]; then
+  scripts/setup.sh build demo
   echo "Building the library and the sample package (log: $logs/00-build.log)"
   scripts/build.sh demo >"$logs/00-build.log" 2>&1 || { cat "$logs/00-build.log"; exit 1; }
 fi
