@@ -150,13 +150,13 @@ folder_window=file:///C:/Users
 installed="$drive_c/Program Files/Quorbel"
 package() { printf 'build/mingw/package/quorbel-%s.msi' "$1"; }
 
-# look: reads the keys that the checks are about. Each by a program of its own: one that started others, such as a command
-# file, would lose one now and then, as CreateProcess fails on Wine once in some thousand calls.
+# look: reads the keys that the checks are about. Each by a program of its own: one that started others, such as a
+# command file, would lose one now and then, as CreateProcess fails on Wine once in some thousand calls.
 look() {
   local key
   seen=$logs/$(printf %02d "$step")-registry.txt
-  for key in "$handlers" 'HKEY_LOCAL_MACHINE\SOFTWARE\Classes\SystemFileAssociations' 'HKEY_CURRENT_USER\Software\Classes' \
-    'HKEY_LOCAL_MACHINE\SOFTWARE\Brenmoor' "$stand_in" "$search"; do
+  for key in "$handlers" 'HKEY_LOCAL_MACHINE\SOFTWARE\Classes\SystemFileAssociations' \
+    'HKEY_CURRENT_USER\Software\Classes' 'HKEY_LOCAL_MACHINE\SOFTWARE\Brenmoor' "$stand_in" "$search"; do
     wine reg query "$key" /s 2>/dev/null || true
   done | tr -d '\r' >"$seen"
 }
@@ -220,13 +220,22 @@ installer_result() {
   case $result in 0) echo succeeded ;; 66) echo cancelled ;; 67) echo failed ;; *) echo "$result" ;; esac # 16xx & 0xFF
 }
 
+# Whether the Explorer with the extension "closes" when asked, or has no window ("none"): then each phase that closes
+# programs waits to the end of its time before it ends it.
+explorer_window=none
+check_explorer() {
+  case $explorer_window in
+    none) check_exit "the Explorer with the extension was ended" explorer.exe 1 ;;
+    closes) check_exit "the Explorer with the extension closed when asked" explorer.exe 0 ;;
+  esac
+}
 # start_program NAME: starts an installed program. Its exit code tells later how it ended: 0 closed, 1 terminated.
 start_program() {
   local options=()
   case $1 in
     Quorbel.Comment.exe | Quorbel.AutoTagging.Service.exe) options=(--window=ignores) ;;
     Quorbel.HotkeyHandler.exe) options=(--window=none) ;;
-    explorer.exe) options=(--window=none "--load=$folder\\Sorvane.Rate.ShellExtension.dll") ;;
+    explorer.exe) options=("--window=$explorer_window" "--load=$folder\\Sorvane.Rate.ShellExtension.dll") ;;
   esac
   rm -f "$logs/$1.exit"
   {
@@ -346,7 +355,7 @@ check "1.4.1 was found in the registry" logged "New: 1.4.2.0 Old: 1.4.1.0"
 check_exit "Quorbel.exe closed when asked" Quorbel.exe 0
 check_exit "Quorbel.Comment.exe, which ignores the request, was ended" Quorbel.Comment.exe 1
 check_exit "Quorbel.HotkeyHandler.exe, which has no window, was ended" Quorbel.HotkeyHandler.exe 1
-check_exit "the Explorer with the extension was ended" explorer.exe 1
+check_explorer
 check "the hosts of the window hook were released" logged "Window Organizer hook hosts released."
 explorer_restored="Explorer restoration completed for the original interactive session."
 check "Windows' own Explorer is back" becomes runs runs 'C:\windows\explorer.exe'
@@ -379,7 +388,7 @@ no_recovery_task() { check "no recovery task is left" is "" recovery_task Path; 
 # check_suite_is_back TIMES: everything runs as before; Windows Search was stopped and started TIMES times.
 check_suite_is_back() {
   check_exit "Quorbel.exe had closed when it was asked early" Quorbel.exe 0
-  check_exit "the Explorer with the extension was ended" explorer.exe 1
+  check_explorer
   check "program, helper and tray run" becomes "$after_upgrade" suite_programs
   check "Windows' own Explorer runs" becomes runs runs 'C:\windows\explorer.exe'
   check "Windows Search was stopped and started (times: $1)" is "0x$1 stops, 0x$1 starts" search_was_asked
@@ -424,6 +433,7 @@ install_again() {
 end_suite() { end_programs Quorbel.exe Quorbel.Kindra.HelperService.exe Quorbel.SystemTray.exe; }
 
 begin_step "Controlled upgrade to 2.0.0, in which a package cannot be registered"
+explorer_window=closes
 # The new package, not the saved one.
 reg add "$stand_in\\PowerShell\\Orders" /v FailAdd /d Quorbel\\Sorvane.Rate.Package.msix
 use_the_suite
@@ -466,6 +476,7 @@ check "the packages are as before: $packages_before" is "$packages_before" packa
 end_suite
 
 begin_step "Controlled upgrade to 2.0.0"
+explorer_window=none
 use_the_suite Quorbel.AutoTagging.Service.exe # ignores the request to close
 run_installer upgrade-2.0.0 /i "$(package 2.0.0)"
 check "the installer succeeded" is succeeded installer_result
@@ -532,7 +543,7 @@ begin_step "Install 1.5.0 on the now empty machine, which fails at its end"
 start_programs explorer.exe
 run_installer failed-install /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
 check "the installer failed" is failed installer_result
-check_exit "the Explorer with the extension was ended" explorer.exe 1
+check_explorer
 check "Windows' own Explorer is back" becomes runs runs 'C:\windows\explorer.exe'
 check "the log says so" logged "$explorer_restored"
 check "no property handler of ours is left" is 0 types_of "$our_handler"
