@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
+# usage: scripts/bench.sh [--report]
+#
 # Runs the benchmarks, prints their table (also in build/bench/results.txt) and writes it to docs/benchmarks.md and,
 # as a chart, to docs/benchmarks.svg. A missed aim does not fail the script: the figures depend on the machine.
-#   scripts/bench.sh            runs the benchmarks and writes both files
-#   scripts/bench.sh --report   writes both files from the last run's results
+#   --report   writes both files from the last run's results
 set -eu
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
+source "$(dirname "$0")/common.sh"
+cd "$project"
+case $#${1:-} in 0 | 1--report) ;; *) refuse "$*" ;; esac
 results=build/bench/results.txt
 
 run_benchmarks() {
