@@ -1,8 +1,12 @@
 #!/usr/bin/env bash
+# usage: scripts/bench.sh
+#
 # Runs the benchmarks, prints their table (also in build/bench/results.txt) and writes it to docs/benchmarks.md. A
 # missed aim does not fail the script: the figures depend on the machine.
 set -eu
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
+source "$(dirname "$0")/common.sh"
+cd "$project"
+[ $# = 0 ] || refuse "$1"
 scripts/build.sh
 mkdir -p build/bench
 results=build/bench/results.txt

@@ -1,9 +1,14 @@
 #!/usr/bin/env bash
+# usage: scripts/coverage.sh
+#
 # Measures the line coverage of custom_actions/: prints the share of each file and every line that was not run (also in
 # build/coverage/). Exits with 1 if a test fails or coverage is below 95 %.
 set -eu
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
-scripts/setup.sh gcovr
+source "$(dirname "$0")/common.sh"
+cd "$project"
+[ $# = 0 ] || refuse "$1"
+scripts/setup.sh build demo test coverage
+echo "Building build/mingw-debug"
 cmake --preset mingw-debug --log-level=WARNING >/dev/null
 cmake --build --preset mingw-debug
 
@@ -16,12 +21,15 @@ trap 'scripts/wine.sh --end' EXIT
 # Not LibraryImage, which checks the release build, and not the crash sweep: a killed process writes no coverage data.
 failed=0
 run() {
-  scripts/wine.sh --limit 900 "build/mingw-debug/$1.exe" --gtest_brief=1 --gtest_filter="$2" >"$folder/$1.txt" || failed=1
+  echo "Running $1"
+  scripts/wine.sh --limit 900 "build/mingw-debug/$1.exe" --gtest_brief=1 --gtest_filter="$2" \
+    >"$folder/$1.txt" || failed=1
   tr -d '\r' <"$folder/$1.txt" | grep -E '^\[  (PASSED|FAILED)' || true
 }
 run custom_actions_tests '-Fault.*:LibraryImage.*'
 run sweep_tests 'Exports/*'
 
+echo "Counting the lines"
 gcovr --gcov-executable x86_64-w64-mingw32-gcov-posix --root . --filter 'custom_actions/' \
   --txt "$folder/files.txt" --csv "$folder/files.csv" --json "$folder/lines.json" build/mingw-debug >/dev/null
 cat "$folder/files.txt"

@@ -1,27 +1,46 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and testing need, on Debian 12 or 13. Quick and silent if all are there.
-#   scripts/setup.sh [PACKAGE...]   also installs these
+# usage: scripts/setup.sh [build] [demo] [test] [lint] [coverage]
+#
+# Installs the packages of Debian 12 or 13 that these need (without arguments: all of them), as root or with sudo.
+# Quick and silent if they are there.
 set -eu
-packages=(
+source "$(dirname "$0")/common.sh"
+cd "$project"
+
+build=(
   cmake
   ninja-build
   g++-mingw-w64-x86-64-posix # the cross compiler
-  googletest                 # its sources are built with the tests
-  wine64                     # runs the programs
-  python3                    # builds packages with the next two
-  wixl                       # compiles a package
-  msitools                   # reads and edits its tables
+)
+demo=(
+  wine64   # runs the programs
+  python3  # builds packages with the next two
+  wixl     # compiles a package
+  msitools # reads and edits its tables
+)
+test=(
+  googletest # its sources are built with the tests
+)
+lint=(
   clang-format-19
   clang-tidy-19
   libclang-19-dev # for the clang-tidy plugin
   llvm-19-dev
   g++
   git
-  "$@"
 )
+coverage=(
+  gcovr
+)
+
+[ $# -gt 0 ] || set -- build demo test lint coverage
 missing=()
-for package in "${packages[@]}"; do
-  [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)" = installed ] || missing+=("$package")
+for use in "$@"; do
+  case $use in build | demo | test | lint | coverage) ;; *) refuse "$use" ;; esac
+  declare -n packages=$use
+  for package in "${packages[@]}"; do
+    [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)" = installed ] || missing+=("$package")
+  done
 done
 [ ${#missing[@]} -gt 0 ] || exit 0
 

@@ -27,6 +27,8 @@ TEST(RunAction, follows_its_command_line_and_prints_the_outcome)
         {L"--yes msix_install_package", 87, "returned 87: its CustomActionData cannot be read\n"},
         {L"--list", 0, "\nstop_search                             changes the machine"},
         {L"check_upgrade_type stop_search", 2, "not understood: stop_search\n\nusage: run_action"},
+        {L"--help", 0, "usage: run_action [--library"},
+        {L"check_upgrade_type productversion=2", 2, "no action reads or sets productversion\n\nproperties"},
         {L"--yes Stop_Search", 2, "run_action: no such action: Stop_Search\n\nbegin_controlled_upgrade "},
     };
 

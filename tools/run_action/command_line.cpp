@@ -40,6 +40,10 @@ options parse_command_line(const std::vector<std::wstring>& arguments)
     options chosen;
     for (auto argument = arguments.begin(); argument != arguments.end(); ++argument) {
         const std::size_t equals = argument->find(L'=');
+        if (*argument == L"--help") {
+            chosen.help_only = true;
+            return chosen;
+        }
         if (*argument == L"--library" && argument + 1 != arguments.end()) {
             chosen.library = *++argument;
         } else if (*argument == L"--yes") {

@@ -14,12 +14,14 @@ struct options {
     bool with_session = true;
     bool without_asking = false;
     bool list_only = false;
+    bool help_only = false;
 };
 
 inline constexpr const wchar_t* USAGE =
     L"usage: run_action [--library PATH] [--yes] ACTION [NAME=VALUE...]\n"
     L"       run_action [--library PATH] [--yes] --no-session ACTION\n"
     L"       run_action [--library PATH] --list\n"
+    L"       run_action --help\n"
     L"\n"
     L"Runs one action of custom_actions.dll in a temporary installer session, with the given properties "
     L"set.\n"
@@ -30,7 +32,8 @@ inline constexpr const wchar_t* USAGE =
     L"  --no-session    call the action with the handle 0 instead of a session\n"
     L"  --list          list the actions and whether they change the machine\n"
     L"\n"
-    L"The exit code is the action's; 2 if the command line is wrong, 1 if the action was not run.";
+    L"The exit code is the action's, 0 or an error such as 1603; 2 if the command line is wrong, 1 if the\n"
+    L"action was not run. A shell on Linux gets the low 8 bits only: 67 for 1603.";
 
 // The arguments of this process, without the program itself.
 std::vector<std::wstring> arguments_of_this_process();

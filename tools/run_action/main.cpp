@@ -37,6 +37,17 @@ constexpr std::string_view CHANGE_NOTHING[] = {
     "capture_search_state",
 };
 
+constexpr const wchar_t* READ_BY_ACTIONS[] = {
+    L"CustomActionData",
+    L"ProductVersion",
+    L"INSTALLED_APP_VERSION",
+    L"WIX_UPGRADE_DETECTED",
+    L"RollbackDisabled",
+    L"INSTALLFOLDER",
+    L"begin_controlled_upgrade",
+    L"QblEarlyRecoveryTask",
+};
+
 constexpr const wchar_t* SET_BY_ACTIONS[] = {
     L"IS_MINOR_UPGRADE",
     L"restore_explorer",
@@ -134,6 +145,22 @@ bool user_agrees(const std::string& action)
     return agrees;
 }
 
+// Property names are case-sensitive.
+bool used_by_actions(const std::wstring& property)
+{
+    return std::ranges::find(READ_BY_ACTIONS, property) != std::end(READ_BY_ACTIONS) ||
+           std::ranges::find(SET_BY_ACTIONS, property) != std::end(SET_BY_ACTIONS);
+}
+
+std::wstring list_of_properties()
+{
+    std::wstring list = L"properties that actions read:";
+    for (const wchar_t* name : READ_BY_ACTIONS) {
+        list.append(L" ").append(name);
+    }
+    return list;
+}
+
 void set_properties(MSIHANDLE session, const options& chosen)
 {
     for (const auto& [name, value] : chosen.properties) {
@@ -196,6 +223,15 @@ int run(const options& chosen)
 {
     if (!chosen.mistake.empty()) {
         return reject_command_line(chosen.mistake, USAGE);
+    }
+    if (chosen.help_only) {
+        print_line(USAGE);
+        return 0;
+    }
+    const auto unused = std::ranges::find_if_not(
+        chosen.properties, used_by_actions, &std::pair<std::wstring, std::wstring>::first);
+    if (unused != chosen.properties.end()) {
+        return reject_command_line(L"no action reads or sets " + unused->first, list_of_properties());
     }
     const test_support::loaded_library library{
         chosen.library.empty() ? test_support::built_library() : full_path(chosen.library)};
