@@ -372,6 +372,7 @@ def table_changes(linked, actions, sequence):
 
 def build(output, linked, actions, sequence):
     """Runs wixl and msibuild. wixl finds files only below the current folder."""
+    statements = table_changes(linked, actions, sequence)  # what they refuse leaves no package
     with tempfile.TemporaryDirectory() as folder:
         source, code_page = Path(folder, "package.wxs"), Path(folder, "_ForceCodepage.idt")
         source.write_bytes(wixl_source(linked))
@@ -379,7 +380,7 @@ def build(output, linked, actions, sequence):
         strict = ["env", "G_DEBUG=fatal-warnings"]  # wixl only warns about what it does not know
         subprocess.run([*strict, "wixl", "--arch", "x64", "--output", output, source], check=True)
         arguments = ["-i", code_page]
-        for statement in table_changes(linked, actions, sequence):
+        for statement in statements:
             arguments += ["-q", statement]
         subprocess.run(["msibuild", output, *arguments], check=True)
 
