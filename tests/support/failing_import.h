@@ -46,7 +46,6 @@ private:
 
     inline static Result(WINAPI* original_)(Arguments...) = nullptr;
     inline static answer answer_;
-
     import_patch<Result WINAPI(Arguments...)> patch_;
 };
 
@@ -56,31 +55,24 @@ struct call_fault {
     unsigned count = 1; // how many fail in a row; 0 for all from there on
 };
 
-// Makes one imported function of a module fail: the n-th call only sets the last error and returns `result`.
+// Makes one imported function of a module fail: the n-th call only sets the last error and gives `returned`.
 // failing_import<"OpenProcess", decltype(OpenProcess)> fault{module, nullptr, {ERROR_ACCESS_DENIED}};
 template <function_name Name, class Function>
-class failing_import {
+class failing_import : intercepted_import<Name, Function> {
     using interception = intercepted_import<Name, Function>;
 
 public:
-    failing_import(HMODULE module, typename interception::result result, call_fault fault)
-        : intercepted_{module, [this, result, fault](auto...) {
-                           const unsigned call = ++calls_;
-                           const bool fails =
-                               call >= fault.nth && (fault.count == 0 || call < fault.nth + fault.count);
-                           if (fails) {
-                               SetLastError(fault.last_error);
+    failing_import(HMODULE module, typename interception::result returned, call_fault fault)
+        : interception{module, [returned, fault, call = 0U](auto...) mutable {
+                           const bool over = fault.count != 0 && call >= fault.nth - 1 + fault.count;
+                           if (++call < fault.nth || over) {
+                               return std::optional<typename interception::result>{};
                            }
-                           return fails ? std::optional{result} : std::nullopt;
+                           SetLastError(fault.last_error);
+                           return std::optional{returned};
                        }}
     {
     }
-
-    [[nodiscard]] unsigned calls() const noexcept { return calls_; }
-
-private:
-    unsigned calls_ = 0;
-    interception intercepted_;
 };
 
 } // namespace test_support

@@ -5,47 +5,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <bit>
-#include <cstddef>
 #include <exception>
-#include <span>
 #include <stdexcept>
 #include <vector>
 
 namespace test_support {
-namespace {
-
-// An entry and the head of SystemExtendedHandleInformation.
-struct handle_entry {
-    void* object;
-    ULONG_PTR process;
-    ULONG_PTR others[3];
-};
-
-struct handle_list_head {
-    ULONG_PTR count;
-    ULONG_PTR reserved;
-};
-
-// Counts this process's handles in the system's list, since GetProcessHandleCount is always 0 under Wine.
-DWORD listed_handles()
-{
-    constexpr int extended_handle_information = 64;
-    using query = LONG NTAPI(int, void*, ULONG, ULONG*); // NtQuerySystemInformation
-    static const auto ask =
-        std::bit_cast<query*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation"));
-    static std::vector<std::byte> list(std::size_t{1024} * 1024);
-    if (ask(extended_handle_information, list.data(), static_cast<ULONG>(list.size()), nullptr) < 0) {
-        throw std::runtime_error{"the handles cannot be counted"};
-    }
-    const auto* const head = reinterpret_cast<const handle_list_head*>(list.data());
-    const std::span handles{reinterpret_cast<const handle_entry*>(head + 1), head->count};
-    return static_cast<DWORD>(
-        std::ranges::count(handles, ULONG_PTR{GetCurrentProcessId()}, &handle_entry::process));
-}
-
-} // namespace
 
 std::string thrown_by(const std::function<void()>& call)
 {
@@ -71,9 +36,22 @@ bool thread_is_impersonating()
 
 DWORD open_handles()
 {
+    // The system's list, since GetProcessHandleCount is always 0 under Wine: the number of entries, a
+    // reserved number, and five numbers for each handle, of which the second is its process.
+    constexpr int extended_handle_information = 64;
+    using query = LONG NTAPI(int, void*, ULONG, ULONG*);
+    static const auto ask =
+        std::bit_cast<query*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation"));
+    static std::vector<ULONG_PTR> list(1024 * 1024);
+    const auto size = static_cast<ULONG>(list.size() * sizeof list[0]);
+    if (ask(extended_handle_information, list.data(), size, nullptr) < 0) {
+        throw std::runtime_error{"the handles cannot be counted"};
+    }
     DWORD count = 0;
-    GetProcessHandleCount(GetCurrentProcess(), &count);
-    return count != 0 ? count : listed_handles();
+    for (std::size_t process = 3; process < 2 + list[0] * 5; process += 5) {
+        count += list[process] == GetCurrentProcessId() ? 1U : 0U;
+    }
+    return count;
 }
 
 } // namespace test_support

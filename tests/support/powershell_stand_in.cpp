@@ -30,11 +30,6 @@ powershell_stand_in::~powershell_stand_in()
     RegDeleteTreeW(HKEY_CURRENT_USER, toy_powershell::STATE);
 }
 
-void powershell_stand_in::register_package(const std::wstring& name, const std::wstring& version) const
-{
-    toy_powershell::register_package({.name = name, .publisher = L"CN=Brenmoor", .version = version}, L"");
-}
-
 std::vector<std::wstring> registered_packages()
 {
     std::vector<std::wstring> packages;

@@ -5,7 +5,6 @@
 
 #include <windows.h>
 
-#include <map>
 #include <string>
 #include <vector>
 
@@ -32,30 +31,10 @@ public:
     void clear_orders() const { toy_powershell::state_key{}.remove_subkey(toy_powershell::ORDERS); }
 
     // The scripts that it ran, by number: "1", "2", ...
-    [[nodiscard]] std::map<std::wstring, std::wstring> scripts() const
-    {
-        return toy_powershell::state_key{L"Scripts"}.texts();
-    }
+    [[nodiscard]] auto scripts() const { return toy_powershell::state_key{L"Scripts"}.texts(); }
 
     // The input that it did not understand; empty if there was none.
-    [[nodiscard]] std::wstring refused() const
-    {
-        return toy_powershell::state_key{}.text(L"Refused").value_or(L"");
-    }
-
-    // Adds a package published by CN=Brenmoor, which is updated as ours are.
-    void register_package(const std::wstring& name, const std::wstring& version) const;
-
-    // Replaces the list of open folder windows.
-    void open_folders(const std::vector<std::wstring>& urls) const
-    {
-        toy_powershell::state_key{}.write(L"OpenFolders", urls);
-    }
-
-    [[nodiscard]] std::vector<std::wstring> folders() const
-    {
-        return toy_powershell::state_key{}.list(L"OpenFolders");
-    }
+    [[nodiscard]] auto refused() const { return toy_powershell::state_key{}.text(L"Refused").value_or(L""); }
 
 private:
     std::wstring place_ = custom_actions::system_directory("no system directory") +

@@ -1,11 +1,9 @@
 #include "tests/support/test_session.h"
 
 #include "custom_actions/common/installer_session.h"
-#include "support/require.h"
 
 #include <gtest/gtest.h>
 
-#include <ostream>
 #include <utility>
 
 namespace test_support {
@@ -22,26 +20,7 @@ std::shared_ptr<void> intercept(HMODULE module, typename intercepted_import<Name
 
 } // namespace
 
-void PrintTo(const posted_message& message, std::ostream* out)
-{
-    *out << "{0x" << std::hex << message.type << std::dec << ", " << testing::PrintToString(message.text)
-         << '}';
-}
-
 test_session::test_session(HMODULE module)
-{
-    count_records(module);
-    if (module != GetModuleHandleW(nullptr)) { // a test program imports neither function
-        fake_product(module);
-    }
-}
-
-test_session::~test_session()
-{
-    EXPECT_EQ(open_records_, 0U) << "records left open";
-}
-
-void test_session::count_records(HMODULE module)
 {
     interceptions_.push_back(intercept<"MsiCreateRecord", decltype(MsiCreateRecord)>(module, [this](UINT) {
         ++open_records_;
@@ -53,10 +32,9 @@ void test_session::count_records(HMODULE module)
             EXPECT_NE(MsiRecordGetFieldCount(record), ~0U) << "closes what is not an open record: " << record;
             return std::nullopt;
         }));
-}
-
-void test_session::fake_product(HMODULE module)
-{
+    if (module == GetModuleHandleW(nullptr)) {
+        return; // a test program imports neither of the following
+    }
     interceptions_.push_back(intercept<"MsiSetTargetPathW", decltype(MsiSetTargetPathW)>(
         module, [this](MSIHANDLE, const std::wstring& folder, const std::wstring& path) {
             // Like the installer, with one separator at the end.
@@ -65,13 +43,7 @@ void test_session::fake_product(HMODULE module)
         }));
     interceptions_.push_back(intercept<"MsiGetComponentPathExW", component_path_query>(
         module,
-        [this](
-            const std::wstring& product,
-            const std::wstring& component,
-            LPCWSTR user,
-            MSIINSTALLCONTEXT context,
-            LPWSTR path,
-            LPDWORD size) {
+        [this](const std::wstring& product, auto component, auto user, auto context, auto path, auto size) {
             if (product + component != installed_ || user != nullptr ||
                 context != MSIINSTALLCONTEXT_MACHINE) {
                 return INSTALLSTATE_UNKNOWN;
@@ -81,9 +53,14 @@ void test_session::fake_product(HMODULE module)
         }));
 }
 
+test_session::~test_session()
+{
+    EXPECT_EQ(open_records_, 0U) << "records left open";
+}
+
 void test_session::set_property(const std::wstring& name, const std::wstring& value) const
 {
-    require(MsiSetPropertyW(handle(), name.c_str(), value.c_str()), "MsiSetPropertyW");
+    custom_actions::set_property(handle(), name.c_str(), value, "a test cannot set a property");
 }
 
 std::optional<std::wstring> test_session::property(const std::wstring& name) const

@@ -13,8 +13,6 @@
 
 namespace test_support {
 
-void PrintTo(const posted_message& message, std::ostream* out);
-
 // A session of the real installer for one module. Fakes what would need an installed product: components and
 // target folders. A record left open or closed twice fails the test. Only one may exist at a time.
 class test_session : public real_session {
@@ -38,9 +36,6 @@ public:
     [[nodiscard]] unsigned open_records() const noexcept { return open_records_; }
 
 private:
-    void count_records(HMODULE module);
-    void fake_product(HMODULE module);
-
     unsigned open_records_ = 0;
     std::wstring installed_; // product and component
     std::wstring key_path_;
