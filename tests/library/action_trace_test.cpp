@@ -21,7 +21,6 @@
 #include <map>
 #include <optional>
 #include <regex>
-#include <set>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -34,9 +33,10 @@ using custom_actions::controlled_upgrade::UPGRADE_PACKAGES;
 
 // The calls that are noted, each with its arguments in order: rights asked for (r), and what is shown: a text
 // (t), a number in decimal (d) or hexadecimal (x), the process that a handle is of (p) or that owns a window
-// (w), a privilege's state (a), a desktop (l), a script (s), whether it is given (?), or nothing (- and .).
+// (w), a privilege's state (a), a number pointed to (n), a desktop (l), a script (s), whether it is given
+// (?), or nothing (- and .).
 constexpr const char* NOTED =
-    "AdjustTokenPrivileges --a  ChangeServiceConfig2W -d  ChangeServiceConfigW --d  CoInitializeEx -d  "
+    "AdjustTokenPrivileges --a  ChangeServiceConfig2W -dn  ChangeServiceConfigW --d  CoInitializeEx -d  "
     "CoUninitialize . "
     "ControlService -d  ConvertStringSecurityDescriptorToSecurityDescriptorW t  CopyFileW ttd  "
     "CreateDirectoryW t "
@@ -135,6 +135,8 @@ std::wstring shown(char kind, ULONG_PTR word)
         text << reinterpret_cast<const TOKEN_PRIVILEGES*>(word)->Privileges[0].Attributes;
     } else if (kind == 's') {
         text << cmdlets(reinterpret_cast<const wchar_t*>(word));
+    } else if (kind == 'n') {
+        text << *reinterpret_cast<const DWORD*>(word);
     } else if (kind == 'l') {
         text << reinterpret_cast<const STARTUPINFOW*>(word)->lpDesktop;
     } else {
@@ -230,15 +232,20 @@ const scenario OTHERS[]{
     {"finish_controlled_upgrade, Windows Search was stopped",
      [](stage& on) {
          on.machine.running = {0};
-         leave_markers(on, {L"packages-verified", L"search-start-type-3"});
+         leave_markers(on, {L"packages-verified", L"search-start-type-2"});
      }},
     {"rollback_controlled_upgrade, nothing was stopped",
      [](stage& on) { leave_markers(on, {L"backup-complete", L"packages-touched"}); }},
     {"rollback_controlled_upgrade, nothing was done", [](stage& on) { leave_markers(on, {}); }},
-    {"rollback_controlled_upgrade, no package was touched, Windows Search is not installed",
+    {"rollback_controlled_upgrade, no package was touched, Windows Search was on demand",
      [](stage& on) {
+         leave_markers(on, {L"shutdown-started", L"search-start-type-3", L"search-delayed-start"});
+     }},
+    {"rollback_controlled_upgrade, Windows Search is not installed",
+     [](stage& on) {
+         on.machine.running = {0};
          on.machine.search_states.clear();
-         leave_markers(on, {L"backup-complete", L"shutdown-started"});
+         leave_markers(on, {L"shutdown-started"});
      }},
 };
 
@@ -276,8 +283,8 @@ protected:
         text += counted(folded(lines));
         if (scenario.change == change_nothing && !rights.empty()) {
             text += L"with";
-            for (const std::wstring& right : rights) {
-                text += L' ' + right;
+            for (const auto& [right, times] : rights) {
+                text += L' ' + right + (times == 1 ? L"" : L" x" + std::to_wstring(times));
             }
             text += L'\n';
         }
@@ -292,13 +299,13 @@ protected:
         show_news();
         for (std::size_t i = 0; i != kinds.size(); ++i) {
             if (kinds[i] == 'r') {
-                rights.insert(name + L'=' + shown('x', arguments.at(i)));
+                ++rights[name + L'=' + shown('x', arguments.at(i))];
             } else if (kinds[i] != '-' && kinds[i] != '.') {
                 line += L' ' + shown(kinds[i], arguments.at(i));
             }
         }
         if (thread_is_impersonating()) {
-            rights.insert(L"user:" + name);
+            ++rights[L"user:" + name];
         }
         const bool opens = function == "CreateFileW" && static_cast<DWORD>(arguments[4]) == OPEN_EXISTING;
         if (!opens && kinds.find_first_not_of("-r") != std::string::npos) {
@@ -384,7 +391,7 @@ protected:
     std::optional<furnished_machine> machine;
     std::map<std::string, std::string> noted;
     std::wstring lines;
-    std::set<std::wstring> rights; // and, with "user:", the calls under another identity
+    std::map<std::wstring, unsigned> rights; // and, with "user:", the calls under another identity
     std::size_t shown_messages = 0;
     std::size_t shown_calls = 0;
 };

@@ -71,7 +71,8 @@ void furnished_machine::furnish(const std::string& action)
     machine.search_start = SERVICE_AUTO_START;
     machine.search_delayed = true;
     if (action == "restore_search") {
-        machine.search_states = {SERVICE_STOP_PENDING, SERVICE_STOPPED};
+        machine.search_states = {
+            SERVICE_STOP_PENDING, SERVICE_STOP_PENDING, SERVICE_STOP_PENDING, SERVICE_STOPPED};
     }
     scheduler.clear();
     scheduler.end_with(S_OK);
@@ -94,6 +95,9 @@ void furnished_machine::furnish(const std::string& action)
         action == "install_upgrade_packages" || action == "finish_controlled_upgrade" ||
         action == "rollback_controlled_upgrade") {
         begin_upgrade();
+        machine.search_states = {SERVICE_STOPPED};
+        machine.search_start = SERVICE_DISABLED;
+        machine.search_delayed = false;
     }
 }
 

@@ -62,10 +62,6 @@ protected:
     DWORD kill_at(std::size_t nth)
     {
         stage->furnish(GetParam());
-        if (GetParam() != std::string_view{"begin_controlled_upgrade"}) { // Search is stopped by then
-            stage->machine.search_states = {SERVICE_STOPPED};
-            stage->machine.search_start = SERVICE_DISABLED;
-        }
         stage->sweep.plan(nth, call_sweep::fault::ends_thread);
         const custom_actions::kernel_handle thread{CreateThread(nullptr, 0, run_phase, this, 0, nullptr)};
         WaitForSingleObject(thread.get(), INFINITE);
