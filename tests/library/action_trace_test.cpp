@@ -36,18 +36,16 @@ using custom_actions::controlled_upgrade::UPGRADE_PACKAGES;
 // (w), a privilege's state (a), a number pointed to (n), a desktop (l), a script (s), whether it is given
 // (?), or nothing (- and .).
 constexpr const char* NOTED =
-    "AdjustTokenPrivileges --a  ChangeServiceConfig2W -dn  ChangeServiceConfigW --d  CoInitializeEx -d  "
-    "CoUninitialize . "
-    "ControlService -d  ConvertStringSecurityDescriptorToSecurityDescriptorW t  CopyFileW ttd  "
-    "CreateDirectoryW t "
-    "CreateEnvironmentBlock --d  CreateFileW tr--dx  CreateProcessAsUserW -ts--dx?tl  CreateProcessW -t--dx "
-    "CreateToolhelp32Snapshot r  ImpersonateLoggedOnUser .  MsiSetPropertyW -tt  MsiSetTargetPathW -tt  "
-    "OpenProcess r "
-    "OpenProcessToken -r  OpenSCManagerW --r  OpenServiceW --r  OpenThreadToken -r  PostMessageW wx "
-    "PostThreadMessageW dx  RegCreateKeyExA -----r  RegCreateKeyExW -----r  RegDeleteKeyExW -t  "
-    "RegOpenKeyExA ---r "
-    "RegOpenKeyExW ---r  RegSetValueExW -t-d  SHChangeNotify xx  SetThreadToken .  Sleep d  StartServiceW . "
-    "TerminateProcess pd  WaitForSingleObject pd";
+    "AdjustTokenPrivileges --a  ChangeServiceConfig2W -dn  ChangeServiceConfigW --d "
+    "CoInitializeEx -d  CoUninitialize .  ControlService -d "
+    "ConvertStringSecurityDescriptorToSecurityDescriptorW t  CopyFileW ttd  CreateDirectoryW t "
+    "CreateEnvironmentBlock --d  CreateFileW tr--dx  CreateProcessAsUserW -ts--dx?tl "
+    "CreateProcessW -t--dx?  CreateToolhelp32Snapshot r  ImpersonateLoggedOnUser . "
+    "MsiSetPropertyW -tt  MsiSetTargetPathW -tt  OpenProcess r  OpenProcessToken -r "
+    "OpenSCManagerW --r  OpenServiceW --r  OpenThreadToken -r  PostMessageW wx  PostThreadMessageW dx "
+    "RegCreateKeyExA -----r  RegCreateKeyExW -----r  RegDeleteKeyExW -t  RegOpenKeyExA ---r "
+    "RegOpenKeyExW ---r  RegSetValueExW -t-d  SetHandleInformation -xx  SetThreadToken . "
+    "SHChangeNotify xx  Sleep d  StartServiceW .  TerminateProcess pd  WaitForSingleObject pd ";
 
 // What is done again and again, and how it is shown.
 const std::pair<std::wregex, const wchar_t*> FOLDED[]{
