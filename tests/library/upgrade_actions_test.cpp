@@ -81,6 +81,8 @@ TEST_F(UpgradeActions, close_programs_early_once_a_task_can_bring_them_back)
     const toy_process tray{L"Quorbel.SystemTray.exe", L"--class=Progman"};
     session.set_property(L"begin_controlled_upgrade", data);
     EXPECT_EQ(library.call("early_close_upgrade", session.handle()), 0U);
+    EXPECT_EQ(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_FALSE)
+        << "COM of this thread was given back";
     EXPECT_FALSE(stubborn.exit_code()) << "a program that ignores the request is not killed";
     EXPECT_EQ(tray.exit_code(), 0U) << "a program is closed whatever the class of its window";
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <utility>
 
@@ -48,6 +49,14 @@ private:
     inline static answer answer_;
     import_patch<Result WINAPI(Arguments...)> patch_;
 };
+
+// The same, kept until the pointer goes: intercept<"OpenProcess">(module, &OpenProcess, answer).
+template <function_name Name, class Function>
+std::shared_ptr<void>
+intercept(HMODULE module, Function* /*replaced*/, typename intercepted_import<Name, Function>::answer answer)
+{
+    return std::make_shared<intercepted_import<Name, Function>>(module, std::move(answer));
+}
 
 struct call_fault {
     DWORD last_error;

@@ -29,6 +29,18 @@ BOOL return_ended_process(PROCESS_INFORMATION& started)
     return TRUE;
 }
 
+ULONGLONG now = 0; // in milliseconds
+
+ULONGLONG WINAPI tick_count()
+{
+    return 0xFFFFFF00 + now; // soon more than 32 bits
+}
+
+void WINAPI sleep(DWORD milliseconds)
+{
+    now += milliseconds;
+}
+
 constexpr auto succeed = [](auto...) { return TRUE; };
 
 constexpr auto close = [](void* handle) {
@@ -39,14 +51,15 @@ constexpr auto close = [](void* handle) {
 } // namespace
 
 template <function_name Name, class Function, class Answer>
-void fake_machine::answer(Function* /*replaced*/, Answer result)
+void fake_machine::answer(Function* replaced, Answer result)
 {
-    interceptions_.push_back(
-        std::make_shared<intercepted_import<Name, Function>>(module_, std::move(result)));
+    interceptions_.push_back(intercept<Name>(module_, replaced, std::move(result)));
 }
 
-fake_machine::fake_machine(HMODULE module) : module_{module}, clock_{module}
+fake_machine::fake_machine(HMODULE module)
+    : module_{module}, clock_{module, "GetTickCount64", &tick_count}, sleep_{module, "Sleep", &sleep}
 {
+    now = 0;
     fake_snapshots();
     fake_programs();
     fake_service();
@@ -124,7 +137,7 @@ void fake_machine::fake_programs()
             if (!runs(process)) {
                 return WAIT_OBJECT_0;
             }
-            fake_clock::advance(limit);
+            now += limit;
             return WAIT_TIMEOUT;
         });
     answer<"TerminateProcess">(&TerminateProcess, [this](HANDLE process, UINT) {

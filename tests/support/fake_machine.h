@@ -1,7 +1,7 @@
 #pragma once
 
+#include "support/import_patch.h"
 #include "tests/support/failing_import.h"
-#include "tests/support/fake_clock.h"
 
 #include <windows.h>
 
@@ -57,7 +57,8 @@ private:
     std::vector<DWORD> terminated_;  // since the last snapshot
     std::size_t listed_ = 0;         // how many of the current snapshot
     std::optional<DWORD> inspected_; // its library is the next module
-    fake_clock clock_;
+    import_patch<decltype(GetTickCount64)> clock_;
+    import_patch<decltype(Sleep)> sleep_;
     std::vector<std::shared_ptr<void>> interceptions_;
 };
 

@@ -12,37 +12,31 @@ namespace {
 using component_path_query = INSTALLSTATE
     WINAPI(LPCWSTR, LPCWSTR, LPCWSTR, MSIINSTALLCONTEXT, LPWSTR, LPDWORD);
 
-template <function_name Name, class Function>
-std::shared_ptr<void> intercept(HMODULE module, typename intercepted_import<Name, Function>::answer answer)
-{
-    return std::make_shared<intercepted_import<Name, Function>>(module, std::move(answer));
-}
-
 } // namespace
 
 test_session::test_session(HMODULE module)
 {
-    interceptions_.push_back(intercept<"MsiCreateRecord", decltype(MsiCreateRecord)>(module, [this](UINT) {
+    interceptions_.push_back(intercept<"MsiCreateRecord">(module, &MsiCreateRecord, [this](UINT) {
         ++open_records_;
         return std::nullopt;
     }));
-    interceptions_.push_back(
-        intercept<"MsiCloseHandle", decltype(MsiCloseHandle)>(module, [this](MSIHANDLE record) {
-            --open_records_;
-            EXPECT_NE(MsiRecordGetFieldCount(record), ~0U) << "closes what is not an open record: " << record;
-            return std::nullopt;
-        }));
+    interceptions_.push_back(intercept<"MsiCloseHandle">(module, &MsiCloseHandle, [this](MSIHANDLE record) {
+        --open_records_;
+        EXPECT_NE(MsiRecordGetFieldCount(record), ~0U) << "closes what is not an open record: " << record;
+        return std::nullopt;
+    }));
     if (module == GetModuleHandleW(nullptr)) {
         return; // a test program imports neither of the following
     }
-    interceptions_.push_back(intercept<"MsiSetTargetPathW", decltype(MsiSetTargetPathW)>(
-        module, [this](MSIHANDLE, const std::wstring& folder, const std::wstring& path) {
+    interceptions_.push_back(intercept<"MsiSetTargetPathW">(
+        module, &MsiSetTargetPathW, [this](MSIHANDLE, const std::wstring& folder, const std::wstring& path) {
             // Like the installer, with one separator at the end.
             set_property(folder, path.ends_with(L'\\') ? path : path + L'\\');
             return UINT{ERROR_SUCCESS};
         }));
     interceptions_.push_back(intercept<"MsiGetComponentPathExW", component_path_query>(
         module,
+        nullptr,
         [this](const std::wstring& product, auto component, auto user, auto context, auto path, auto size) {
             if (product + component != installed_ || user != nullptr ||
                 context != MSIINSTALLCONTEXT_MACHINE) {

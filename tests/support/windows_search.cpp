@@ -2,7 +2,6 @@
 
 #include "custom_actions/common/scoped_handle.h"
 #include "support/child_process.h"
-#include "support/registry_sandbox.h"
 
 #include <gtest/gtest.h>
 
@@ -50,12 +49,6 @@ DWORD windows_search::state() const
     SERVICE_STATUS status{};
     QueryServiceStatus(service.get(), &status);
     return status.dwCurrentState;
-}
-
-DWORD windows_search::starts() const
-{
-    return planted_number(
-        HKEY_LOCAL_MACHINE, LR"(SYSTEM\CurrentControlSet\Services\WSearch\Asked)", L"Starts");
 }
 
 } // namespace test_support

@@ -16,13 +16,10 @@ public:
     windows_search(const windows_search&) = delete;
     windows_search& operator=(const windows_search&) = delete;
 
-    // Starts it, waits until it runs and resets starts(). Throws std::runtime_error.
+    // Starts it and waits until it runs. Throws std::runtime_error.
     void start() const;
 
     [[nodiscard]] DWORD state() const;
-
-    // How often others started it since start(), or else since it was installed.
-    [[nodiscard]] DWORD starts() const;
 };
 
 } // namespace test_support
