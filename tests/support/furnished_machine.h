@@ -46,12 +46,20 @@ public:
     test_session session{library.module()};
     fake_machine machine{library.module()};
     call_sweep sweep{library.module()};
-    const std::filesystem::path folder = std::filesystem::path{toy_library(L"any.dll")}.parent_path();
+    // Of the suite; not in the case in which Windows names its programs.
+    const std::filesystem::path folder =
+        in_upper_case(std::filesystem::path{toy_library(L"any.dll")}.parent_path());
     const std::wstring upgrade_data = new_upgrade_data(folder.wstring());
     const custom_actions::controlled_upgrade::context upgrade =
         custom_actions::controlled_upgrade::load_context(upgrade_data);
 
 private:
+    static std::wstring in_upper_case(std::wstring text)
+    {
+        CharUpperW(text.data());
+        return text;
+    }
+
     void set_properties(const std::string& action) const;
     void plant_foreign(const std::wstring& path, const wchar_t* name, HKEY root = HKEY_CURRENT_USER);
     void plant_property_handlers(bool registered);
