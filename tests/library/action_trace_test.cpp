@@ -169,7 +169,30 @@ void run_elsewhere(stage& on, const wchar_t* program, const wchar_t* library)
     on.machine.running.push_back(4);
 }
 
+void plant_policy(DWORD type, std::string number)
+{
+    number.resize(sizeof(DWORD));
+    const std::wstring key = LR"(SYSTEM\CurrentControlSet\Control\CI\Policy)";
+    plant_value(HKEY_LOCAL_MACHINE, key, L"VerifiedAndReputablePolicyState", number, type);
+}
+
+void offer(stage& on, const wchar_t* version, const wchar_t* installed)
+{
+    on.session.set_property(L"ProductVersion", version);
+    on.session.set_property(L"INSTALLED_APP_VERSION", installed);
+}
+
 const scenario OTHERS[]{
+    {"check_upgrade_type, 1.4.2.0 over 1.4.1.7", [](stage& on) { offer(on, L"1.4.2.0", L"1.4.1.7"); }},
+    {"check_upgrade_type, 1.5 over 1.4.9.9", [](stage& on) { offer(on, L"1.5", L"1.4.9.9"); }},
+    {"check_upgrade_type, 1.3 over 1.4", [](stage& on) { offer(on, L"1.3", L"1.4"); }},
+    {"check_upgrade_type, 2.4 over 1.4", [](stage& on) { offer(on, L"2.4", L"1.4"); }},
+    {"check_upgrade_type, over one without a version", [](stage& on) { offer(on, L"0.1.20", L""); }},
+    {"log_app_control_state, on", [](stage&) { plant_policy(REG_DWORD, "\1"); }},
+    {"log_app_control_state, evaluation", [](stage&) { plant_policy(REG_DWORD, "\2"); }},
+    {"log_app_control_state, off", [](stage&) { plant_policy(REG_DWORD, ""); }},
+    {"log_app_control_state, unknown", [](stage&) { plant_policy(REG_DWORD, "\3"); }},
+    {"log_app_control_state, not a number", [](stage&) { plant_policy(REG_BINARY, "\1"); }},
     {"close_and_kill_our_processes, another program keeps the hook",
      [](stage& on) {
          on.machine.running = {0};

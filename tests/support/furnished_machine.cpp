@@ -53,6 +53,7 @@ furnished_machine::furnished_machine()
 void furnished_machine::furnish(const std::string& action)
 {
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software");
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"System");
     RegDeleteTreeW(HKEY_CURRENT_USER, L"Software");
     if (action == "begin_controlled_upgrade") {
         std::filesystem::remove_all(upgrade.workspace); // throws if one of its files was left open
