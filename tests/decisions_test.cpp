@@ -166,11 +166,13 @@ TEST(ServiceTransition, gives_up_after_a_minute_or_without_progress)
         constexpr ULONGLONG start = 0xFFFFFF00; // soon more than 32 bits
         ULONGLONG now = start;
         service_transition transition{SERVICE_STOPPED, status, now};
-        do {
+        auto verdict = service_transition::verdict::wait;
+        while (verdict == service_transition::verdict::wait) {
             now += 250;
             status.dwCurrentState = SERVICE_STOP_PENDING; // after 250 ms, which is progress too
             status.dwCheckPoint += progress;
-        } while (transition.observe(status, now) == service_transition::verdict::wait);
+            verdict = transition.observe(status, now);
+        }
         EXPECT_EQ(transition.elapsed(now), end) << name;
         status.dwCurrentState = SERVICE_STOPPED;
         EXPECT_EQ(transition.observe(status, now), service_transition::verdict::reached) << name;

@@ -50,7 +50,7 @@ void show_window(HINSTANCE instance, const wchar_t* class_name, const std::wstri
     window_class.hInstance = instance;
     window_class.lpszClassName = class_name;
     RegisterClassW(&window_class);
-    HWND const parent = kind == L"message" ? HWND_MESSAGE : nullptr;
+    auto* const parent = kind == L"message" ? HWND_MESSAGE : nullptr;
     CreateWindowExW(
         0, class_name, L"Quorbel", WS_OVERLAPPEDWINDOW, 0, 0, 100, 100, parent, nullptr, instance, nullptr);
 }

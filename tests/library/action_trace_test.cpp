@@ -90,7 +90,8 @@ CreateProcessAsUserW C:.windows.explorer.exe "C:.windows.explorer.exe" 0 400 own
 Sleep 250)"},
      L"(starts Explorer)"}};
 
-// The cmdlets in the script that a command line has, each once; a command line without a script as it is.
+// The cmdlets and packages in the script that a command line has, each once; a command line without a script
+// as it is.
 std::wstring cmdlets(const std::wstring& command_line)
 {
     const std::size_t encoded = command_line.find(L"-EncodedCommand ");
@@ -108,7 +109,7 @@ std::wstring cmdlets(const std::wstring& command_line)
         nullptr,
         nullptr);
     std::wstring names;
-    const std::wregex cmdlet{L"\\b[A-Z][a-z]+-[A-Z][a-zA-Z]+"};
+    const std::wregex cmdlet{L"\\b[A-Z][a-z]+-[A-Z][a-zA-Z]+|'[^']*[.]msix'"};
     for (std::wsregex_iterator found{script.begin(), script.end(), cmdlet}, end; found != end; ++found) {
         names += names.find(found->str()) == std::wstring::npos ? L' ' + found->str() : L"";
     }
@@ -238,6 +239,11 @@ const scenario OTHERS[]{
     {"recover_early_upgrade, it fails", [](stage& on) { on.scheduler.end_with(1); }},
     {"begin_controlled_upgrade, the main program runs in another session",
      [](stage& on) { on.machine.programs[on.main.id()].session = 2; }},
+    {"begin_controlled_upgrade, the helper's session shows under its user's identity alone, and is another",
+     [](stage& on) {
+         on.machine.programs[on.helper.id()].session = 2;
+         on.machine.programs[on.helper.id()].hidden = true;
+     }},
     {"begin_controlled_upgrade, a host runs in session 0",
      [](stage& on) { on.machine.programs[on.explorer.id()].session = 0; }},
     {"begin_controlled_upgrade, another one is active",

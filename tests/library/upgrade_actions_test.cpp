@@ -61,9 +61,11 @@ TEST_F(UpgradeActions, pin_the_folder_and_refuse_what_could_not_be_undone)
         session.install_component(product, L"{B8D5F2A1-C9E4-4F3D-8A7B-6C5E4D3F2A1B}", key_path);
         session.set_property(L"WIX_UPGRADE_DETECTED", products);
         session.set_property(L"RollbackDisabled", rollback_disabled);
+        session.set_property(L"begin_controlled_upgrade", L"");
         EXPECT_EQ(
             library.call("prepare_controlled_upgrade", session.handle()), folder == nullptr ? 1603U : 0U);
         if (folder == nullptr) {
+            EXPECT_EQ(session.property(L"begin_controlled_upgrade"), std::nullopt);
             EXPECT_EQ(session.messages().back().text, std::wstring{L"Quorbel upgrade: "} + error);
         } else {
             EXPECT_EQ(session.property(L"INSTALLFOLDER"), folder);

@@ -82,9 +82,10 @@ TEST_F(ShellRegistration, removes_property_handlers_and_keeps_what_others_and_th
     plant(HANDLERS + L".tif", L"", FOREIGN);
     plant(HANDLERS + L".tif", L"OriginalPropertyHandler", L"", REG_NONE); // kept, so there is none to restore
     plant(HANDLERS + L".webp", L"", ZERO + L"x"); // an empty text, but not an empty value
+    plant(HANDLERS + L".zip", L"", L"");          // an empty value is no handler
 
     run(custom_actions::register_property_handler, 0);
-    for (const wchar_t* type : {L".arw", L".heic", L".mp3", L".webp"}) {
+    for (const wchar_t* type : {L".arw", L".heic", L".mp3", L".webp", L".zip"}) {
         EXPECT_EQ(planted_value(root, HANDLERS + type, L""), our_handler) << type;
     }
     const std::wstring arw = TYPES + L".arw";

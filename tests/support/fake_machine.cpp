@@ -1,5 +1,7 @@
 #include "tests/support/fake_machine.h"
 
+#include "tests/support/faults.h"
+
 #include <gtest/gtest.h>
 #include <tlhelp32.h>
 #include <userenv.h>
@@ -119,7 +121,7 @@ void fake_machine::fake_programs()
                 return std::nullopt;
             }
             *session = *found->second.session;
-            return TRUE;
+            return found->second.hidden && !thread_is_impersonating() ? fail_with(ERROR_ACCESS_DENIED) : TRUE;
         });
     answer<"OpenProcess">(&OpenProcess, [this](DWORD access, BOOL inherit, DWORD process) {
         if (runs(process) || !programs.contains(process)) {

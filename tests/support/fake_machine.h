@@ -32,6 +32,7 @@ public:
         std::wstring_view name;
         std::wstring_view library;    // that it has loaded
         std::optional<DWORD> session; // its own if it is a real process
+        bool hidden = false;          // nobody else than its user may ask for the session
     };
 
     std::map<DWORD, program> programs; // by process id

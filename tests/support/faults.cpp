@@ -42,7 +42,7 @@ DWORD open_handles()
     using query = LONG NTAPI(int, void*, ULONG, ULONG*);
     static const auto ask =
         std::bit_cast<query*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation"));
-    static std::vector<ULONG_PTR> list(1024 * 1024);
+    static std::vector<ULONG_PTR> list(std::size_t{1024} * 1024);
     const auto size = static_cast<ULONG>(list.size() * sizeof list[0]);
     if (ask(extended_handle_information, list.data(), size, nullptr) < 0) {
         throw std::runtime_error{"the handles cannot be counted"};

@@ -95,7 +95,7 @@ void furnished_machine::furnish(const std::string& action)
     } else if (
         action == "install_upgrade_packages" || action == "finish_controlled_upgrade" ||
         action == "rollback_controlled_upgrade") {
-        begin_upgrade();
+        begin_upgrade(action != "install_upgrade_packages");
         machine.search_states = {SERVICE_STOPPED};
         machine.search_start = SERVICE_DISABLED;
         machine.search_delayed = false;
@@ -169,22 +169,23 @@ void furnished_machine::plant_icon_handlers(const wchar_t* handler)
     plant_foreign(drive_c, DRIVE_ICON_BACKUP);
 }
 
-// Makes the workspace as the earlier phases leave it. Changes no more than it must: deleting files is what
-// takes longest in an emulator.
-void furnished_machine::begin_upgrade() const
+// Leaves the workspace as the first phase does, or as the first two do. Changes no more than it must: deleting
+// files is what takes longest in an emulator.
+void furnished_machine::begin_upgrade(bool installed) const
 {
     const std::filesystem::path workspace = upgrade.workspace;
     std::filesystem::create_directories(workspace / L"output");
     std::set<std::string> missing{
         "backup-complete",
         "shutdown-started",
-        "packages-touched",
-        "packages-verified",
         "search-delayed-start",
         "search-running",
         "helper-running",
         "search-start-type-2",
         "registered-0"};
+    if (installed) {
+        missing.insert({"packages-touched", "packages-verified"});
+    }
     for (const auto& entry : std::filesystem::directory_iterator{workspace}) {
         if (missing.erase(entry.path().filename().string()) == 0 && !entry.is_directory()) {
             std::filesystem::remove(entry);

@@ -64,7 +64,7 @@ private:
     void plant_foreign(const std::wstring& path, const wchar_t* name, HKEY root = HKEY_CURRENT_USER);
     void plant_property_handlers(bool registered);
     void plant_icon_handlers(const wchar_t* handler);
-    void begin_upgrade() const;
+    void begin_upgrade(bool installed) const;
 
     std::vector<std::pair<HKEY, std::wstring>> foreign_;
 };
