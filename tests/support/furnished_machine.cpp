@@ -169,8 +169,8 @@ void furnished_machine::plant_icon_handlers(const wchar_t* handler)
     plant_foreign(drive_c, DRIVE_ICON_BACKUP);
 }
 
-// Leaves the workspace as the first phase does, or as the first two do. Changes no more than it must: deleting
-// files is what takes longest in an emulator.
+// Leaves the workspace as the first phase does, or as the first two do. Changes no more than it must:
+// deleting files is what takes longest in an emulator.
 void furnished_machine::begin_upgrade(bool installed) const
 {
     const std::filesystem::path workspace = upgrade.workspace;
