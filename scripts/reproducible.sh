@@ -1,16 +1,13 @@
 #!/usr/bin/env bash
+# usage: scripts/reproducible.sh
+#
 # Builds the library twice from scratch, in two folders below build/reproducible, and compares the library and its symbol
 # file byte by byte. Exits with 1 and names the sections that differ if they are not the same. Takes a minute or more.
-#   scripts/reproducible.sh [--help]
 set -eu
-usage() { sed -n '/^# /s/^# //p; /^set/q' "$0"; }
-case "${1:-}" in
-  '') ;;
-  --help) usage; exit 0 ;;
-  *) { echo "reproducible.sh: unknown argument: $1"; usage; } >&2; exit 2 ;;
-esac
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
-scripts/setup.sh
+source "$(dirname "$0")/common.sh"
+cd "$project"
+[ $# = 0 ] || refuse "$1"
+scripts/setup.sh build demo # python3 is among the demo's
 export CCACHE_DISABLE=1 # a cached object would be the same file, not the same result
 
 # Different paths of different length, for the sources and for the build, so that one left in a file shows.
