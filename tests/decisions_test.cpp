@@ -97,7 +97,7 @@ TEST(Tables, have_these_entries)
 TEST(ModulePattern, matches_the_whole_name_in_any_case)
 {
     const std::pair<const wchar_t*, bool> names[]{
-        {L"QUORBEL.windoworganizer.x64.dll.DLL", true},
+        {L"QUORBEL.WINDOWORGANIZER.x64.dll.DLL", true},
         {L"Quorbel.WindowOrganizer.dll", true},
         {L"Quorbel.WindowOrganizer.dll.bak", false},
         {L"My.Quorbel.WindowOrganizer.dll", false}};
