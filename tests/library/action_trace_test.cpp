@@ -155,15 +155,6 @@ struct scenario {
 
 void change_nothing(stage& /*on*/) {}
 
-void leave_markers(stage& on, const std::vector<const wchar_t*>& markers)
-{
-    std::filesystem::remove_all(on.upgrade.workspace);
-    std::filesystem::create_directories(on.upgrade.workspace + L"\\output");
-    for (const wchar_t* name : markers) {
-        std::ofstream{std::filesystem::path{on.upgrade.workspace} / name} << '1';
-    }
-}
-
 void run_elsewhere(stage& on, const wchar_t* program, const wchar_t* library)
 {
     on.machine.programs[4] = {program, library, 0};
@@ -248,31 +239,31 @@ const scenario OTHERS[]{
      [](stage& on) { on.machine.programs[on.explorer.id()].session = 0; }},
     {"begin_controlled_upgrade, another one is active",
      [](stage&) { custom_actions::controlled_upgrade::upgrade_guard(true); }},
-    {"install_upgrade_packages, nothing was saved", [](stage& on) { leave_markers(on, {}); }},
+    {"install_upgrade_packages, nothing was saved", [](stage& on) { on.leave_markers({}); }},
     {"install_upgrade_packages, a program restarts",
      [](stage& on) {
          on.machine.running = {on.helper.id()};
          on.machine.restarts = true;
      }},
-    {"finish_controlled_upgrade, nothing was verified", [](stage& on) { leave_markers(on, {}); }},
+    {"finish_controlled_upgrade, nothing was verified", [](stage& on) { on.leave_markers({}); }},
     {"finish_controlled_upgrade, a script fails", [](stage& on) { on.machine.script_result = 1; }},
     {"finish_controlled_upgrade, Windows Search was stopped",
      [](stage& on) {
          on.machine.running = {0};
-         leave_markers(on, {L"packages-verified", L"search-start-type-2"});
+         on.leave_markers({"packages-verified", "search-start-type-2"});
      }},
     {"rollback_controlled_upgrade, nothing was stopped",
-     [](stage& on) { leave_markers(on, {L"backup-complete", L"packages-touched"}); }},
-    {"rollback_controlled_upgrade, nothing was done", [](stage& on) { leave_markers(on, {}); }},
+     [](stage& on) { on.leave_markers({"backup-complete", "packages-touched"}); }},
+    {"rollback_controlled_upgrade, nothing was done", [](stage& on) { on.leave_markers({}); }},
     {"rollback_controlled_upgrade, no package was touched, Windows Search was on demand",
      [](stage& on) {
-         leave_markers(on, {L"shutdown-started", L"search-start-type-3", L"search-delayed-start"});
+         on.leave_markers({"shutdown-started", "search-start-type-3", "search-delayed-start"});
      }},
     {"rollback_controlled_upgrade, Windows Search is not installed",
      [](stage& on) {
          on.machine.running = {0};
          on.machine.search_states.clear();
-         leave_markers(on, {L"shutdown-started"});
+         on.leave_markers({"shutdown-started"});
      }},
 };
 
@@ -352,7 +343,8 @@ protected:
         std::wistringstream news{calls.substr(shown_calls)};
         shown_calls = calls.size();
         for (std::wstring call; news >> call;) {
-            if (std::regex_search(call, std::wregex{L"::(RegisterTaskDefinition|Run|DeleteTask)$"})) {
+            static const std::wregex change{L"::(RegisterTaskDefinition|Run|DeleteTask)$"};
+            if (std::regex_search(call, change)) {
                 show(call);
             }
         }
@@ -383,7 +375,8 @@ protected:
             const std::wregex whole{L"(PID |closing.* |PIDs:.* )" + std::to_wstring(id) + L"\\b"};
             line = std::regex_replace(line, whole, name);
         }
-        lines += std::regex_replace(line, std::wregex{L"\\{[-0-9A-F]{36}\\}"}, L"{GUID}") + L'\n';
+        static const std::wregex guid{L"\\{[-0-9A-F]{36}\\}"};
+        lines += std::regex_replace(line, guid, L"{GUID}") + L'\n';
     }
 
     static std::wstring folded(std::wstring text)
@@ -400,7 +393,8 @@ protected:
         std::vector<std::pair<std::wstring, unsigned>> counts;
         std::wistringstream stream{text};
         for (std::wstring line; std::getline(stream, line);) {
-            const std::wstring first = std::regex_replace(line, std::wregex{L"-[1-7]"}, L"-0");
+            static const std::wregex later_package{L"-[1-7]"};
+            const std::wstring first = std::regex_replace(line, later_package, L"-0");
             const auto found = std::ranges::find(counts, first, &decltype(counts)::value_type::first);
             if (found != counts.end() && (first != line || found + 1 == counts.end())) {
                 ++found->second;

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
-#include <set>
 #include <string_view>
 
 namespace test_support {
@@ -169,13 +168,10 @@ void furnished_machine::plant_icon_handlers(const wchar_t* handler)
     plant_foreign(drive_c, DRIVE_ICON_BACKUP);
 }
 
-// Leaves the workspace as the first phase does, or as the first two do. Changes no more than it must:
-// deleting files is what takes longest in an emulator.
+// Leaves the workspace as the first phase does, or as the first two do.
 void furnished_machine::begin_upgrade(bool installed) const
 {
-    const std::filesystem::path workspace = upgrade.workspace;
-    std::filesystem::create_directories(workspace / L"output");
-    std::set<std::string> missing{
+    std::set<std::string> markers{
         "backup-complete",
         "shutdown-started",
         "search-delayed-start",
@@ -184,14 +180,22 @@ void furnished_machine::begin_upgrade(bool installed) const
         "search-start-type-2",
         "registered-0"};
     if (installed) {
-        missing.insert({"packages-touched", "packages-verified"});
+        markers.insert({"packages-touched", "packages-verified"});
     }
+    leave_markers(markers);
+}
+
+// Changes no more than it must: deleting files is what takes longest in an emulator.
+void furnished_machine::leave_markers(std::set<std::string> markers) const
+{
+    const std::filesystem::path workspace = upgrade.workspace;
+    std::filesystem::create_directories(workspace / L"output");
     for (const auto& entry : std::filesystem::directory_iterator{workspace}) {
-        if (missing.erase(entry.path().filename().string()) == 0 && !entry.is_directory()) {
+        if (markers.erase(entry.path().filename().string()) == 0 && !entry.is_directory()) {
             std::filesystem::remove(entry);
         }
     }
-    for (const std::string& name : missing) {
+    for (const std::string& name : markers) {
         std::ofstream{workspace / name} << '1';
     }
 }

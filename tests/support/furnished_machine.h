@@ -10,6 +10,7 @@
 #include "tests/support/upgrade_fixture.h"
 
 #include <filesystem>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,6 +30,9 @@ public:
 
     // Sets the action's data.
     void pass(const std::wstring& data) const { session.set_property(L"CustomActionData", data); }
+
+    // Makes the workspace if it is missing, and leaves it with these markers alone.
+    void leave_markers(std::set<std::string> markers) const;
 
     static constexpr DWORD GONE = 0x7FFFFFF0; // the id of a listed program that has ended since
 
