@@ -309,7 +309,7 @@ protected:
         return as_ascii(text);
     }
 
-    void note(std::string_view function, const call_sweep::words& arguments)
+    void note(std::string_view function, const words& arguments)
     {
         const std::wstring name = custom_actions::widen(function);
         const std::string kinds = noted[std::string{function}];

@@ -3,7 +3,7 @@
 #include "package/toy_suite/powershell/packages.h"
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
-#include "tests/support/failing_import.h"
+#include "tests/support/import_hook.h"
 #include "tests/support/test_session.h"
 #include "tests/support/upgrade_fixture.h"
 
@@ -53,8 +53,7 @@ TEST(PackageActions, validate_their_data_and_log_what_the_command_prints)
     EXPECT_EQ(toy_powershell::state_key{LR"(Packages\)" + plexa.full_name}.text(L"ExternalLocation"), folder);
     {
         // Text too long for memory (the length is -1): the pipe must still be read to its end.
-        const failing_import<"MultiByteToWideChar", decltype(MultiByteToWideChar)> huge{
-            library.module(), -1, {0, 1, 0}};
+        const import_hook huge{library.module(), "MultiByteToWideChar", [] { return -1; }};
         EXPECT_THAT(
             run("install", folder + L"\\Quorbel.Plexa.Package.msix"), EndsWith(L"std::bad_alloc\n1603"));
     }

@@ -3,7 +3,7 @@
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
 #include "support/toy_suite.h"
-#include "tests/support/failing_import.h"
+#include "tests/support/import_hook.h"
 #include "tests/support/test_session.h"
 
 #include <gmock/gmock.h>
@@ -38,13 +38,12 @@ TEST(ProcessActions, close_the_suite_and_its_hosts_and_nothing_else)
 
     const loaded_library library;
     const test_session session{library.module()};
-    const intercepted_import<"WaitForSingleObject", decltype(WaitForSingleObject)> wait{
-        library.module(), [](HANDLE process, DWORD limit) {
-            return std::optional{WaitForSingleObjectEx(process, std::min(limit, DWORD{2000}), FALSE)};
-        }};
+    const import_hook wait{library.module(), "WaitForSingleObject", [](HANDLE process, DWORD limit) {
+                               return WaitForSingleObjectEx(process, std::min(limit, DWORD{2000}), FALSE);
+                           }};
     unsigned woken = 0; // in the program that keeps the hook
-    const intercepted_import<"PostMessageW", decltype(PostMessageW)> posts{
-        library.module(), [&](HWND window, UINT message, WPARAM, LPARAM) -> std::optional<BOOL> {
+    const import_hook posts{
+        library.module(), "PostMessageW", [&](HWND window, UINT message) -> std::optional<BOOL> {
             DWORD owner = 0;
             GetWindowThreadProcessId(window, &owner);
             woken += message == WM_NULL && owner == other.id() ? 1U : 0U;

@@ -106,28 +106,17 @@ TEST_F(ShellRegistration, continues_after_a_property_handler_that_fails)
     const auto fail_to_remove = [this] { run(custom_actions::remove_property_handler, 1603); };
     run(custom_actions::remove_property_handler, 0); // without any handler
     run(custom_actions::register_property_handler, 0);
-    THROWN_WITH(fail_to_remove, RegOpenKeyExA, ERROR_ACCESS_DENIED, {0});
+    thrown_with("RegOpenKeyExA", fail_with(ERROR_ACCESS_DENIED, 0), fail_to_remove);
     EXPECT_EQ(planted_value(root, HANDLERS + L".zip", L""), our_handler);
-    THROWN_WITH(fail_to_remove, RegDeleteKeyA, ERROR_ACCESS_DENIED, {0});
+    thrown_with("RegDeleteKeyA", fail_with(ERROR_ACCESS_DENIED, 0), fail_to_remove);
     EXPECT_EQ(planted_value(root, HANDLERS + L".arw", L""), our_handler);
     EXPECT_EQ(planted_value(root, TYPES + L".arw", L"FullDetails"), std::nullopt);
     EXPECT_EQ(planted_value(root, HANDLERS + L".zip", L""), std::nullopt);
 
     std::string printed; // a key that fails must not fail the installation
     const auto fail_to_register = [&] { printed = run(custom_actions::register_property_handler, 0); };
-    THROWN_WITH(fail_to_register, RegSetValueExA, ERROR_ACCESS_DENIED, {0});
+    thrown_with("RegSetValueExA", fail_with(ERROR_ACCESS_DENIED, 0), fail_to_register);
     EXPECT_THAT(printed, testing::HasSubstr("\n[propertyhandler]   FAILED: .asm (fresh install)\n"));
-}
-
-// A ProgId for every type: its extension without the dot.
-HRESULT WINAPI find_progid(ASSOCF, ASSOCSTR, LPCWSTR type, LPCWSTR, LPWSTR text, DWORD* length)
-{
-    *length = 4;
-    if (text == nullptr) {
-        return E_POINTER; // the length is returned
-    }
-    std::copy_n(type + 1, *length, text);
-    return S_OK;
 }
 
 TEST_F(ShellRegistration, removes_icon_handlers_drive_icons_and_the_new_menu_without_a_trace)
@@ -138,8 +127,18 @@ TEST_F(ShellRegistration, removes_icon_handlers_drive_icons_and_the_new_menu_wit
     const std::wstring icon_slot = LR"(\ShellEx\IconHandler)";
     const std::wstring thumbnails = LR"(\ShellEx\{e357fccd-a995-4576-b01f-234630154e96})";
     const std::wstring files = LR"(Software\Microsoft\Windows\CurrentVersion\Explorer\FileExts\)";
-    const import_patch<decltype(AssocQueryStringW)> associations{
-        GetModuleHandleW(nullptr), "AssocQueryStringW", &find_progid};
+    // A ProgId for every type: its extension without the dot.
+    const import_hook associations{
+        GetModuleHandleW(nullptr),
+        "AssocQueryStringW",
+        [](DWORD, DWORD, LPCWSTR type, LPCWSTR, LPWSTR text, DWORD* length) {
+            *length = 4;
+            if (text == nullptr) {
+                return E_POINTER; // the length is returned
+            }
+            std::copy_n(type + 1, *length, text);
+            return S_OK;
+        }};
     plant(files + LR"(.ico\UserChoice)", L"ProgId", L"chosen");
     plant(CLASSES + L".ico", L"", L"user's");
     plant_value(HKEY_CLASSES_ROOT, L".ico", L"", registry_text(L"machine's"));

@@ -1,11 +1,12 @@
 #pragma once
 
-#include <windows.h>
+#include "tests/support/import_hook.h"
 
-#include <array>
 #include <cstddef>
 #include <functional>
+#include <list>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,16 +26,10 @@ public:
 
     static constexpr UINT KILLED = 77;
 
-    // The arguments of a call; those behind its last one mean nothing.
-    using words = std::array<ULONG_PTR, 12>;
     using call_observer = std::function<void(std::string_view function, const words& arguments)>;
 
-    // Imports patched before keep their patches, which a failing call does not reach.
+    // Hooks that are set before stay; a failing call does not reach them.
     explicit call_sweep(HMODULE module);
-    ~call_sweep();
-
-    call_sweep(const call_sweep&) = delete;
-    call_sweep& operator=(const call_sweep&) = delete;
 
     // Restarts the count, from 1. With `nth` 0 no call fails.
     void plan(std::size_t nth, fault what);
@@ -52,16 +47,10 @@ public:
     [[nodiscard]] const std::vector<std::wstring>& failed_keys() const noexcept { return failed_keys_; }
 
 private:
-    struct function;
+    std::optional<word> on_call(const import_hook& hook, const words& arguments);
+    bool fails(const std::string& called, word first_argument);
 
-    template <std::size_t Index, class... Words>
-    static ULONG_PTR WINAPI stub(Words... arguments);
-
-    bool fails(const std::string& called, ULONG_PTR first_argument);
-
-    inline static call_sweep* active_ = nullptr;
-
-    std::vector<function> functions_;
+    std::list<import_hook> hooks_;
     call_observer observer_;
     std::mutex counting_;
     std::vector<std::string> calls_;

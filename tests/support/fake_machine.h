@@ -1,14 +1,13 @@
 #pragma once
 
-#include "support/import_patch.h"
-#include "tests/support/failing_import.h"
+#include "tests/support/import_hook.h"
 
 #include <windows.h>
 
 #include <algorithm>
 #include <cstddef>
+#include <list>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -47,20 +46,24 @@ public:
 private:
     [[nodiscard]] bool runs(DWORD process) const { return std::ranges::count(running, process) != 0; }
 
+    void fake_time();
     void fake_snapshots();
     void fake_programs();
+    void fake_scripts();
     void fake_service();
 
-    template <function_name Name, class Function, class Answer>
-    void answer(Function* replaced, Answer result);
+    template <class Answer>
+    void answer(const char* function, Answer answer)
+    {
+        hooks_.emplace_back(module_, function, std::move(answer));
+    }
 
     HMODULE module_;
+    ULONGLONG now_ = 0xFFFFFF00;     // in milliseconds; soon more than 32 bits
     std::vector<DWORD> terminated_;  // since the last snapshot
     std::size_t listed_ = 0;         // how many of the current snapshot
     std::optional<DWORD> inspected_; // its library is the next module
-    import_patch<decltype(GetTickCount64)> clock_;
-    import_patch<decltype(Sleep)> sleep_;
-    std::vector<std::shared_ptr<void>> interceptions_;
+    std::list<import_hook> hooks_;
 };
 
 } // namespace test_support

@@ -8,6 +8,7 @@
 #include <bit>
 #include <exception>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 namespace test_support {
@@ -26,6 +27,12 @@ std::string thrown_by(const std::function<void()>& call)
     EXPECT_EQ(open_handles(), handles) << thrown;
     EXPECT_FALSE(thread_is_impersonating()) << thrown;
     return thrown;
+}
+
+std::string thrown_with(const char* function, import_hook::answer answer, const std::function<void()>& call)
+{
+    const import_hook hook{GetModuleHandleW(nullptr), function, std::move(answer)};
+    return thrown_by(call);
 }
 
 bool thread_is_impersonating()

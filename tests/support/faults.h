@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tests/support/failing_import.h"
+#include "tests/support/import_hook.h"
 
 #include <windows.h>
 
@@ -13,17 +13,13 @@ namespace test_support {
 // Fails the test if the call leaves a handle open or the thread impersonating.
 std::string thrown_by(const std::function<void()>& call);
 
+// The same while this program's calls to `function` are answered so: thrown_with("OpenProcess", fail_with(0,
+// 5), call).
+std::string thrown_with(const char* function, import_hook::answer answer, const std::function<void()>& call);
+
 bool thread_is_impersonating();
 
 // The number of handles that this process has open.
 DWORD open_handles();
 
 } // namespace test_support
-
-// thrown_by(call) while `function` fails in this program: THROWN_WITH(call, OpenProcess, nullptr, {5}).
-#define THROWN_WITH(call, function, ...)                                                                     \
-    ([&] {                                                                                                   \
-        const test_support::failing_import<#function, decltype(function)> fault{                             \
-            GetModuleHandleW(nullptr), __VA_ARGS__};                                                         \
-        return test_support::thrown_by(call);                                                                \
-    }())

@@ -4,47 +4,37 @@
 
 #include <gtest/gtest.h>
 
-#include <utility>
-
 namespace test_support {
-namespace {
-
-using component_path_query = INSTALLSTATE
-    WINAPI(LPCWSTR, LPCWSTR, LPCWSTR, MSIINSTALLCONTEXT, LPWSTR, LPDWORD);
-
-} // namespace
-
 test_session::test_session(HMODULE module)
 {
-    interceptions_.push_back(intercept<"MsiCreateRecord">(module, &MsiCreateRecord, [this](UINT) {
+    hooks_.emplace_back(module, "MsiCreateRecord", [this]() -> std::optional<word> {
         ++open_records_;
         return std::nullopt;
-    }));
-    interceptions_.push_back(intercept<"MsiCloseHandle">(module, &MsiCloseHandle, [this](MSIHANDLE record) {
+    });
+    hooks_.emplace_back(module, "MsiCloseHandle", [this](MSIHANDLE record) -> std::optional<word> {
         --open_records_;
         EXPECT_NE(MsiRecordGetFieldCount(record), ~0U) << "closes what is not an open record: " << record;
         return std::nullopt;
-    }));
+    });
     if (module == GetModuleHandleW(nullptr)) {
         return; // a test program imports neither of the following
     }
-    interceptions_.push_back(intercept<"MsiSetTargetPathW">(
-        module, &MsiSetTargetPathW, [this](MSIHANDLE, const std::wstring& folder, const std::wstring& path) {
-            // Like the installer, with one separator at the end.
-            set_property(folder, path.ends_with(L'\\') ? path : path + L'\\');
-            return UINT{ERROR_SUCCESS};
-        }));
-    interceptions_.push_back(intercept<"MsiGetComponentPathExW", component_path_query>(
+    hooks_.emplace_back(module, "MsiSetTargetPathW", [this](MSIHANDLE, LPCWSTR folder, LPCWSTR path) {
+        const std::wstring set = path; // like the installer, with one separator at the end
+        set_property(folder, set.ends_with(L'\\') ? set : set + L'\\');
+        return ERROR_SUCCESS;
+    });
+    hooks_.emplace_back(
         module,
-        nullptr,
-        [this](const std::wstring& product, auto component, auto user, auto context, auto path, auto size) {
-            if (product + component != installed_ || user != nullptr ||
+        "MsiGetComponentPathExW",
+        [this](LPCWSTR product, LPCWSTR component, LPCWSTR user, DWORD context, LPWSTR path, DWORD* size) {
+            if (std::wstring{product} + component != installed_ || user != nullptr ||
                 context != MSIINSTALLCONTEXT_MACHINE) {
                 return INSTALLSTATE_UNKNOWN;
             }
             *size = static_cast<DWORD>(key_path_.copy(path, *size)); // the buffer is filled with zeros
             return INSTALLSTATE_LOCAL;
-        }));
+        });
 }
 
 test_session::~test_session()

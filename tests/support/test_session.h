@@ -1,15 +1,14 @@
 #pragma once
 
 #include "support/real_session.h"
-#include "tests/support/failing_import.h"
+#include "tests/support/import_hook.h"
 
 #include <windows.h>
 #include <msi.h>
 
-#include <memory>
+#include <list>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace test_support {
 
@@ -39,7 +38,7 @@ private:
     unsigned open_records_ = 0;
     std::wstring installed_; // product and component
     std::wstring key_path_;
-    std::vector<std::shared_ptr<void>> interceptions_;
+    std::list<import_hook> hooks_;
 };
 
 } // namespace test_support

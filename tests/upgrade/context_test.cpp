@@ -12,7 +12,9 @@
 namespace custom_actions::controlled_upgrade {
 namespace {
 
+using test_support::fail_with;
 using test_support::thrown_by;
+using test_support::thrown_with;
 
 TEST(Context, is_parsed_from_valid_data_only)
 {
@@ -47,9 +49,10 @@ TEST(MaintenanceKey, is_live_while_its_own_process_runs)
     const test_support::registry_sandbox machine{HKEY_LOCAL_MACHINE};
     const auto expect = [](bool live) { return [live] { EXPECT_EQ(guard_is_live(), live); }; };
     upgrade_guard(true);
-    THROWN_WITH(expect(true), OpenProcess, nullptr, {ERROR_ACCESS_DENIED});
-    THROWN_WITH(expect(false), OpenProcess, nullptr, {ERROR_INVALID_PARAMETER});
-    THROWN_WITH(expect(false), WaitForSingleObject, WAIT_OBJECT_0, {0}); // ended, but still open somewhere
+    thrown_with("OpenProcess", fail_with(0, ERROR_ACCESS_DENIED), expect(true));
+    thrown_with("OpenProcess", fail_with(0, ERROR_INVALID_PARAMETER), expect(false));
+    thrown_with(
+        "WaitForSingleObject", fail_with(WAIT_OBJECT_0, 0), expect(false)); // ended, but still open somewhere
     constexpr const wchar_t* key = LR"(SOFTWARE\Brenmoor\Quorbel\InstallerMaintenance)";
     test_support::plant_value(HKEY_LOCAL_MACHINE, key, L"Created", std::string(8, '\1'), REG_QWORD);
     EXPECT_FALSE(guard_is_live()) << "the id belongs to another process now";

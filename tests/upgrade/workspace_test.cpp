@@ -19,8 +19,10 @@ namespace custom_actions::controlled_upgrade {
 namespace {
 
 namespace fs = std::filesystem;
-using test_support::intercepted_import;
+using test_support::fail_with;
+using test_support::import_hook;
 using test_support::thrown_by;
+using test_support::thrown_with;
 
 class Workspace : public testing::Test {
 protected:
@@ -40,11 +42,13 @@ TEST_F(Workspace, is_trusted_only_if_a_folder_of_the_system_the_administrators_o
 {
     EXPECT_EQ(thrown_by(write), "") << "owned by this process's user";
     const wchar_t* owner = nullptr; // of every file and folder
-    const intercepted_import<"GetSecurityInfo", decltype(GetSecurityInfo)> owners{
-        program, [&](auto, auto, auto, PSID* found, auto, auto, auto, PSECURITY_DESCRIPTOR* holder) {
+    const import_hook owners{
+        program,
+        "GetSecurityInfo",
+        [&](HANDLE, int, DWORD, PSID* found, void*, void*, void*, PSECURITY_DESCRIPTOR* holder) {
             ConvertStringSidToSidW(owner, found);
             *holder = *found;
-            return std::optional{DWORD{ERROR_SUCCESS}};
+            return ERROR_SUCCESS;
         }};
     for (const wchar_t* administrative : {L"S-1-5-18", L"S-1-5-32-544"}) {
         owner = administrative;
@@ -55,7 +59,8 @@ TEST_F(Workspace, is_trusted_only_if_a_folder_of_the_system_the_administrators_o
         EXPECT_FALSE(has_marker(upgrade, marker::COMMITTED)) << testing::PrintToString(owner);
         EXPECT_EQ(thrown_by(write), "Cannot persist upgrade recovery state (3)");
     }
-    const auto unreadable = THROWN_WITH(read, CreateFileW, INVALID_HANDLE_VALUE, {ERROR_ACCESS_DENIED});
+    const auto unreadable =
+        thrown_with("CreateFileW", fail_with(~test_support::word{0}, ERROR_ACCESS_DENIED), read);
     EXPECT_EQ(unreadable, "Cannot read upgrade recovery state (5)");
     fs::remove_all(folder);
     std::ofstream{folder} << "a file";
@@ -73,12 +78,12 @@ TEST_F(Workspace, is_not_used_through_links)
     EXPECT_EQ(fs::file_size(folder / marker::COMMITTED), 1U) << "of an older marker";
 
     std::vector<DWORD> kinds{FILE_ATTRIBUTE_REPARSE_POINT, FILE_ATTRIBUTE_DIRECTORY}; // the last is next
-    const intercepted_import<"GetFileInformationByHandle", decltype(GetFileInformationByHandle)> links{
-        program, [&](HANDLE, BY_HANDLE_FILE_INFORMATION* found) {
+    const import_hook links{
+        program, "GetFileInformationByHandle", [&](HANDLE, BY_HANDLE_FILE_INFORMATION* found) {
             found->dwFileAttributes = kinds.back();
             found->nNumberOfLinks = 1;
             kinds.pop_back();
-            return std::optional{TRUE};
+            return TRUE;
         }};
     EXPECT_EQ(thrown_by(write), refused) << "a link to a file";
     kinds = {FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT};
