@@ -113,6 +113,14 @@ void fake_machine::fake_programs()
         *session = *found->second.session;
         return found->second.hidden && !thread_is_impersonating() ? refuse(ERROR_ACCESS_DENIED) : TRUE;
     });
+    answer("GetTokenInformation", [this](HANDLE, int what, DWORD* value) -> std::optional<BOOL> {
+        const auto self = programs.find(GetCurrentProcessId());
+        if (what != TokenSessionId || self == programs.end()) {
+            return std::nullopt;
+        }
+        *value = self->second.session.value();
+        return TRUE;
+    });
     answer("OpenProcess", [this](DWORD access, BOOL inherit, DWORD process) {
         if (runs(process) || !programs.contains(process)) {
             return OpenProcess(access | PROCESS_QUERY_LIMITED_INFORMATION, inherit, process);

@@ -9,7 +9,7 @@
 #include <list>
 #include <map>
 #include <optional>
-#include <string_view>
+#include <string>
 #include <vector>
 
 namespace test_support {
@@ -28,8 +28,8 @@ public:
     explicit fake_machine(HMODULE module);
 
     struct program {
-        std::wstring_view name;
-        std::wstring_view library;    // that it has loaded
+        std::wstring name;
+        std::wstring library;         // that it has loaded
         std::optional<DWORD> session; // its own if it is a real process
         bool hidden = false;          // nobody else than its user may ask for the session
     };

@@ -46,7 +46,11 @@ furnished_machine::furnished_machine()
     for (const wchar_t* package : custom_actions::controlled_upgrade::UPGRADE_PACKAGES) {
         std::ofstream{folder / package} << "package";
     }
-    session.install_component(PRODUCT, SUITE_COMPONENT, (folder / L"Quorbel.exe").wstring());
+}
+
+void furnished_machine::install_at(const std::wstring& key_path)
+{
+    session.install_component(PRODUCT, SUITE_COMPONENT, key_path);
 }
 
 void furnished_machine::furnish(const std::string& action)
@@ -60,11 +64,11 @@ void furnished_machine::furnish(const std::string& action)
     // Process 0 would show the caller's own modules; the next one ends at once.
     machine.programs = {
         {0, {L"[System Process]", L"Quorbel.WindowOrganizer.Hook.dll", {}}},
-        {GONE, {L"Quorbel.exe", L"", {}}},
+        {ids.at(L"gone"), {L"Quorbel.exe", L"", {}}},
         {main.id(), {L"Quorbel.exe", L"", {}}},
         {helper.id(), {L"Quorbel.Kindra.HelperService.exe", L"", {}}},
         {explorer.id(), {L"explorer.exe", L"Quorbel.WindowOrganizer.Hook.dll", {}}}};
-    machine.running = {0, GONE, main.id(), helper.id(), explorer.id()};
+    machine.running = {0, ids.at(L"gone"), main.id(), helper.id(), explorer.id()};
     machine.script_result = 0;
     machine.restarts = false;
     machine.search_states = {SERVICE_RUNNING};
@@ -78,6 +82,7 @@ void furnished_machine::furnish(const std::string& action)
     scheduler.end_with(S_OK);
     foreign_.clear();
     set_properties(action);
+    install_at((folder / L"Quorbel.exe").wstring());
     if (action == "propertyhandler_update_registry" || action == "propertyhandler_remove_registry") {
         plant_property_handlers(action == "propertyhandler_remove_registry");
     } else if (action == "iconhandler_add_defaults_to_registry") {
@@ -171,32 +176,44 @@ void furnished_machine::plant_icon_handlers(const wchar_t* handler)
 // Leaves the workspace as the first phase does, or as the first two do.
 void furnished_machine::begin_upgrade(bool installed) const
 {
-    std::set<std::string> markers{
-        "backup-complete",
-        "shutdown-started",
-        "search-delayed-start",
-        "search-running",
-        "helper-running",
-        "search-start-type-2",
-        "registered-0"};
+    std::set<std::wstring> markers{
+        L"backup-complete",
+        L"shutdown-started",
+        L"search-delayed-start",
+        L"search-running",
+        L"helper-running",
+        L"search-start-type-2",
+        L"registered-0"};
     if (installed) {
-        markers.insert({"packages-touched", "packages-verified"});
+        markers.insert({L"packages-touched", L"packages-verified"});
     }
     leave_markers(markers);
 }
 
+std::set<std::wstring> furnished_machine::markers() const
+{
+    std::set<std::wstring> found;
+    std::error_code none;
+    for (const auto& entry : std::filesystem::directory_iterator{upgrade.workspace, none}) {
+        if (entry.is_regular_file() && entry.path().extension() != L".msix") {
+            found.insert(entry.path().filename());
+        }
+    }
+    return found;
+}
+
 // Changes no more than it must: deleting files is what takes longest in an emulator.
-void furnished_machine::leave_markers(std::set<std::string> markers) const
+void furnished_machine::leave_markers(const std::set<std::wstring>& wanted) const
 {
     const std::filesystem::path workspace = upgrade.workspace;
     std::filesystem::create_directories(workspace / L"output");
-    for (const auto& entry : std::filesystem::directory_iterator{workspace}) {
-        if (markers.erase(entry.path().filename().string()) == 0 && !entry.is_directory()) {
-            std::filesystem::remove(entry);
+    for (const std::wstring& marker : markers()) {
+        if (!wanted.contains(marker)) {
+            std::filesystem::remove(workspace / marker);
         }
     }
-    for (const std::string& name : markers) {
-        std::ofstream{workspace / name} << '1';
+    for (const std::wstring& marker : wanted) {
+        std::ofstream{workspace / marker} << '1';
     }
 }
 

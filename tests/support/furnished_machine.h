@@ -9,7 +9,11 @@
 #include "tests/support/test_session.h"
 #include "tests/support/upgrade_fixture.h"
 
+#include <gtest/gtest.h>
+
 #include <filesystem>
+#include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -31,10 +35,14 @@ public:
     // Sets the action's data.
     void pass(const std::wstring& data) const { session.set_property(L"CustomActionData", data); }
 
-    // Makes the workspace if it is missing, and leaves it with these markers alone.
-    void leave_markers(std::set<std::string> markers) const;
+    // Installs the suite, all users', with this key path.
+    void install_at(const std::wstring& key_path);
 
-    static constexpr DWORD GONE = 0x7FFFFFF0; // the id of a listed program that has ended since
+    // The workspace's markers.
+    [[nodiscard]] std::set<std::wstring> markers() const;
+
+    // Makes the workspace if it is missing, and leaves it with these markers alone.
+    void leave_markers(const std::set<std::wstring>& wanted) const;
 
     // The keys that have another vendor's value neither in its place nor in a backup any more, as "(loses
     // PATH)". Fails the test if no call about such a key has failed.
@@ -43,6 +51,14 @@ public:
     toy_process main{L"Quorbel.exe"};
     toy_process helper{L"Quorbel.Kindra.HelperService.exe", L"--window=none"};
     toy_process explorer{L"explorer.exe"};
+    const std::map<std::wstring, DWORD> ids{
+        {L"main", main.id()},
+        {L"helper", helper.id()},
+        {L"explorer", explorer.id()},
+        {L"gone", 0x7FFFFFF0}, // listed, but it has ended since
+        {L"0", 0},
+        {L"this", GetCurrentProcessId()},
+        {L"other", 4}};
     scheduler_stand_in scheduler; // before the sandboxes: it needs the real registry
     registry_sandbox machine_hive{HKEY_LOCAL_MACHINE};
     registry_sandbox user_hive{HKEY_CURRENT_USER};
@@ -71,6 +87,24 @@ private:
     void begin_upgrade(bool installed) const;
 
     std::vector<std::pair<HKEY, std::wstring>> foreign_;
+};
+
+// A test on the furnished machine, which the tests of a suite share.
+class furnished_test : public testing::Test {
+protected:
+    static void TearDownTestSuite() { stage.reset(); }
+
+    void SetUp() override
+    {
+        if (!machine_is_disposable()) {
+            GTEST_SKIP() << "starts the suite's programs: set DISPOSABLE_MACHINE if that is allowed";
+        }
+        if (!stage) {
+            stage.emplace();
+        }
+    }
+
+    inline static std::optional<furnished_machine> stage;
 };
 
 } // namespace test_support

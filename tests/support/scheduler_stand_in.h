@@ -1,9 +1,14 @@
 #pragma once
 
 #include "package/toy_suite/toy_scheduler/state.h"
+#include "support/child_process.h"
+#include "support/disposable_machine.h"
 
 #include <windows.h>
+#include <gtest/gtest.h>
 
+#include <bit>
+#include <stdexcept>
 #include <string>
 
 namespace test_support {
@@ -14,8 +19,22 @@ namespace test_support {
 class scheduler_stand_in {
 public:
     // Throws std::runtime_error if the machine is not disposable or the stand-in cannot be registered.
-    scheduler_stand_in();
-    ~scheduler_stand_in();
+    scheduler_stand_in()
+    {
+        if (!machine_is_disposable() || FAILED(call_export("DllRegisterServer"))) {
+            throw std::runtime_error{"cannot register the Task Scheduler's stand-in"};
+        }
+        clear();
+    }
+
+    ~scheduler_stand_in()
+    {
+        EXPECT_EQ(unexpected(), L"");
+        EXPECT_EQ(objects(), 0U);
+        clear();
+        call_export("DllUnregisterServer");
+        FreeLibrary(library_);
+    }
 
     scheduler_stand_in(const scheduler_stand_in&) = delete;
     scheduler_stand_in& operator=(const scheduler_stand_in&) = delete;
@@ -47,7 +66,12 @@ public:
 private:
     static toy_suite::registry_state state() { return toy_suite::registry_state{toy_scheduler::STATE}; }
 
-    HMODULE library_;
+    HRESULT call_export(const char* name)
+    {
+        return std::bit_cast<HRESULT(STDAPICALLTYPE*)()>(GetProcAddress(library_, name))();
+    }
+
+    HMODULE library_ = LoadLibraryW(beside_this_program(L"toy_scheduler.dll").c_str());
 };
 
 } // namespace test_support
