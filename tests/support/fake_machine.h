@@ -10,23 +10,13 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace test_support {
 
-// Fakes the machine around one module, so that an action can run a thousand times:
-// - `programs` are listed, each with one thread of the same id, and inspected. Those that are opened are real
-//   processes, but end only in `running`: when terminated or, if they have no library, when one of their
-//   windows is asked to close;
-// - a service "WSearch" goes through `search_states`; scripts end at once and leave their log;
-// - time passes only by sleeping, and by waiting for a program that does not end.
-// Everything else is real. All that the module has to close, service handles and environments included, is a
-// real handle, so that a leak is counted. Only one may exist at a time.
-class fake_machine {
-public:
-    // Throws std::runtime_error if `module` does not import a function that is replaced here.
-    explicit fake_machine(HMODULE module);
-
+// What a fake machine has.
+struct fake_state {
     struct program {
         std::wstring name;
         std::wstring library;         // that it has loaded
@@ -37,11 +27,27 @@ public:
     std::map<DWORD, program> programs; // by process id
     std::vector<DWORD> running; // the ids that are listed, in this order; starting a program adds its own
     bool restarts = false;      // a terminated program is listed again
-    std::vector<DWORD>
-        search_states; // one for each query, the last one for all others; empty if not installed
+    // Of the service "WSearch": one for each query, the last one for all others; empty if not installed.
+    std::vector<DWORD> search_states{SERVICE_RUNNING};
     DWORD search_start = SERVICE_AUTO_START;
     bool search_delayed = true;
     DWORD script_result = 0; // its exit code
+};
+
+// Fakes the machine around one module, so that an action can run a thousand times:
+// - `programs` are listed, each with one thread of the same id, and inspected. Those that are opened are real
+//   processes, but end only in `running`: when terminated or, if they have no library, when one of their
+//   windows is asked to close;
+// - scripts end at once and leave their log;
+// - time passes only by sleeping, and by waiting for a program that does not end.
+// Everything else is real. All that the module has to close, service handles and environments included, is a
+// real handle, so that a leak is counted. Only one may exist at a time.
+class fake_machine : public fake_state {
+public:
+    // Throws std::runtime_error if `module` does not import a function that is replaced here.
+    explicit fake_machine(HMODULE module);
+
+    void become(fake_state state) { static_cast<fake_state&>(*this) = std::move(state); }
 
 private:
     [[nodiscard]] bool runs(DWORD process) const { return std::ranges::count(running, process) != 0; }

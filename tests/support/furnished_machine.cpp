@@ -61,23 +61,15 @@ void furnished_machine::furnish(const std::string& action)
     if (action == "begin_controlled_upgrade") {
         std::filesystem::remove_all(upgrade.workspace); // throws if one of its files was left open
     }
-    // Process 0 would show the caller's own modules; the next one ends at once.
-    machine.programs = {
-        {0, {L"[System Process]", L"Quorbel.WindowOrganizer.Hook.dll", {}}},
-        {ids.at(L"gone"), {L"Quorbel.exe", L"", {}}},
-        {main.id(), {L"Quorbel.exe", L"", {}}},
-        {helper.id(), {L"Quorbel.Kindra.HelperService.exe", L"", {}}},
-        {explorer.id(), {L"explorer.exe", L"Quorbel.WindowOrganizer.Hook.dll", {}}}};
-    machine.running = {0, ids.at(L"gone"), main.id(), helper.id(), explorer.id()};
-    machine.script_result = 0;
-    machine.restarts = false;
-    machine.search_states = {SERVICE_RUNNING};
-    machine.search_start = SERVICE_AUTO_START;
-    machine.search_delayed = true;
-    if (action == "restore_search") {
-        machine.search_states = {
-            SERVICE_STOP_PENDING, SERVICE_STOP_PENDING, SERVICE_STOP_PENDING, SERVICE_STOPPED};
-    }
+    // Process 0 would show the caller's own modules.
+    machine.become(
+        {.programs =
+             {{0, {L"[System Process]", L"Quorbel.WindowOrganizer.Hook.dll", {}}},
+              {ids.at(L"gone"), {L"Quorbel.exe", L"", {}}},
+              {main.id(), {L"Quorbel.exe", L"", {}}},
+              {helper.id(), {L"Quorbel.Kindra.HelperService.exe", L"", {}}},
+              {explorer.id(), {L"explorer.exe", L"Quorbel.WindowOrganizer.Hook.dll", {}}}},
+         .running = {0, ids.at(L"gone"), main.id(), helper.id(), explorer.id()}});
     scheduler.clear();
     scheduler.end_with(S_OK);
     foreign_.clear();
@@ -91,6 +83,9 @@ void furnished_machine::furnish(const std::string& action)
         plant_icon_handlers(ICON_HANDLER_CLSID);
     } else if (action == "restore_built_in_new_context_menu") {
         plant(CLASSES + LR"(Directory\Background\ShellEx\ContextMenuHandlers\New)", L"", FOREIGN);
+    } else if (action == "restore_search") {
+        machine.search_states = {
+            SERVICE_STOP_PENDING, SERVICE_STOP_PENDING, SERVICE_STOP_PENDING, SERVICE_STOPPED};
     } else if (action == "restore_explorer") {
         std::erase(machine.running, explorer.id());
     } else if (action == "recover_early_upgrade") {
@@ -99,7 +94,18 @@ void furnished_machine::furnish(const std::string& action)
     } else if (
         action == "install_upgrade_packages" || action == "finish_controlled_upgrade" ||
         action == "rollback_controlled_upgrade") {
-        begin_upgrade(action != "install_upgrade_packages");
+        std::set<std::wstring> markers{
+            L"backup-complete",
+            L"shutdown-started",
+            L"search-delayed-start",
+            L"search-running",
+            L"helper-running",
+            L"search-start-type-2",
+            L"registered-0"};
+        if (action != "install_upgrade_packages") {
+            markers.insert({L"packages-touched", L"packages-verified"});
+        }
+        leave_markers(markers);
         machine.search_states = {SERVICE_STOPPED};
         machine.search_start = SERVICE_DISABLED;
         machine.search_delayed = false;
@@ -123,7 +129,7 @@ void furnished_machine::set_properties(const std::string& action) const
     session.set_property(L"begin_controlled_upgrade", upgrade_data);
     session.set_property(L"RollbackDisabled", L"");
     const auto own = data.find(action);
-    pass(own == data.end() ? upgrade_data : own->second);
+    session.set_property(L"CustomActionData", own == data.end() ? upgrade_data : own->second);
 }
 
 // Plants another vendor's handler or icon.
@@ -171,23 +177,6 @@ void furnished_machine::plant_icon_handlers(const wchar_t* handler)
     }
     plant_number(HKEY_CURRENT_USER, drive_c, L"sorvane_drive_icon_had_original", 1);
     plant_foreign(drive_c, DRIVE_ICON_BACKUP);
-}
-
-// Leaves the workspace as the first phase does, or as the first two do.
-void furnished_machine::begin_upgrade(bool installed) const
-{
-    std::set<std::wstring> markers{
-        L"backup-complete",
-        L"shutdown-started",
-        L"search-delayed-start",
-        L"search-running",
-        L"helper-running",
-        L"search-start-type-2",
-        L"registered-0"};
-    if (installed) {
-        markers.insert({L"packages-touched", L"packages-verified"});
-    }
-    leave_markers(markers);
 }
 
 std::set<std::wstring> furnished_machine::markers() const

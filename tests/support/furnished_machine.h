@@ -32,9 +32,6 @@ public:
     // its phase continues. Every program and Search run.
     void furnish(const std::string& action);
 
-    // Sets the action's data.
-    void pass(const std::wstring& data) const { session.set_property(L"CustomActionData", data); }
-
     // Installs the suite, all users', with this key path.
     void install_at(const std::wstring& key_path);
 
@@ -84,7 +81,6 @@ private:
     void plant_foreign(const std::wstring& path, const wchar_t* name, HKEY root = HKEY_CURRENT_USER);
     void plant_property_handlers(bool registered);
     void plant_icon_handlers(const wchar_t* handler);
-    void begin_upgrade(bool installed) const;
 
     std::vector<std::pair<HKEY, std::wstring>> foreign_;
 };
