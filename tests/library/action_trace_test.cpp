@@ -343,7 +343,7 @@ TEST_F(ActionTrace, is_as_listed)
     for (const auto& [head, expected] : listed) {
         if (head.starts_with("== ")) {
             const auto [found_head, found] = trace(head.substr(3, head.rfind(": ") - 3));
-            EXPECT_EQ(found_head + found, head + expected)
+            EXPECT_EQ(head + expected, found_head + found)
                 << "build/mingw/action_traces.txt has all as they are now";
             actual << found_head << found;
             std::erase(actions, head.substr(3, head.rfind(": ") - 3));
