@@ -120,7 +120,7 @@ std::wstring replaced(std::wstring text, const std::wstring& found, const std::w
 }
 
 // What is listed: heads ("-- " and the name of lines that are done again and again, or "== ", a title and the
-// action's result), each with the lines below it.
+// action's result, then what it does if that is one line), each with the lines below it.
 std::vector<std::pair<std::string, std::string>> read_list()
 {
     std::vector<std::pair<std::string, std::string>> parts;
@@ -186,8 +186,8 @@ protected:
         }
     }
 
-    // Runs the action of a title, "ACTION[; CHANGE=TEXT]...", and returns its head and lines.
-    std::pair<std::string, std::string> trace(const std::string& title)
+    // Runs the action of a title, "ACTION[; CHANGE=TEXT]...", and returns its part of the list.
+    std::string trace(const std::string& title)
     {
         const std::string action = title.substr(0, title.find(';'));
         stage->furnish(action);
@@ -217,7 +217,8 @@ protected:
             }
             lines += L'\n';
         }
-        return {"== " + title + ": " + std::to_string(code) + '\n', as_ascii(lines)};
+        const bool one_line = std::ranges::count(lines, L'\n') == 1;
+        return "== " + title + ": " + std::to_string(code) + (one_line ? ' ' : '\n') + as_ascii(lines);
     }
 
     void note(std::string_view function, const words& arguments)
@@ -340,16 +341,15 @@ TEST_F(ActionTrace, is_as_listed)
 {
     std::vector<std::string> actions = pe_image{stage->library.module()}.exported_names();
     std::ofstream actual{std::filesystem::path{beside_this_program(L"action_traces.txt")}, std::ios::binary};
-    for (const auto& [head, expected] : listed) {
-        if (head.starts_with("== ")) {
-            const auto [found_head, found] = trace(head.substr(3, head.rfind(": ") - 3));
-            EXPECT_EQ(head + expected, found_head + found)
-                << "build/mingw/action_traces.txt has all as they are now";
-            actual << found_head << found;
-            std::erase(actions, head.substr(3, head.rfind(": ") - 3));
-        } else {
-            actual << head << expected;
+    static const std::regex title{"== (.*?): \\d+( .*)?\n"};
+    for (const auto& [head, below] : listed) {
+        std::string found = head + below;
+        if (std::smatch part; std::regex_match(head, part, title)) {
+            found = trace(part[1]);
+            std::erase(actions, part[1]);
         }
+        EXPECT_EQ(head + below, found) << "build/mingw/action_traces.txt has all as they are now";
+        actual << found;
     }
     EXPECT_EQ(testing::PrintToString(actions), "{}") << "not listed";
 }
