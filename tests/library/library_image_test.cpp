@@ -1,17 +1,13 @@
 // The shipped library: its exports, imports and link options.
 
-#include "support/child_process.h"
 #include "support/loaded_library.h"
 #include "support/pe_image.h"
-#include "tests/support/documented_messages.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -44,28 +40,6 @@ TEST(LibraryImage, exports_the_documented_actions_imports_only_system_libraries_
                                   IMAGE_DLLCHARACTERISTICS_HIGH_ENTROPY_VA |
                                   IMAGE_DLLCHARACTERISTICS_NX_COMPAT;
     EXPECT_EQ(image.headers().OptionalHeader.DllCharacteristics & hardened, hardened);
-}
-
-// A text counts as the library's if all of its parts between placeholders, labels and numbers are in the
-// file.
-TEST(Documents, list_no_text_that_the_library_does_not_have)
-{
-    std::ostringstream file;
-    file << std::ifstream{std::filesystem::path{beside_this_program(L"custom_actions.dll")}, std::ios::binary}
-                .rdbuf();
-    std::string library = file.str();
-    std::erase(library, '\0'); // of UTF-16
-    const std::vector<documented_text> texts = read_documented_texts();
-    EXPECT_THAT(texts, testing::SizeIs(testing::Gt(200U)));
-    const std::regex between{R"( ?<[A-Za-z ]+>|: |, |=|[0-9.]+| \(|'|\[propertyhandler\] )"};
-    for (const documented_text& documented : texts) {
-        const std::string& text = documented.text;
-        for (std::sregex_token_iterator part{text.begin(), text.end(), between, -1}, end; part != end;
-             ++part) {
-            EXPECT_TRUE(library.find(*part) != std::string::npos)
-                << '"' << *part << "\" of \"" << text << '"';
-        }
-    }
 }
 
 } // namespace
