@@ -4,7 +4,6 @@
 
 #include "custom_actions/common/text.h"
 #include "support/ascii.h"
-#include "support/disposable_machine.h"
 #include "support/loaded_library.h"
 #include "support/pe_image.h"
 #include "tests/support/faults.h"
@@ -17,7 +16,6 @@
 #include <iostream>
 #include <iterator>
 #include <map>
-#include <optional>
 #include <ranges>
 #include <regex>
 #include <sstream>
@@ -163,7 +161,7 @@ std::vector<documented_row> documented_rows_of(const std::string& action)
     return rows;
 }
 
-class FaultSweep : public testing::TestWithParam<std::string> {
+class FaultSweep : public furnished_test, public testing::WithParamInterface<std::string> {
 protected:
     // Every message from this one on must be documented. If a call failed the action must say so, with its
     // last message if it fails itself.
@@ -172,7 +170,7 @@ protected:
         bool reported = false;
         bool last_reports = false;
         std::string last;
-        for (const posted_message& message : stage_->session.messages() | std::views::drop(from)) {
+        for (const posted_message& message : stage->session.messages() | std::views::drop(from)) {
             if (failing == "MsiRecordSetStringW" && message.text == L"1:  ") {
                 continue; // a record whose text could not be set, as the installer formats it
             }
@@ -204,13 +202,13 @@ protected:
     void run(std::size_t nth, call_sweep::fault fault)
     {
         std::string failing = calls_[nth].find("::") == std::string::npos ? "" : calls_[nth]; // of an object
-        stage_->furnish(GetParam());
-        stage_->scheduler.fail(custom_actions::widen(failing));
-        stage_->sweep.plan(failing.empty() ? nth : 0, fault);
-        const std::size_t posted = stage_->session.messages().size();
-        const UINT code = stage_->library.call(GetParam().c_str(), stage_->session.handle());
-        if (stage_->sweep.failed() != 0) {
-            failing = stage_->sweep.calls()[nth - 1]; // not always calls_[nth]: threads run side by side
+        stage->furnish(GetParam());
+        stage->scheduler.fail(custom_actions::widen(failing));
+        stage->sweep.plan(failing.empty() ? nth : 0, fault);
+        const std::size_t posted = stage->session.messages().size();
+        const UINT code = stage->library.call(GetParam().c_str(), stage->session.handle());
+        if (stage->sweep.failed() != 0) {
+            failing = stage->sweep.calls()[nth - 1]; // not always calls_[nth]: threads run side by side
         }
         const std::string& returns = documented_.at(0).others;
         EXPECT_TRUE(failing.empty() ? code == ERROR_SUCCESS : has_word(returns, std::to_string(code)))
@@ -219,14 +217,14 @@ protected:
         // What cannot be read is lost, and registration overwrites what it cannot back up.
         const bool removes = GetParam().find("_remove_") != std::string::npos;
         const std::regex losing{removes ? "Reg(Open|Query).*Ex." : "Reg(Open|Query|Set).*Ex."};
-        const std::wstring lost = stage_->lost();
+        const std::wstring lost = stage->lost();
         EXPECT_TRUE(lost.empty() || std::regex_match(failing, losing)) << testing::PrintToString(lost);
-        EXPECT_EQ(stage_->session.open_records(), 0U);
-        EXPECT_EQ(stage_->scheduler.objects(), 0U);
-        EXPECT_EQ(stage_->scheduler.unexpected(), L"");
+        EXPECT_EQ(stage->session.open_records(), 0U);
+        EXPECT_EQ(stage->scheduler.objects(), 0U);
+        EXPECT_EQ(stage->scheduler.unexpected(), L"");
         EXPECT_FALSE(thread_is_impersonating());
         RevertToSelf();
-        faults_ += stage_->sweep.failed();
+        faults_ += stage->sweep.failed();
     }
 
     // Checks that a run leaves no handle open. The system may open one on first use and keep it; one that a
@@ -243,7 +241,6 @@ protected:
         }
     }
 
-    std::optional<furnished_machine> stage_;
     std::vector<documented_row> documented_ = documented_rows_of(GetParam());
     std::vector<std::string> calls_{"none"}; // the library's, counted from 1, and the objects'
     std::size_t faults_ = 0;
@@ -251,16 +248,12 @@ protected:
 
 TEST_P(FaultSweep, returns_one_of_its_codes_says_what_failed_and_leaves_nothing_behind)
 {
-    if (!machine_is_disposable()) {
-        GTEST_SKIP() << "starts the suite's programs: set DISPOSABLE_MACHINE if that is allowed";
-    }
-    stage_.emplace();
     testing::internal::CaptureStdout(); // the action prints a thousand times
     run_without_leak();
     run_without_leak();
-    const auto& calls = stage_->sweep.calls();
+    const auto& calls = stage->sweep.calls();
     calls_.insert(calls_.end(), calls.begin(), calls.end());
-    std::istringstream of_objects{as_ascii(stage_->scheduler.calls())};
+    std::istringstream of_objects{as_ascii(stage->scheduler.calls())};
     calls_.insert(calls_.end(), std::istream_iterator<std::string>{of_objects}, {});
     std::map<std::pair<std::size_t, std::vector<std::string>>, int> rounds;
     for (std::size_t nth = 1; nth != calls_.size() && !HasFailure(); ++nth) {
