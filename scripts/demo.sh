@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # usage: scripts/demo.sh [--no-build] [--verbose]
 #
-# Installs, upgrades and removes the toy suite with a real installer engine, on a machine of its own (a Wine prefix,
-# build/wine_demo), and checks what each step does. Exits with 1 if a check fails. The logs are in build/demo/, in files
-# that begin with the number of their step.
+# Installs, repairs, upgrades and removes the toy suite with a real installer engine, on a machine of its own (a Wine
+# prefix, build/wine_demo), and checks what each step does. Exits with 1 if a check fails. The logs are in build/demo/, in
+# files that begin with the number of their step.
 #   --no-build   takes the programs and packages in build/mingw as they are
 #   --verbose    prints every check, and the lines that the actions logged
 set -eu
