@@ -2,8 +2,8 @@
 # usage: scripts/demo.sh [--no-build] [--verbose]
 #
 # Installs, repairs, upgrades and removes the toy suite with a real installer engine, on a machine of its own (a Wine
-# prefix, build/wine_demo), and checks what each step does. Exits with 1 if a check fails. The logs are in build/demo/, in
-# files that begin with the number of their step.
+# prefix, build/wine_demo), and checks what each step does. Exits with 1 if a check fails. The logs are in build/demo/,
+# in files that begin with the number of their step.
 #   --no-build   takes the programs and packages in build/mingw as they are
 #   --verbose    prints every check, and the lines that the actions logged
 set -eu
@@ -328,8 +328,8 @@ reg add "$handlers\\.png" /ve /d "$foreign_handler"
 reg add "$icon_slot" /ve /d "$foreign_handler"
 reg add "$drive" /ve /d before.ico
 
-# What a removal or a rollback must restore: every value of the keys that the suite writes to, and every file, except the
-# installer's own copies of packages, the upgrades' workspaces and the copies that toy_engine makes.
+# What a removal or a rollback must restore: every value of the keys that the suite writes to, and every file, except
+# the installer's own copies of packages, the upgrades' workspaces and the copies that toy_engine makes.
 machine() {
   look
   awk '/^HKEY_/ { key = $0 } /^ / && key !~ /QuorbelStandIn|WSearch/ { print key $0 }' "$seen"
