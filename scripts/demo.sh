@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # usage: scripts/demo.sh [--no-build] [--verbose]
 #
-# Installs, upgrades and removes the toy suite with a real installer engine, on a machine of its own (a Wine prefix,
-# build/wine_demo), and checks what each step does. Exits with 1 if a check fails. The logs are in build/demo/, in files
-# that begin with the number of their step.
+# Installs, repairs, upgrades and removes the toy suite with a real installer engine, on a machine of its own (a Wine
+# prefix, build/wine_demo), and checks what each step does. Exits with 1 if a check fails. The logs are in build/demo/,
+# in files that begin with the number of their step.
 #   --no-build   takes the programs and packages in build/mingw as they are
 #   --verbose    prints every check, and the lines that the actions logged
 set -eu
@@ -33,6 +33,7 @@ step=0
 passed=0
 failures=$logs/failures.txt
 : >"$failures"
+log_file() { printf '%s/%02d-%s' "$logs" "$step" "$1"; }
 step_failures() { grep -c "^$step\\." "$failures" || true; }
 say() { [ -z "$verbose" ] || printf "$@"; }
 
@@ -146,6 +147,7 @@ foreign_handler='{11111111-2222-3333-4444-555555555555}'
 our_handler='{73A6EEEE-36B5-4536-A731-8F92EF883087}'
 our_icon_handler='{931CC9DD-9E0F-4FA1-AA06-229D0372956A}'
 folder='C:\Program Files\Quorbel'
+other_folder="C:\\Program Files\\Bob's Quorbel (all of it)"
 folder_window=file:///C:/Users
 installed="$drive_c/Program Files/Quorbel"
 package() { printf 'build/mingw/package/quorbel-%s.msi' "$1"; }
@@ -154,7 +156,7 @@ package() { printf 'build/mingw/package/quorbel-%s.msi' "$1"; }
 # command file, would lose one now and then, as CreateProcess fails on Wine once in some thousand calls.
 look() {
   local key
-  seen=$logs/$(printf %02d "$step")-registry.txt
+  seen=$(log_file registry.txt)
   for key in "$handlers" 'HKEY_LOCAL_MACHINE\SOFTWARE\Classes\SystemFileAssociations' \
     'HKEY_CURRENT_USER\Software\Classes' 'HKEY_LOCAL_MACHINE\SOFTWARE\Brenmoor' "$stand_in" "$search"; do
     wine reg query "$key" /s 2>/dev/null || true
@@ -173,6 +175,7 @@ values() {
 types_of() { values "$handlers" '(Default)' | grep -cxF "$1" || true; }
 # The count and version of the registered packages: "8 1.4.1.0".
 packages() { values "$stand_in\\PowerShell\\Packages" Version | sort | uniq -c | sed 's/^ *//' | paste -sd,; }
+package_folders() { values "$stand_in\\PowerShell\\Packages" ExternalLocation | sort -u; }
 recovery_task() { values "$stand_in\\TaskScheduler\\Tasks" "$1"; }
 search_was_asked() { printf '%s stops, %s starts' "$(values "$search" Stops)" "$(values "$search" Starts)"; }
 search_state() {
@@ -206,7 +209,7 @@ action_lines() {
 # run_installer NAME ARGUMENT...: runs the installer silently and looks at the machine. Sets log and result.
 run_installer() {
   local begin
-  begin=$logs/$(printf %02d "$step")-$1
+  begin=$(log_file "$1")
   log=$begin.log
   shift
   reg delete "$search\\Asked"
@@ -218,6 +221,10 @@ run_installer() {
 }
 installer_result() {
   case $result in 0) echo succeeded ;; 66) echo cancelled ;; 67) echo failed ;; *) echo "$result" ;; esac # 16xx & 0xFF
+}
+check_failed_at_end() {
+  check "the installer failed" is failed installer_result
+  check "it failed at its end, on purpose" logged "Invalid Explorer session data"
 }
 
 # Whether the Explorer with the extension "closes" when asked, or has no window ("none"): then each phase that closes
@@ -321,18 +328,25 @@ reg add "$handlers\\.png" /ve /d "$foreign_handler"
 reg add "$icon_slot" /ve /d "$foreign_handler"
 reg add "$drive" /ve /d before.ico
 
-# What a removal must restore: every value of the keys that the suite writes to, and every file, except the upgrades'
-# workspaces and the copies that toy_engine makes.
+# What a removal or a rollback must restore: every value of the keys that the suite writes to, and every file, except
+# the installer's own copies of packages, the upgrades' workspaces and the copies that toy_engine makes.
 machine() {
   look
   awk '/^HKEY_/ { key = $0 } /^ / && key !~ /QuorbelStandIn|WSearch/ { print key $0 }' "$seen"
-  find "$drive_c" -type f ! -path '*/QBL-upgrade-*' ! -path '*/quorbel-files-before-upgrade/*' ! -name '*.in-use' | sort
+  find "$drive_c" -type f ! -path '*/windows/Installer/*' ! -path '*/QBL-upgrade-*' \
+    ! -path '*/quorbel-files-before-upgrade/*' ! -name '*.in-use' | sort
 }
-machine >"$logs/01-machine.txt"
+new=$(log_file machine.txt)
+machine >"$new"
 check "two types have another maker's property handler" is 2 types_of "$foreign_handler"
 check "drive Q has an icon" is before.ico values "$drive" '(Default)'
 check "Windows Search runs" becomes RUNNING search_state
-machine_changes() { diff "$logs/01-machine.txt" "$logs/$(printf %02d "$step")-machine.txt" | sed -n 's/^[<>]/&/p'; }
+# check_unchanged BEFORE: the machine is as in this file. The packages are checked apart.
+check_unchanged() {
+  machine >"$(log_file machine.txt)"
+  check "every value and file is as before" is "" machine_changes "$1"
+}
+machine_changes() { diff "$1" "$(log_file machine.txt)" | grep -m 5 '^[<>]' || true; }
 
 begin_step "Install Quorbel 1.4.1 on a machine that has none"
 run_installer install-1.4.1 /i "$(package 1.4.1)"
@@ -365,6 +379,29 @@ check "IS_MINOR_UPGRADE was 1" is 1 values "$suite\\MinorUpgrade" 1.4.2
 check "the files of 1.4.2 are there" is "Quorbel 1.4.2" notes
 check_search "Quorbel 1.4.1" "Quorbel 1.4.2"
 check "no restart notice" not_logged "Quorbel has been removed."
+
+begin_step "Repair 1.4.2, whose packages are no longer registered"
+before=$(log_file before.txt)
+machine >"$before"
+reg delete "$stand_in\\PowerShell\\Packages"
+run_installer repair /i "$(package 1.4.2)" REINSTALL=ALL
+check "the installer succeeded" is succeeded installer_result
+check "all eight packages are registered" is "8 1.4.2.0" packages
+check_unchanged "$before"
+
+begin_step "Refuse 1.4.1, which is older, and 1.4.2 from another package"
+run_installer downgrade /i "$(package 1.4.1)"
+check "the installer failed" is failed installer_result
+check "a newer version was found" logged "NEWER_VERSION_FOUND = {"
+twin=$(log_file twin.msi)
+cp "$(package 1.4.2)" "$twin"
+msibuild "$twin" \
+  -q "UPDATE Property SET Value = '{3D3F6A51-7D0A-4C0B-9A53-0B6C3B1D1FFF}' WHERE Property = 'ProductCode'"
+run_installer twin /i "$twin"
+check "the installer failed" is failed installer_result
+check "the same version was found" logged "SAME_VERSION_FOUND = {"
+check "the packages are as before" is "8 1.4.2.0" packages
+check_unchanged "$before"
 
 begin_step "Upgrade to 1.5.0, a major one"
 run_installer upgrade-1.5.0 /i "$(package 1.5.0)"
@@ -415,7 +452,7 @@ failing_upgrade() {
   task=$(recovery_task Path)
   read -ra arguments <<<"$(recovery_task Arguments)"
   result=0
-  wine "$task" "${arguments[@]}" >"$logs/$(printf %02d "$step")-recovery.out" 2>&1 || result=$?
+  wine "$task" "${arguments[@]}" >"$(log_file recovery.out)" 2>&1 || result=$?
   check "the recovery task succeeded" is succeeded installer_result
   reg delete "$stand_in\\TaskScheduler"
   look
@@ -427,7 +464,7 @@ failing_upgrade() {
 install_again() {
   end_suite
   reg delete "$stand_in\\PowerShell\\Orders"
-  log=$logs/$(printf %02d "$step")-install-again.log
+  log=$(log_file install-again.log)
   check "1.5.0 is installed again" succeeds msiexec /i "$(package 1.5.0)" /qn '/l*v' "$log"
 }
 end_suite() { end_programs Quorbel.exe Quorbel.Kindra.HelperService.exe Quorbel.SystemTray.exe; }
@@ -512,43 +549,54 @@ check "the built-in New menu was checked" logged "restore_built_in_new_context_m
 check_search "Quorbel 2.0.0" ""
 check "no package is registered any more" is "" packages
 check "no task is left" is "" recovery_task Path
-machine >"$logs/$(printf %02d "$step")-machine.txt"
-check "every value and file is as before, except the upgrades' workspaces" is "" machine_changes
+check_unchanged "$new"
 
-begin_step "Install Quorbel 1.4.2 once more; Windows Search is stopped this time"
+begin_step "Install 1.5.0 on the now empty machine, which fails at its end"
+start_programs explorer.exe
+run_installer failed-install /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
+remove_shell_host
+check_failed_at_end
+check_explorer
+check "Windows' own Explorer is back" becomes runs runs 'C:\windows\explorer.exe'
+check "the log says so" logged "$explorer_restored"
+check "no package is registered" is "" packages
+check_unchanged "$new"
+
+begin_step "Refuse a folder with quotation marks in its name"
+LC_ALL=C.UTF-8 run_installer refused-folder /i "$(package 1.4.2)" 'INSTALLFOLDER=C:\The ‘new’ Quorbel'
+check "the installer failed" is failed installer_result
+check "refuse_folder ended the session" logged "refuse_folder. Return value 0."
+check_unchanged "$new"
+
+begin_step "Install 1.4.2 in another folder; Windows Search is stopped this time"
 check "Windows Search stops" succeeds sc stop WSearch
 check "Windows Search is stopped" becomes STOPPED search_state
-run_installer install-1.4.2 /i "$(package 1.4.2)"
+run_installer install-1.4.2 /i "$(package 1.4.2)" "INSTALLFOLDER=$other_folder"
 check "the installer succeeded" is succeeded installer_result
+check "the packages are registered with this folder" is "$other_folder" package_folders
 check "Windows Search stays stopped" is STOPPED search_state
 
-begin_step "Upgrade to 1.5.0, which fails at its end"
+begin_step "Upgrade to 1.5.0 in the usual folder, which fails at its end"
 check "Windows Search starts" succeeds build/mingw/toy_service.exe --start
 run_installer failed-upgrade /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
-check "the installer failed" is failed installer_result
-# Whether the old files are back by then depends on the engine, so compare with what is there now.
-check_search "Quorbel 1.4.2" "$(notes)"
+check_failed_at_end
+check "the packages are as before" is "8 1.4.2.0" packages
+check "they are registered with the old folder" is "$other_folder" package_folders
+# Whether the new files are gone by then depends on the engine, so compare with what is there now.
+check_search "" "$(notes)"
 
 begin_step "Upgrade to 1.5.0 again"
 run_installer upgrade-1.5.0 /i "$(package 1.5.0)"
 check "the installer succeeded" is succeeded installer_result
 
-begin_step "Remove Quorbel again"
-run_installer remove-1.5.0 /x "$(package 1.5.0)"
-check "the installer succeeded" is succeeded installer_result
-check "nothing is left of the suite" is "" notes
+begin_step "Remove Quorbel, which fails at its end"
+before=$(log_file before.txt)
+machine >"$before"
+run_installer failed-removal /x "$(package 1.5.0)" FAIL_ON_PURPOSE=1
+check_failed_at_end
+check "the packages are as before: $packages_before" is "$packages_before" packages
+check_unchanged "$before"
 check "Windows Search is running" becomes RUNNING search_state
-
-begin_step "Install 1.5.0 on the now empty machine, which fails at its end"
-start_programs explorer.exe
-run_installer failed-install /i "$(package 1.5.0)" FAIL_ON_PURPOSE=1
-check "the installer failed" is failed installer_result
-check_explorer
-check "Windows' own Explorer is back" becomes runs runs 'C:\windows\explorer.exe'
-check "the log says so" logged "$explorer_restored"
-check "no property handler of ours is left" is 0 types_of "$our_handler"
-check "the icon handler is the one from before" is "$foreign_handler" values "$icon_slot" '(Default)'
-check "the suite's registry key is gone" is "" values "$suite" Version
 check "the other maker's program was left alone" is runs runs 'C:\Bystander.exe'
 end_step
 

@@ -91,8 +91,7 @@ toy_process::toy_process(const std::wstring& name, const std::wstring& behaviour
         L"toy-ready-" + std::to_wstring(GetCurrentProcessId()) + L'-' + std::to_wstring(++started_before);
     const kernel_handle ready{CreateEventW(nullptr, TRUE, FALSE, event.c_str())};
     const std::wstring command_line =
-        L'"' + (name.find(L'\\') == std::wstring::npos ? copy_of(L"toy_program.exe", name) : name) +
-        L"\" --ready=" + event + L' ' + behaviour;
+        L'"' + copy_of(L"toy_program.exe", name) + L"\" --ready=" + event + L' ' + behaviour;
     started_child started = start_child(command_line);
     process_ = std::move(started.process);
     id_ = started.id;

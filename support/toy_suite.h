@@ -23,7 +23,7 @@ std::size_t end_programs(const std::wstring& name);
 // Copies the toy library under this name to this process's own folder and returns the copy's path.
 std::wstring toy_library(const std::wstring& name);
 
-// Runs a copy of the toy program under this name, or the installed one at this path, until the scope ends.
+// Runs a copy of the toy program under this name until the scope ends.
 class toy_process {
 public:
     // Returns once the program is ready. `behaviour` is its command line, such as "--window=ignores". Throws

@@ -1,6 +1,5 @@
 #include "tests/support/powershell_stand_in.h"
 
-#include "package/toy_suite/powershell/packages.h"
 #include "support/child_process.h"
 #include "support/disposable_machine.h"
 
@@ -28,15 +27,6 @@ powershell_stand_in::~powershell_stand_in()
     std::error_code ignored; // the next stand-in finds it set aside
     fs::rename(set_aside_, place_, ignored);
     RegDeleteTreeW(HKEY_CURRENT_USER, toy_powershell::STATE);
-}
-
-std::vector<std::wstring> registered_packages()
-{
-    std::vector<std::wstring> packages;
-    for (const auto& package : toy_powershell::registered_packages()) {
-        packages.push_back(package.identity.name + L' ' + package.identity.version + L' ' + package.status);
-    }
-    return packages;
 }
 
 } // namespace test_support

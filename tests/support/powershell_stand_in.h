@@ -6,7 +6,6 @@
 #include <windows.h>
 
 #include <string>
-#include <vector>
 
 namespace test_support {
 
@@ -41,8 +40,5 @@ private:
                           LR"(\WindowsPowerShell\v1.0\powershell.exe)";
     std::wstring set_aside_ = place_ + L".of-the-system"; // the name that the demo uses
 };
-
-// The packages registered with the stand-in, by name: "Sorvane.Icon 1.5.0.0 Ok".
-std::vector<std::wstring> registered_packages();
 
 } // namespace test_support
