@@ -1,12 +1,12 @@
 // prepare_controlled_upgrade and early_close_upgrade of the built library, the latter with real programs and
 // the Task Scheduler's stand-in.
 
+#include "custom_actions/upgrade/context.h"
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
 #include "support/toy_suite.h"
 #include "tests/support/scheduler_stand_in.h"
 #include "tests/support/test_session.h"
-#include "tests/support/upgrade_fixture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
