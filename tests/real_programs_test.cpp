@@ -151,6 +151,7 @@ TEST(RunAction, follows_its_command_line_and_prints_the_outcome)
         {L"check_upgrade_type ProductVersion=2 INSTALLED_APP_VERSION=2", 0, "\nset IS_MINOR_UPGRADE=1\n"},
         {L"check_upgrade_type IS_MINOR_UPGRADE=1", 0, "\ncleared IS_MINOR_UPGRADE\nreturned 0: success\n"},
         {L"--no-session check_upgrade_type", 0, "returned 0: success\n"},
+        {L"--no-session check_upgrade_type ProductVersion=2", 2, "--no-session takes no properties\n\nusage"},
         {L"--library absent.dll check_upgrade_type", 1, "run_action: loading the library"},
         {L"stop_search", 1, "changes this machine. Run it? [y/N] Not run.\n", L"cmd.exe /c echo no|"},
         {L"stop_search", 1603, "[y/N] 0x01000000 error: Invalid Search state\n", L"cmd.exe /c echo yes|"},
