@@ -2,6 +2,7 @@
 
 #include "custom_actions/common/path.h"
 #include "custom_actions/common/registry_key.h"
+#include "custom_actions/packages/msix_package.h"
 #include "custom_actions/packages/powershell.h"
 #include "custom_actions/processes/module_pattern.h"
 #include "custom_actions/processes/program_tables.h"
@@ -280,6 +281,14 @@ TEST(Path, is_parsed_like_the_standard_library)
         ASSERT_EQ(file_extension(text), path.extension().wstring());
         ASSERT_EQ(parent_folder(text), path.parent_path().wstring());
         ASSERT_EQ(normalized_folder(text), normal.make_preferred().wstring());
+    }
+}
+
+TEST(PackageName, has_nothing_that_needs_quoting)
+{
+    EXPECT_TRUE(is_package_name(L"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789.-"));
+    for (const wchar_t other : std::wstring{L" _\\/'\"*;\u00E4\u0660\u2019\u212A\uFF21"}) {
+        EXPECT_FALSE(is_package_name(std::wstring{L"Icon"} + other)) << testing::PrintToString(other);
     }
 }
 

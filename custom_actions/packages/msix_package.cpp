@@ -5,7 +5,6 @@
 #include "custom_actions/packages/powershell.h"
 
 #include <string>
-#include <string_view>
 
 namespace custom_actions {
 namespace {
@@ -38,13 +37,6 @@ std::wstring install_command(std::wstring_view msix)
     return command;
 }
 
-// Whether `name` has only characters that a package's identity may have. It then needs no quoting.
-bool is_package_name(std::wstring_view name) noexcept
-{
-    return name.find_first_not_of(L"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789.-") ==
-           std::wstring_view::npos;
-}
-
 std::wstring uninstall_command(std::wstring_view name)
 {
     std::wstring command = POWERSHELL;
@@ -74,6 +66,12 @@ UINT run_command(const std::wstring& command, const action_log& log)
 }
 
 } // namespace
+
+bool is_package_name(std::wstring_view name) noexcept
+{
+    return name.find_first_not_of(L"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789.-") ==
+           std::wstring_view::npos;
+}
 
 UINT install_msix_package(const action_log& log)
 {

@@ -18,14 +18,11 @@ TEST(LibraryImage, exports_the_documented_actions_imports_only_system_libraries_
 {
     const loaded_library library;
     const pe_image image{library.module()};
-    std::vector<std::string> documented; // one in each row of the first table
-    std::ifstream file{SOURCE_DIR "/docs/actions.md"};
-    const std::regex row{R"(^\| `(\w+)` \|.*)"};
-    for (std::string line; std::getline(file, line);) {
-        if (std::smatch match; std::regex_match(line, match, row)) {
-            documented.push_back(match[1]);
-        }
-    }
+    std::string actions;
+    std::getline(std::ifstream{SOURCE_DIR "/docs/actions.md"}, actions, '\0');
+    const std::regex row{R"(\n\| `(\w+)` \|)"}; // of the first table
+    const std::vector<std::string> documented{
+        std::sregex_token_iterator{actions.begin(), actions.end(), row, 1}, std::sregex_token_iterator{}};
     EXPECT_THAT(documented, testing::SizeIs(22));
     EXPECT_THAT(image.exported_names(), testing::UnorderedElementsAreArray(documented));
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "custom_actions/upgrade/context.h"
 #include "support/loaded_library.h"
 #include "support/registry_sandbox.h"
 #include "support/toy_suite.h"
@@ -7,7 +8,6 @@
 #include "tests/support/fake_machine.h"
 #include "tests/support/scheduler_stand_in.h"
 #include "tests/support/test_session.h"
-#include "tests/support/upgrade_fixture.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,9 @@
 #include "tests/support/test_session.h"
 
+#include "custom_actions/common/guid.h"
 #include "custom_actions/common/installer_session.h"
+#include "custom_actions/processes/token.h"
+#include "custom_actions/upgrade/context.h"
 
 #include <gtest/gtest.h>
 
@@ -51,6 +54,15 @@ std::optional<std::wstring> test_session::property(const std::wstring& name) con
 {
     const std::wstring value = custom_actions::read_property(handle(), name.c_str());
     return value.empty() ? std::nullopt : std::optional{value};
+}
+
+std::wstring new_upgrade_data(const std::wstring& product_directory)
+{
+    DWORD session = 0;
+    ProcessIdToSessionId(GetCurrentProcessId(), &session);
+    const std::wstring user = custom_actions::token_user_sid(GetCurrentProcessToken());
+    const std::wstring transaction = custom_actions::new_guid("no transaction", "no transaction");
+    return custom_actions::controlled_upgrade::format_context(product_directory, session, user, transaction);
 }
 
 } // namespace test_support

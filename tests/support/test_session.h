@@ -41,4 +41,7 @@ private:
     std::list<import_hook> hooks_;
 };
 
+// CustomActionData for a new upgrade of this folder by this process's user and session.
+std::wstring new_upgrade_data(const std::wstring& product_directory);
+
 } // namespace test_support

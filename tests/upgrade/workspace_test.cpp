@@ -2,7 +2,7 @@
 
 #include "custom_actions/upgrade/workspace.h"
 #include "tests/support/faults.h"
-#include "tests/support/upgrade_fixture.h"
+#include "tests/support/test_session.h"
 
 #include <aclapi.h>
 #include <gtest/gtest.h>
