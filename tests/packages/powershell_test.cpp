@@ -3,9 +3,9 @@
 #include "custom_actions/packages/powershell.h"
 #include "custom_actions/upgrade/scripts.h"
 #include "support/disposable_machine.h"
+#include "support/real_session.h"
 #include "support/toy_suite.h"
 #include "tests/support/faults.h"
-#include "tests/support/test_session.h"
 #include "tests/support/upgrade_fixture.h"
 
 #include <gtest/gtest.h>
@@ -21,8 +21,7 @@ TEST(PowerShell, runs_a_script_as_the_user_and_kills_it_after_its_time_limit)
     if (!test_support::machine_is_disposable()) {
         GTEST_SKIP() << "replaces PowerShell: set DISPOSABLE_MACHINE if that is allowed";
     }
-    auto* const module = GetModuleHandleW(nullptr);
-    const test_support::test_session session{module};
+    const test_support::real_session session;
     const test_support::upgrade_fixture fixture;
     const controlled_upgrade::context& upgrade = fixture.context();
     std::string output;
@@ -43,6 +42,7 @@ TEST(PowerShell, runs_a_script_as_the_user_and_kills_it_after_its_time_limit)
     EXPECT_EQ(run(L"PrintOut", L"16777213 capture"), "") << "16 MiB with the byte-order mark";
     EXPECT_EQ(run(L"PrintOut", L"16777214 capture"), failed);
     {
+        auto* const module = GetModuleHandleW(nullptr);
         const test_support::import_hook pipe{module, "GetFileType", [] { return FILE_TYPE_PIPE; }};
         EXPECT_EQ(run(L"PrintOut", L"0 capture"), failed) << "the log is not a file";
     }
