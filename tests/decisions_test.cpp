@@ -65,11 +65,14 @@ std::string line(const auto& table)
 
 TEST(Tables, have_these_entries)
 {
+    std::string all = line(PROPERTY_HANDLER_EXTENSIONS) + line(FORCE_OVERRIDE_EXTENSIONS) +
+                      line(EXTENDED_DETAILS_EXTENSIONS) + line(UPGRADE_IMAGES) + line(EARLY_CLOSE_IMAGES) +
+                      line(our_shell_modules) + line(UPGRADE_PACKAGES);
+    for (const auto& [value, text] : DETAILS_LISTS) {
+        all += line(std::array{std::string_view{value}, text});
+    }
     EXPECT_EQ(
-        line(PROPERTY_HANDLER_EXTENSIONS) + line(FORCE_OVERRIDE_EXTENSIONS) +
-            line(EXTENDED_DETAILS_EXTENSIONS) + line(UPGRADE_IMAGES) + line(EARLY_CLOSE_IMAGES) +
-            line(our_shell_modules) + line(UPGRADE_PACKAGES) +
-            line(std::array{FULL_DETAILS_LIST, PREVIEW_DETAILS_LIST, INFOTIP_LIST}),
+        all,
         ".arw .asm .aspx .avi .bat .bmp .c .cmd .config .cpp .cs .csv .d64 .dll .doc .docx .gif .gfie .h "
         ".heic .hpp .htm .html .ico .ini .jpeg .jpg .json .jxl .lnk .log .lnx .master .md .mov .mp4 .msi "
         ".pdf .pfx .png .prg .ppt .pptx .ps1 .rar .reg .rtf .sid .sln .svg .tif .tiff .tmp .txt .url .wav "
@@ -92,13 +95,12 @@ TEST(Tables, have_these_entries)
         "Sorvane.Icon.Package.msix Sorvane.Organize.Package.msix Sorvane.Tag.Package.msix "
         "Sorvane.Rate.Package.msix Quorbel.Kindra.Package.msix Quorbel.Paste.Package.msix "
         "Quorbel.Comment.Package.msix Quorbel.Plexa.Package.msix \n"
-        "prop:System.PropGroup.Description;System.Rating;System.Keywords;System.Comment;"
+        "FullDetails prop:System.PropGroup.Description;System.Rating;System.Keywords;System.Comment;"
         "System.PropGroup.FileSystem;System.ItemNameDisplay;System.ItemType;System.ItemFolderPathDisplay;"
-        "System.DateCreated;System.DateModified;System.Size;System.FileAttributes;"
-        "System.OfflineAvailability;System.OfflineStatus;System.SharedWith;System.FileOwner;"
-        "System.ComputerName "
-        "prop:System.ItemType;System.Comment;System.Keywords;System.Rating;System.Size "
-        "prop:System.ItemType;System.Keywords;System.Rating;System.Comment;System.Size \n");
+        "System.DateCreated;System.DateModified;System.Size;System.FileAttributes;System.OfflineAvailability;"
+        "System.OfflineStatus;System.SharedWith;System.FileOwner;System.ComputerName \n"
+        "PreviewDetails prop:System.ItemType;System.Comment;System.Keywords;System.Rating;System.Size \n"
+        "InfoTip prop:System.ItemType;System.Keywords;System.Rating;System.Comment;System.Size \n");
 }
 
 TEST(ModulePattern, matches_the_whole_name_in_any_case)
@@ -227,7 +229,7 @@ TEST(Context, is_parsed_from_valid_data_only)
     };
     const std::string required = "An interactive user and absolute product directory are required";
     const std::string invalid = "Invalid upgrade transaction data";
-    EXPECT_EQ(refusal(L"C:\\a|b|1|S-1-5-18|", guid), invalid);
+    EXPECT_EQ(refusal(L"C:\\a|1|S-1-5-18|", guid + L"|b"), invalid);
     EXPECT_EQ(refusal(L"C:\\a||S-1-5-18|", guid), invalid);
     EXPECT_EQ(refusal(L"C:\\a|-1|S-1-5-18|", guid), invalid);
     EXPECT_EQ(refusal(L"C:\\a|1|S-1-5-18|", L"{}"), invalid);
