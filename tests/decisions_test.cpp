@@ -130,6 +130,7 @@ TEST(PropertyLists, gain_and_lose_the_extra_properties)
 // When a wait for Windows Search to stop ends.
 TEST(ServiceTransition, gives_up_after_a_minute_or_without_progress)
 {
+    using verdict = service_transition::verdict;
     // In milliseconds; `progress` is the check point's at each query, every 250 ms.
     const auto waited = [](DWORD hint, DWORD progress) {
         SERVICE_STATUS_PROCESS status{};
@@ -137,13 +138,13 @@ TEST(ServiceTransition, gives_up_after_a_minute_or_without_progress)
         status.dwWaitHint = hint;
         ULONGLONG now = 0xFFFFFF00; // soon more than 32 bits
         service_transition transition{SERVICE_STOPPED, status, now};
-        do {
+        for (auto last = verdict::wait; last == verdict::wait; last = transition.observe(status, now)) {
             now += 250;
             status.dwCurrentState = SERVICE_STOP_PENDING; // after 250 ms, which is progress too
             status.dwCheckPoint += progress;
-        } while (transition.observe(status, now) == service_transition::verdict::wait);
+        }
         status.dwCurrentState = SERVICE_STOPPED;
-        EXPECT_EQ(transition.observe(status, now), service_transition::verdict::reached);
+        EXPECT_EQ(transition.observe(status, now), verdict::reached);
         return transition.elapsed(now);
     };
     EXPECT_EQ(waited(999, 0), 30'250U) << "a hint of less than a second is none";
@@ -207,7 +208,8 @@ TEST(RecoveryTask, has_a_name_of_ours_and_leaves_one_program_out)
 TEST(RollbackPlan, follows_the_markers)
 {
     const auto plan = [](std::wstring_view markers) {
-        return plan_rollback([&](const wchar_t* name) { return markers.find(name) != markers.npos; });
+        return plan_rollback(
+            [&](const wchar_t* name) { return markers.find(name) != std::wstring_view::npos; });
     };
     EXPECT_EQ(plan(L"packages-touched"), (rollback_plan{false, false, false}));
     EXPECT_EQ(plan(L"backup-complete packages-touched"), (rollback_plan{true, false, false}));
