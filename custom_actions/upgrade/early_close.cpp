@@ -64,7 +64,7 @@ running_programs find_programs(const controlled_upgrade::context& context)
             continue;
         }
         found.processes.push_back(process);
-        if (!equal_ignoring_case(file_name(path), AUTO_TAGGING_PROGRAM) && !contains(found.paths, path)) {
+        if (is_started_again(path) && !contains(found.paths, path)) {
             found.paths.push_back(path);
         }
     }
@@ -111,6 +111,11 @@ void prepare(MSIHANDLE session)
         session, context.user_sid, controlled_upgrade::recovery_script(found.paths));
     upgrade_log(session, L"Early recovery registered: " + task);
     close_programs(session, found.processes);
+}
+
+bool is_started_again(std::wstring_view path) noexcept
+{
+    return !equal_ignoring_case(file_name(path), AUTO_TAGGING_PROGRAM);
 }
 
 void recover(MSIHANDLE session)

@@ -3,6 +3,8 @@
 #include <windows.h>
 #include <msi.h>
 
+#include <string_view>
+
 // The early close: the suite's main programs are asked to close before the installer looks for files in use.
 // A scheduled task, registered before the first of them closes, starts them again.
 namespace custom_actions::early_upgrade {
@@ -13,6 +15,10 @@ namespace custom_actions::early_upgrade {
 // early-close process" or "Cannot identify early-close user", and what read_property, load_context,
 // find_processes_by_image, token_user_sid and recovery_scheduler throw.
 void prepare(MSIHANDLE session);
+
+// Whether the recovery task starts the program with this path again. It does, unless the program is the
+// auto-tagging service, in any case.
+bool is_started_again(std::wstring_view path) noexcept;
 
 // Runs the task that "QblEarlyRecoveryTask" names, and removes it once it has started the programs again; if
 // it throws, the task stays. Does nothing if the property is empty. Throws std::runtime_error "Invalid early

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 
 namespace test_support {
 
@@ -15,7 +16,12 @@ std::string thrown_by(const std::function<void()>& call);
 
 // The same while this program's calls to `function` are answered so: thrown_with("OpenProcess", fail_with(0,
 // 5), call).
-std::string thrown_with(const char* function, import_hook::answer answer, const std::function<void()>& call);
+template <class Answer>
+std::string thrown_with(const char* function, Answer answer, const std::function<void()>& call)
+{
+    const import_hook hook{GetModuleHandleW(nullptr), function, std::move(answer)};
+    return thrown_by(call);
+}
 
 bool thread_is_impersonating();
 

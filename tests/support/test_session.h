@@ -1,27 +1,39 @@
 #pragma once
 
+#include "custom_actions/common/guid.h"
+#include "custom_actions/common/installer_session.h"
+#include "custom_actions/processes/token.h"
+#include "custom_actions/upgrade/context.h"
 #include "support/real_session.h"
 #include "tests/support/import_hook.h"
 
-#include <windows.h>
-#include <msi.h>
+#include <gtest/gtest.h>
 
-#include <list>
 #include <optional>
 #include <string>
 
 namespace test_support {
 
-// A session of the real installer for one module. Fakes what would need an installed product: components and
-// target folders. A record left open or closed twice fails the test. Only one may exist at a time.
+// A session of the real installer for one module, but no test program. Fakes what would need an installed
+// product: components and target folders. A record left open or closed twice fails the test. Only one may
+// exist at a time.
 class test_session : public real_session {
 public:
     // Throws std::runtime_error if `module` does not import a function that is intercepted here.
-    explicit test_session(HMODULE module);
-    ~test_session();
+    explicit test_session(HMODULE module) : module_{module} {}
 
-    void set_property(const std::wstring& name, const std::wstring& value) const;
-    [[nodiscard]] std::optional<std::wstring> property(const std::wstring& name) const;
+    ~test_session() { EXPECT_EQ(open_records_, 0U) << "records left open"; }
+
+    void set_property(const std::wstring& name, const std::wstring& value) const
+    {
+        custom_actions::set_property(handle(), name.c_str(), value, "a test cannot set a property");
+    }
+
+    [[nodiscard]] std::optional<std::wstring> property(const std::wstring& name) const
+    {
+        const std::wstring value = custom_actions::read_property(handle(), name.c_str());
+        return value.empty() ? std::nullopt : std::optional{value};
+    }
 
     // Fakes one component that is installed for all users, and no other.
     void install_component(
@@ -35,13 +47,50 @@ public:
     [[nodiscard]] unsigned open_records() const noexcept { return open_records_; }
 
 private:
+    HMODULE module_;
     unsigned open_records_ = 0;
     std::wstring installed_; // product and component
     std::wstring key_path_;
-    std::list<import_hook> hooks_;
+    import_hook record_made_{module_, "MsiCreateRecord", [this]() -> std::optional<word> {
+                                 ++open_records_;
+                                 return std::nullopt;
+                             }};
+    import_hook record_closed_{module_, "MsiCloseHandle", [this](MSIHANDLE record) -> std::optional<word> {
+                                   --open_records_;
+                                   EXPECT_NE(MsiRecordGetFieldCount(record), ~0U)
+                                       << "not an open record: " << record;
+                                   return std::nullopt;
+                               }};
+    // Like the installer, with one separator at the end.
+    import_hook target_set_{module_, "MsiSetTargetPathW", [this](MSIHANDLE, LPCWSTR folder, LPCWSTR path) {
+                                const std::wstring set = path;
+                                set_property(folder, set.ends_with(L'\\') ? set : set + L'\\');
+                                return ERROR_SUCCESS;
+                            }};
+    // The buffer is filled with zeros.
+    import_hook component_asked_{
+        module_,
+        "MsiGetComponentPathExW",
+        [this](LPCWSTR product, LPCWSTR component, LPCWSTR user, DWORD context, LPWSTR path, DWORD* size) {
+            if (product + std::wstring{component} != installed_ || user != nullptr ||
+                context != MSIINSTALLCONTEXT_MACHINE) {
+                return INSTALLSTATE_UNKNOWN;
+            }
+            *size = static_cast<DWORD>(key_path_.copy(path, *size));
+            return INSTALLSTATE_LOCAL;
+        }};
 };
 
 // CustomActionData for a new upgrade of this folder by this process's user and session.
-std::wstring new_upgrade_data(const std::wstring& product_directory);
+inline std::wstring new_upgrade_data(const std::wstring& product_directory)
+{
+    DWORD session = 0;
+    ProcessIdToSessionId(GetCurrentProcessId(), &session);
+    return custom_actions::controlled_upgrade::format_context(
+        product_directory,
+        session,
+        custom_actions::token_user_sid(GetCurrentProcessToken()),
+        custom_actions::new_guid("no transaction", "no transaction"));
+}
 
 } // namespace test_support
