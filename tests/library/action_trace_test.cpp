@@ -60,6 +60,13 @@ logs Controlled upgrade: \2 finished in 0 ms, exit (\d); log: <workspace>\\outpu
          L"MsiSetPropertyW begin_controlled_upgrade (.*)\nMsiSetPropertyW install_upgrade_packages \\1\n"
          L"MsiSetPropertyW rollback_controlled_upgrade \\1\nMsiSetPropertyW finish_controlled_upgrade \\1\n"},
      L"(hands to the phases: $1)\n"},
+    {std::wregex{LR"(logs Custom action: check_upgrade_type: Starting version check...
+logs Custom action: check_upgrade_type: (.*)
+logs Custom action: check_upgrade_type: (.*)
+logs Custom action: check_upgrade_type: (.*)
+MsiSetPropertyW IS_MINOR_UPGRADE (.*)
+)"},
+     L"(checks: $1 $2 $3 IS_MINOR_UPGRADE=$4)\n"},
     {std::wregex{L"logs Controlled upgrade: (.*)\nposts 1000000 Quorbel upgrade: \\1\n"}, L"(fails: $1)\n"}};
 
 // The cmdlets and packages in the script that a command line has, each once; a command line without a script
