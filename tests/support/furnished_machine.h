@@ -5,6 +5,7 @@
 #include "support/toy_suite.h"
 #include "tests/support/call_sweep.h"
 #include "tests/support/fake_machine.h"
+#include "tests/support/furnished_registry.h"
 #include "tests/support/scheduler_stand_in.h"
 #include "tests/support/test_session.h"
 #include "tests/support/upgrade_fixture.h"
@@ -12,8 +13,6 @@
 #include <filesystem>
 #include <set>
 #include <string>
-#include <utility>
-#include <vector>
 
 namespace test_support {
 
@@ -36,9 +35,11 @@ public:
 
     static constexpr DWORD GONE = 0x7FFFFFF0; // the id of a listed program that has ended since
 
-    // The keys that have another vendor's value neither in its place nor in a backup any more, as "(loses
-    // PATH)". Fails the test if no call about such a key has failed.
-    [[nodiscard]] std::wstring lost() const;
+    // The keys that have lost another vendor's handler or icon, as "(loses PATH)"; see furnished_registry.h.
+    [[nodiscard]] std::wstring lost() const
+    {
+        return test_support::lost(furnished_hive_, sweep.failed_keys());
+    }
 
     toy_process main{L"Quorbel.exe"};
     toy_process helper{L"Quorbel.Kindra.HelperService.exe", L"--window=none"};
@@ -65,12 +66,9 @@ private:
     }
 
     void set_properties(const std::string& action) const;
-    void plant_foreign(const std::wstring& path, const wchar_t* name, HKEY root = HKEY_CURRENT_USER);
-    void plant_property_handlers(bool registered);
-    void plant_icon_handlers(const wchar_t* handler);
     void begin_upgrade(bool installed) const;
 
-    std::vector<std::pair<HKEY, std::wstring>> foreign_;
+    HKEY furnished_hive_ = nullptr; // none if the action does not work on one
 };
 
 } // namespace test_support
