@@ -1,43 +1,19 @@
 #include "tests/support/furnished_machine.h"
 
-#include "custom_actions/common/text.h"
-#include "custom_actions/shell_registration/file_type_tables.h"
-#include "custom_actions/shell_registration/icon_handler.h"
 #include "custom_actions/upgrade/upgrade_packages.h"
 
 #include <gtest/gtest.h>
 #include <taskschd.h>
 
-#include <algorithm>
 #include <fstream>
 #include <map>
-#include <string_view>
 
 namespace test_support {
 namespace {
 
-using custom_actions::ICON_HANDLER_BACKUP_VALUE;
-using custom_actions::ICON_HANDLER_CLSID;
-using custom_actions::widen;
-
-constexpr const wchar_t* FOREIGN = L"{11111111-2222-3333-4444-555555555555}";
 constexpr const wchar_t* PRODUCT = L"{01234567-89AB-CDEF-0123-456789ABCDEF}";
 constexpr const wchar_t* SUITE_COMPONENT = L"{B8D5F2A1-C9E4-4F3D-8A7B-6C5E4D3F2A1B}";
 constexpr const wchar_t* TASK = L"QBL-EarlyRecovery-{01234567-89AB-CDEF-0123-456789ABCDEF}";
-constexpr const wchar_t* PROPERTY_HANDLER_BACKUP = L"OriginalPropertyHandler";
-constexpr const wchar_t* DRIVE_ICON_BACKUP = L"sorvane_drive_icon_original";
-constexpr const wchar_t* PLACES[]{L"", PROPERTY_HANDLER_BACKUP, ICON_HANDLER_BACKUP_VALUE, DRIVE_ICON_BACKUP};
-const std::wstring HANDLERS = widen(custom_actions::PROPERTY_HANDLER_PREFIX);
-const std::wstring ASSOCIATIONS = LR"(Software\Classes\SystemFileAssociations\)";
-const std::wstring CLASSES = LR"(Software\Classes\)";
-const std::wstring ICON_SLOT = LR"(\ShellEx\IconHandler)";
-const std::wstring DRIVES = LR"(Software\Classes\Applications\Explorer.exe\Drives\)";
-
-void plant(
-    const std::wstring& path, const wchar_t* name, std::wstring_view text, HKEY root = HKEY_CURRENT_USER)
-{
-    plant_value(root, path, name, registry_text(text));
-}
 
 } // namespace
 
@@ -72,17 +48,13 @@ void furnished_machine::furnish(const std::string& action)
          .running = {0, ids.at(L"gone"), main.id(), helper.id(), explorer.id()}});
     scheduler.clear();
     scheduler.end_with(S_OK);
-    foreign_.clear();
     set_properties(action);
     install_at((folder / L"Quorbel.exe").wstring());
-    if (action == "propertyhandler_update_registry" || action == "propertyhandler_remove_registry") {
-        plant_property_handlers(action == "propertyhandler_remove_registry");
-    } else if (action == "iconhandler_add_defaults_to_registry") {
-        plant_icon_handlers(L"{another}");
-    } else if (action == "iconhandler_remove_registry") {
-        plant_icon_handlers(ICON_HANDLER_CLSID);
-    } else if (action == "restore_built_in_new_context_menu") {
-        plant(CLASSES + LR"(Directory\Background\ShellEx\ContextMenuHandlers\New)", L"", FOREIGN);
+    furnished_hive_ = nullptr;
+    if (action.find("handler_") != std::string::npos || action == "restore_built_in_new_context_menu") {
+        furnished_hive_ = action.starts_with("property") ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
+        plant(origin::others, furnished_hive_);
+        plant(origin::suite, furnished_hive_);
     } else if (action == "restore_search") {
         machine.search_states = {
             SERVICE_STOP_PENDING, SERVICE_STOP_PENDING, SERVICE_STOP_PENDING, SERVICE_STOPPED};
@@ -132,53 +104,6 @@ void furnished_machine::set_properties(const std::string& action) const
     session.set_property(L"CustomActionData", own == data.end() ? upgrade_data : own->second);
 }
 
-// Plants another vendor's handler or icon.
-void furnished_machine::plant_foreign(const std::wstring& path, const wchar_t* name, HKEY root)
-{
-    plant(path, name, FOREIGN, root);
-    foreign_.emplace_back(root, path);
-}
-
-// ".jpeg" has lists. If `registered` it is the only type with our handler, otherwise the only one without.
-void furnished_machine::plant_property_handlers(bool registered)
-{
-    const std::wstring ours = widen(custom_actions::PROPERTY_HANDLER_CLSID);
-    for (const std::string_view type : custom_actions::PROPERTY_HANDLER_EXTENSIONS) {
-        if ((type == ".jpeg") == registered) {
-            plant(HANDLERS + widen(type), L"", ours, HKEY_LOCAL_MACHINE);
-        }
-    }
-    const std::wstring lists = ASSOCIATIONS + L".jpeg";
-    plant(lists, L"FullDetails", widen(custom_actions::FULL_DETAILS_LIST), HKEY_LOCAL_MACHINE);
-    plant(lists, L"InfoTip", widen(custom_actions::INFOTIP_LIST), HKEY_LOCAL_MACHINE);
-    plant_foreign(HANDLERS + L".png", L"", HKEY_LOCAL_MACHINE);
-    plant_foreign(HANDLERS + L".tif", L"", HKEY_LOCAL_MACHINE);
-    plant_foreign(HANDLERS + L".jpg", PROPERTY_HANDLER_BACKUP, HKEY_LOCAL_MACHINE);
-    plant(HANDLERS + L".jpg", L"", registered ? ours : L"{another}", HKEY_LOCAL_MACHINE);
-}
-
-// And drive icons, which the removal restores too.
-void furnished_machine::plant_icon_handlers(const wchar_t* handler)
-{
-    const std::wstring ini = ASSOCIATIONS + L".ini" + ICON_SLOT;
-    plant(ini, L"", handler);
-    plant_foreign(ini, ICON_HANDLER_BACKUP_VALUE);
-    plant(CLASSES + L".ini", L"", L"toyfile");
-    plant(CLASSES + L".ico\\OpenWithProgids", L"otherfile", L"");
-    plant_foreign(CLASSES + L"otherfile" + ICON_SLOT, L"");
-    const std::wstring type = ASSOCIATIONS + L".ico";
-    plant(type + ICON_SLOT, L"", ICON_HANDLER_CLSID);
-    plant(type + L"\\ShellEx\\" + custom_actions::THUMBNAIL_HANDLER_SLOT, L"", ICON_HANDLER_CLSID);
-    plant_number(HKEY_CURRENT_USER, type, custom_actions::TREATMENT_MARKER_VALUE, 1);
-    const std::wstring drive_c = DRIVES + L"C\\DefaultIcon";
-    for (const std::wstring& drive : {drive_c, DRIVES + L"D\\DefaultIcon"}) {
-        plant(drive, L"", L"ours.ico");
-        plant(drive, L"sorvane_drive_icon_applied", L"ours.ico");
-    }
-    plant_number(HKEY_CURRENT_USER, drive_c, L"sorvane_drive_icon_had_original", 1);
-    plant_foreign(drive_c, DRIVE_ICON_BACKUP);
-}
-
 std::set<std::wstring> furnished_machine::markers() const
 {
     std::set<std::wstring> found;
@@ -204,25 +129,6 @@ void furnished_machine::leave_markers(const std::set<std::wstring>& wanted) cons
     for (const std::wstring& marker : wanted) {
         std::ofstream{workspace / marker} << '1';
     }
-}
-
-std::wstring furnished_machine::lost() const
-{
-    std::wstring paths;
-    const auto& failed = sweep.failed_keys();
-    for (const auto& [root, path] : foreign_) {
-        const auto has_it = [&](const wchar_t* name) {
-            return planted_value(root, path, name) == registry_text(FOREIGN);
-        };
-        if (std::ranges::none_of(PLACES, has_it)) {
-            paths.append(L"(loses ").append(path).append(L")");
-            EXPECT_TRUE(std::ranges::any_of(
-                failed, [&](const std::wstring& key) { return key.ends_with(L'\\' + path); }))
-                << "lost without a fault of its own: " << testing::PrintToString(path)
-                << testing::PrintToString(failed);
-        }
-    }
-    return paths;
 }
 
 } // namespace test_support

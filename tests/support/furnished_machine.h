@@ -6,6 +6,7 @@
 #include "support/toy_suite.h"
 #include "tests/support/call_sweep.h"
 #include "tests/support/fake_machine.h"
+#include "tests/support/furnished_registry.h"
 #include "tests/support/scheduler_stand_in.h"
 #include "tests/support/test_session.h"
 
@@ -16,8 +17,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <utility>
-#include <vector>
 
 namespace test_support {
 
@@ -41,9 +40,11 @@ public:
     // Makes the workspace if it is missing, and leaves it with these markers alone.
     void leave_markers(const std::set<std::wstring>& wanted) const;
 
-    // The keys that have another vendor's value neither in its place nor in a backup any more, as "(loses
-    // PATH)". Fails the test if no call about such a key has failed.
-    [[nodiscard]] std::wstring lost() const;
+    // The keys that have lost another vendor's handler or icon, as "(loses PATH)"; see furnished_registry.h.
+    [[nodiscard]] std::wstring lost() const
+    {
+        return test_support::lost(furnished_hive_, sweep.failed_keys());
+    }
 
     toy_process main{L"Quorbel.exe"};
     toy_process helper{L"Quorbel.Kindra.HelperService.exe", L"--window=none"};
@@ -78,11 +79,8 @@ private:
     }
 
     void set_properties(const std::string& action) const;
-    void plant_foreign(const std::wstring& path, const wchar_t* name, HKEY root = HKEY_CURRENT_USER);
-    void plant_property_handlers(bool registered);
-    void plant_icon_handlers(const wchar_t* handler);
 
-    std::vector<std::pair<HKEY, std::wstring>> foreign_;
+    HKEY furnished_hive_ = nullptr; // none if the action does not work on one
 };
 
 // A test on the furnished machine, which the tests of a suite share.
