@@ -47,28 +47,6 @@ constexpr const char* NOTED =
     "SetHandleInformation -xx  SHChangeNotify xx  Sleep d  StartServiceW .  TerminateProcess pd "
     "WaitForSingleObject pd ";
 
-// What is done again and again with something else each time, and its name. The list has the rest.
-const std::pair<std::wregex, const wchar_t*> FOLDED[]{
-    {std::wregex{LR"(CreateEnvironmentBlock 0
-CreateProcessAsUserW <powershell> (.*) 0 8000400 own C:\\windows\\system32 winsta0\\default
-logs Controlled upgrade: Starting (\S+) for <user>
-WaitForSingleObject PID <0> (\d+)
-logs Controlled upgrade: \2 finished in 0 ms, exit (\d); log: <workspace>\\output\\\2.log
-)"},
-     L"(runs $2 for $3 ms, exit $4: $1)\n"},
-    {std::wregex{
-         L"MsiSetPropertyW begin_controlled_upgrade (.*)\nMsiSetPropertyW install_upgrade_packages \\1\n"
-         L"MsiSetPropertyW rollback_controlled_upgrade \\1\nMsiSetPropertyW finish_controlled_upgrade \\1\n"},
-     L"(hands to the phases: $1)\n"},
-    {std::wregex{LR"(logs Custom action: check_upgrade_type: Starting version check...
-logs Custom action: check_upgrade_type: (.*)
-logs Custom action: check_upgrade_type: (.*)
-logs Custom action: check_upgrade_type: (.*)
-MsiSetPropertyW IS_MINOR_UPGRADE (.*)
-)"},
-     L"(checks: $1 $2 $3 IS_MINOR_UPGRADE=$4)\n"},
-    {std::wregex{L"logs Controlled upgrade: (.*)\nposts 1000000 Quorbel upgrade: \\1\n"}, L"(fails: $1)\n"}};
-
 // The cmdlets and packages in the script that a command line has, each once; a command line without a script
 // as it is.
 std::wstring cmdlets(const std::wstring& command_line)
@@ -126,8 +104,8 @@ std::wstring replaced(std::wstring text, const std::wstring& found, const std::w
     return text;
 }
 
-// What is listed: heads ("-- " and the name of lines that are done again and again, or "== ", a title and the
-// action's result, then what it does if that is one line), each with the lines below it.
+// What is listed: heads ("-- " and the name of lines that are repeated, which are a regular expression; or
+// "== ", a title and the action's result, then what it does if that is one line), each with the lines below.
 std::vector<std::pair<std::string, std::string>> read_list()
 {
     std::vector<std::pair<std::string, std::string>> parts;
@@ -149,6 +127,11 @@ protected:
         furnished_test::SetUp();
         std::istringstream words{NOTED};
         for (std::string function; words >> function >> noted[function];) {
+        }
+        for (const auto& [head, below] : listed) {
+            if (head.starts_with("-- ")) {
+                folds.emplace_back(widen(below), widen(head.substr(3)));
+            }
         }
     }
 
@@ -216,7 +199,10 @@ protected:
         if (SUCCEEDED(std::exchange(apartment, E_FAIL))) {
             CoUninitialize();
         }
-        lines = counted(folded(lines));
+        for (const auto& [repeated, name] : folds) {
+            lines = std::regex_replace(lines, repeated, name);
+        }
+        lines = counted(lines);
         if (title == action && !rights.empty()) {
             lines += L"with";
             for (const auto& [right, times] : rights) {
@@ -297,20 +283,6 @@ protected:
         lines += std::regex_replace(line, guid, L"{GUID}") + L'\n';
     }
 
-    // What is done again and again in one line, under its name.
-    [[nodiscard]] std::wstring folded(std::wstring text) const
-    {
-        for (const auto& [fold, name] : FOLDED) {
-            text = std::regex_replace(text, fold, name);
-        }
-        for (const auto& [head, repeated] : listed) {
-            if (head.starts_with("-- ")) {
-                text = replaced(text, widen(repeated), widen(head.substr(3)));
-            }
-        }
-        return text;
-    }
-
     // Counts a line that is repeated, and one that is there for a package and again for others.
     static std::wstring counted(const std::wstring& text)
     {
@@ -337,6 +309,7 @@ protected:
 
     std::map<std::string, std::string> noted;
     const std::vector<std::pair<std::string, std::string>> listed = read_list();
+    std::vector<std::pair<std::wregex, std::wstring>> folds;
     std::wstring lines;
     std::map<std::wstring, unsigned> rights; // and, with "user:", the calls under another identity
     std::size_t shown_messages = 0;
