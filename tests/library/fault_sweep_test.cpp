@@ -103,30 +103,15 @@ std::vector<documented_row> documented_rows()
     return rows;
 }
 
-// What the placeholders stand for, as regular expressions.
-constexpr std::pair<const char*, const char*> PLACEHOLDERS[]{
-    {"<(?:n|code|ms|id)>", R"(\d+)"},
-    {"<ids>", R"(\d+(?: \d+)*)"},
-    {"<version>", R"(\d+\.\d+\.\d+\.\d+)"},
-    {"<(?:file|folder)>", R"([A-Z]:\\[^|]+)"},
-    {"<SID>", R"(S-1-[-\d]+)"},
-    {"<task>", R"(QBL-EarlyRecovery-\{[-\dA-F]{36}\})"},
-    {"<operation>", "(?:(?:capture|install|rollback)-\\d|capture-folders|restore-runtime|open-whats-new)"},
-    {"<command>", R"(powershell\.exe -NoProfile -ExecutionPolicy Bypass -Command ".+")"},
-    {"<text>", ".+"},
-    {"<empty line>", "\n\n"}};
-
 // The heading "Message" stands for a log line and an error, each with a prefix.
 constexpr const char* BOTH_PLACES = "(?:Log line: Controlled|Error: Quorbel) upgrade";
 
-// A regular expression for a text. "<messages>" stays as it is.
+// A regular expression for a text, with numbers and texts for its placeholders. "<messages>" stays as it is.
 std::string pattern_of(const std::string& text)
 {
     std::string pattern = std::regex_replace(text, std::regex{R"([.^$|()\[\]{}*+?\\])"}, R"(\$&)");
-    for (const auto& [placeholder, meaning] : PLACEHOLDERS) {
-        pattern = std::regex_replace(pattern, std::regex{placeholder}, meaning);
-    }
-    return pattern;
+    pattern = std::regex_replace(pattern, std::regex{"<(n|code|ms|ids?)>"}, R"([\d ]+)");
+    return std::regex_replace(pattern, std::regex{"<(?!messages)[A-Za-z ]+>"}, "[^]+");
 }
 
 // A message after the heading that it has in docs/actions.md.
