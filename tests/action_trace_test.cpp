@@ -109,7 +109,7 @@ std::wstring replaced(std::wstring text, const std::wstring& found, const std::w
 std::vector<std::pair<std::string, std::string>> read_list()
 {
     std::vector<std::pair<std::string, std::string>> parts;
-    std::ifstream list{SOURCE_DIR "/tests/library/action_traces.txt"};
+    std::ifstream list{SOURCE_DIR "/tests/action_traces.txt"};
     for (std::string line; std::getline(list, line);) {
         if (line.starts_with("-- ") || line.starts_with("== ")) {
             parts.emplace_back(line + '\n', "");
