@@ -72,6 +72,12 @@ TEST_F(ShellRegistration, is_removed_without_a_trace)
             L"prop:System.PropGroup.Description;System.Calendar.Location;System.Contact.PrimaryAddressCity;"
             L"System.Contact.PrimaryAddressState;System.Contact.PrimaryAddressCountry;My.Own"));
 
+    // What cannot be put back stays in its backup, for the next removal.
+    const auto denied = [](HKEY, LPCSTR name) -> std::optional<LSTATUS> { // the default value, in both forms
+        return *name == '\0' ? std::optional{ERROR_ACCESS_DENIED} : std::nullopt;
+    };
+    EXPECT_EQ(thrown_with("RegSetValueExA", denied, [this] { remove_property_handler(log); }), "");
+    EXPECT_EQ(thrown_with("RegSetValueExW", denied, [this] { remove_icon_handler(log); }), "");
     EXPECT_EQ(remove_property_handler(log), 0U);
     EXPECT_EQ(remove_icon_handler(log), 1603U) << "the icon of drive C cannot be restored";
     restore_new_menu(log);

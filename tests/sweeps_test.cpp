@@ -203,11 +203,6 @@ protected:
         EXPECT_TRUE(failing.empty() ? code == ERROR_SUCCESS : has_word(returns, std::to_string(code)))
             << "returns " << code << ", not one of: " << returns;
         check_messages(posted, failing, code);
-        // What cannot be read is lost, and registration overwrites what it cannot back up.
-        const bool removes = GetParam().find("_remove_") != std::string::npos;
-        const std::regex losing{removes ? "Reg(Open|Query).*Ex." : "Reg(Open|Query|Set).*Ex."};
-        const std::wstring lost = stage->lost();
-        EXPECT_TRUE(lost.empty() || std::regex_match(failing, losing)) << testing::PrintToString(lost);
         EXPECT_EQ(stage->session.open_records(), 0U);
         EXPECT_EQ(stage->scheduler.objects(), 0U);
         EXPECT_EQ(stage->scheduler.unexpected(), L"");

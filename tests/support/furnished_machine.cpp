@@ -50,11 +50,10 @@ void furnished_machine::furnish(const std::string& action)
     scheduler.end_with(S_OK);
     set_properties(action);
     install_at((folder / L"Quorbel.exe").wstring());
-    furnished_hive_ = nullptr;
     if (action.find("handler_") != std::string::npos || action == "restore_built_in_new_context_menu") {
-        furnished_hive_ = action.starts_with("property") ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
-        plant(origin::others, furnished_hive_);
-        plant(origin::suite, furnished_hive_);
+        const HKEY hive = action.starts_with("property") ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
+        plant(origin::others, hive);
+        plant(origin::suite, hive);
     } else if (action == "restore_search") {
         machine.search_states = {
             SERVICE_STOP_PENDING, SERVICE_STOP_PENDING, SERVICE_STOP_PENDING, SERVICE_STOPPED};

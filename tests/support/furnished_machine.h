@@ -40,12 +40,6 @@ public:
     // Makes the workspace if it is missing, and leaves it with these markers alone.
     void leave_markers(const std::set<std::wstring>& wanted) const;
 
-    // The keys that have lost another vendor's handler or icon, as "(loses PATH)"; see furnished_registry.h.
-    [[nodiscard]] std::wstring lost() const
-    {
-        return test_support::lost(furnished_hive_, sweep.failed_keys());
-    }
-
     toy_process main{L"Quorbel.exe"};
     toy_process helper{L"Quorbel.Kindra.HelperService.exe", L"--window=none"};
     toy_process explorer{L"explorer.exe"};
@@ -79,8 +73,6 @@ private:
     }
 
     void set_properties(const std::string& action) const;
-
-    HKEY furnished_hive_ = nullptr; // none if the action does not work on one
 };
 
 // A test on the furnished machine, which the tests of a suite share.

@@ -2,10 +2,9 @@
 
 #include "support/registry_sandbox.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <sstream>
+#include <string>
+#include <vector>
 
 namespace test_support {
 namespace {
@@ -107,47 +106,18 @@ const std::vector<row> OURS{
     {CLASSES, L"Directory", NEW_MENU, {{L"", L"ours"}}},
 };
 
-// Calls `visit` with the path and each value of the rows in the hive.
-template <class Visit>
-void for_each_value(const std::vector<row>& rows, HKEY hive, Visit visit)
-{
-    for (const auto& [in, keys, subkey, values] : rows) {
-        std::wistringstream words{in.hive == hive ? keys : L""};
-        for (std::wstring key; words >> key;) {
-            for (const value& planted : values) {
-                visit(in.path + key + subkey, planted);
-            }
-        }
-    }
-}
-
 } // namespace
 
 void plant(origin from, HKEY hive)
 {
-    const auto& rows = from == origin::others ? OTHERS : OURS;
-    for_each_value(rows, hive, [hive](const std::wstring& path, const value& planted) {
-        plant_value(hive, path, planted.name, registry_text(planted.text), planted.type);
-    });
-}
-
-std::wstring lost(HKEY hive, const std::vector<std::wstring>& failed_keys)
-{
-    static constexpr const wchar_t* places[]{L"", HANDLER_BACKUP, ICONS_BACKUP, DRIVE_BACKUP};
-    std::wstring paths;
-    for_each_value(OTHERS, hive, [&](const std::wstring& path, const value& planted) {
-        const auto has_it = [&](const wchar_t* name) {
-            return planted_value(hive, path, name) == registry_text(planted.text);
-        };
-        if (planted.text.starts_with(FOREIGN) && std::ranges::none_of(places, has_it)) {
-            paths += L"(loses " + path + L")";
-            const auto is_it = [&](const std::wstring& key) { return key.ends_with(L'\\' + path); };
-            EXPECT_TRUE(std::ranges::any_of(failed_keys, is_it))
-                << "lost without a fault of its own: " << testing::PrintToString(path)
-                << testing::PrintToString(failed_keys);
+    for (const auto& [in, keys, subkey, values] : from == origin::others ? OTHERS : OURS) {
+        std::wistringstream words{in.hive == hive ? keys : L""};
+        for (std::wstring key; words >> key;) {
+            for (const auto& [name, text, type] : values) {
+                plant_value(hive, in.path + key + subkey, name, registry_text(text), type);
+            }
         }
-    });
-    return paths;
+    }
 }
 
 } // namespace test_support
