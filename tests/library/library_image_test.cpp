@@ -1,5 +1,5 @@
-// What the shipped library needs of the system, and its link options. Its exports are those of
-// action_traces.txt.
+// The shipped library: the number of its exports (action_traces.txt has their names), what it needs of the
+// system, and its link options.
 
 #include "custom_actions/common/system_directory.h"
 #include "support/loaded_library.h"
@@ -12,10 +12,11 @@
 namespace test_support {
 namespace {
 
-TEST(LibraryImage, imports_only_system_libraries_and_is_hardened)
+TEST(LibraryImage, exports_every_action_imports_only_system_libraries_and_is_hardened)
 {
     const loaded_library library;
     const pe_image image{library.module()};
+    EXPECT_EQ(image.exported_names().size(), 22U);
     const std::filesystem::path system = custom_actions::system_directory("");
     for (const imported_function& imported : image.imports()) {
         EXPECT_TRUE(exists(system / imported.library)) << imported.name << " of " << imported.library;
