@@ -1,14 +1,15 @@
 // The library and run_action with real programs and windows, and with scripts, which the PowerShell stand-in
 // runs.
 
+#include "custom_actions/common/system_directory.h"
 #include "custom_actions/packages/powershell.h"
 #include "custom_actions/upgrade/scripts.h"
+#include "package/toy_suite/powershell/state.h"
 #include "support/child_process.h"
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
 #include "support/toy_suite.h"
 #include "tests/support/faults.h"
-#include "tests/support/powershell_stand_in.h"
 #include "tests/support/test_session.h"
 
 #include <gmock/gmock.h>
@@ -62,6 +63,7 @@ TEST(ProcessActions, close_the_suite_and_its_hosts_and_nothing_else)
     EXPECT_THAT(session.messages().at(3).text, testing::EndsWith(L": " + std::to_wstring(hooked.id())));
 }
 
+// Puts the toy suite's stand-in in PowerShell's place for good; it starts without orders and packages.
 class PowerShell : public testing::Test {
 protected:
     void SetUp() override
@@ -69,16 +71,18 @@ protected:
         if (!machine_is_disposable()) {
             GTEST_SKIP() << "replaces PowerShell: set DISPOSABLE_MACHINE if that is allowed";
         }
+        const fs::path program = custom_actions::powershell_program(custom_actions::system_directory(""));
+        fs::remove(program);
+        fs::copy_file(beside_this_program(L"toy_powershell.exe"), program);
+        RegDeleteTreeW(HKEY_CURRENT_USER, toy_powershell::STATE);
         fs::remove_all(folder); // a killed process may have left one
         fs::copy(beside_this_program(L"package\\1.5.0"), folder, fs::copy_options::recursive);
         fs::create_directory(folder / L"output");
-        powershell.emplace();
     }
 
     void TearDown() override { fs::remove_all(folder); }
 
     const fs::path folder = fs::temp_directory_path() / L"O'Brien & S\u00FCite $(1)"; // with packages
-    std::optional<powershell_stand_in> powershell;
 };
 
 TEST_F(PowerShell, registers_packages_and_its_output_is_logged)
@@ -149,18 +153,16 @@ TEST(RunAction, follows_its_command_line_and_prints_the_outcome)
     } rows[]{
         {L"check_upgrade_type ProductVersion=2 INSTALLED_APP_VERSION=2", 0, "\nset IS_MINOR_UPGRADE=1\n"},
         {L"check_upgrade_type IS_MINOR_UPGRADE=1", 0, "\ncleared IS_MINOR_UPGRADE\nreturned 0: success\n"},
-        {L"--no-session check_upgrade_type", 0, "returned 0: success\n"},
         {L"--no-session check_upgrade_type ProductVersion=2", 2, "--no-session takes no properties\n\nusage"},
         {L"--library absent.dll check_upgrade_type", 1, "run_action: loading the library"},
         {L"stop_search", 1, "changes this machine. Run it? [y/N] Not run.\n", L"cmd.exe /c echo no|"},
-        {L"stop_search", 1603, "[y/N] 0x01000000 error: Invalid Search state\n", L"cmd.exe /c echo yes|"},
-        {L"--yes stop_search", 1603, "\nno property changed\nreturned 1603: failure\n"},
+        {L"stop_search",
+         1603,
+         "[y/N] 0x01000000 error: Invalid Search state\nno property changed\nreturned 1603: failure\n",
+         L"cmd.exe /c echo yes|"},
         {L"--yes msix_install_package", 87, "returned 87: its CustomActionData cannot be read\n"},
         {L"--list", 0, "\nstop_search                             changes the machine"},
-        {L"check_upgrade_type stop_search", 2, "not understood: stop_search\n\nusage: run_action"},
-        {L"--help", 0, "usage: run_action [--library"},
         {L"check_upgrade_type productversion=2", 2, "no action reads or sets productversion\n\nproperties"},
-        {L"--yes Stop_Search", 2, "run_action: no such action: Stop_Search\n\nbegin_controlled_upgrade "},
     };
 
     for (const auto& [arguments, exit_code, output, input_from] : rows) {
