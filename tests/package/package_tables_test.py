@@ -21,21 +21,23 @@ SUITE, FRAGMENT, REHEARSAL = (SCRIPTS / f"{name}.wxs" for name in ("quorbel", "c
 TEXT = FRAGMENT.read_text(encoding="utf-8")
 VARIABLES = dict.fromkeys(re.findall(r"\$\(var\.(\w+)\)", TEXT + SUITE.read_text()), "x")
 
-# In the table's row ROW, COLUMN=NEW VALUE: what each finding then says.
+# ROW COLUMN=NEW VALUE: what each finding then says. A line for exports, types, data, places, conditions and so on.
 MISTAKES = """
-stop_search Target=stop_serch: calls stop_serch of custom_actions, expected stop_search of
+stop_search Target=stop_serch: calls stop_serch of custom_actions, expected stop | fail_on_purpose Target=x: calls x
+rollback_search Type=3137: type 3137 (deferred, as LocalSystem, result ignored), expected type 3393 (rollback, as Local
 fail_on_purpose Type=1025: calls restore_explorer as type 1025 (deferred, as the user), expected deferred and rollback
-rollback_search Type=3137: type 3137 (deferred, as LocalSystem, result ignored), expected type 3393 (rollback, as
-fail_on_purpose Target=x: calls x | set_remove_Sorvane.Tag Target=x: data x | set_remove_Sorvane.Tag Sequence=1: not set right before it
+set_remove_Sorvane.Tag Target=x: data x, expected Sorvane.Tag | set_remove_Sorvane.Tag Sequence=1: data not set right
 set_remove_Sorvane.Tag Condition=x: data set if x, expected | rollback_search Action=x: rollback_search: missing
-RemoveExistingProducts Sequence=1401: Products: at 1401, expected after | recover_after_error Sequence=-1: -3 | RemoveFiles Sequence=1: (1)
+RemoveFiles Sequence=1: before RemoveFiles (1) | recover_after_error Sequence=-1: at -1, expected -3
+RemoveExistingProducts Sequence=1401: RemoveExistingProducts: at 1401, expected after InstallExecute (1526)
 begin_controlled_upgrade Condition=WIX_UPGRADE: does not run in a controlled upgrade | stop_search Condition=(X: bracket
-recover_early_upgrade Condition=QblEarlyRecoveryTask AND UserSID<>"S-1-5-18": as LocalSystem, expected
+recover_early_upgrade Condition=QblEarlyRecoveryTask AND UserSID<>"S-1-5-18": does not run in a controlled upgrade as L
 refuse_folder Condition=NOT REMOVE~="ALL" AND INSTALLFOLDER><"[": accepts U+ | SecureCustomProperties Value=x: without
-1.5.0 Attributes=1: from 1.5.0 to 2.0.0, attributes 1, expected | QBL_INSTALLED_FOLDER Property=x: FOLDER: another
-Installed OR NOT SAME_VERSION_FOUND Condition=x: missing | INSTALLED_APP_VERSION Property=x: another
-tray_program Directory_=x: Tray.exe: missing | tray_program Condition=x: not always | x64;1033 Template=Intel: expected x64
-suite KeyPath=x: Component suite | suite Level=3: always installed | suite Attributes=0: no value Version
+1.5.0 Attributes=1: from 1.5.0 to 2.0.0, attributes 1, expected | Installed OR NOT SAME_VERSION_FOUND Condition=x: miss
+QBL_INSTALLED_FOLDER Property=x: FOLDER: another | INSTALLED_APP_VERSION Property=x: VERSION: another
+tray_program Directory_=x: Tray.exe: missing | tray_program Condition=x: not always
+suite Level=3: always installed | suite Attributes=0: no value Version
+suite KeyPath=x: Component suite: expected | x64;1033 Template=Intel: a package for Intel, expected x64
 """
 
 
@@ -55,12 +57,13 @@ class PackageTables(unittest.TestCase):
 
     def test_each_kind_of_mistake_is_found(self):
         tables, (exports, places) = check_package.read(PACKAGE), check_package.documented()
+        own = check_package.findings(tables, exports, places)
         for mistake in re.split(r" \| |\n", MISTAKES.strip()):
             key, column, value, message = re.fullmatch(r"(.*?) (\w+)=(.*?): (.*)", mistake).groups()
             wrong = {name: [dict(row) for row in rows] for name, rows in tables.items()}
             changed = next(row for rows in wrong.values() for row in rows if column in row and key in row.values())
             changed[column] = value
-            found = [": ".join(finding) for finding in check_package.findings(wrong, exports, places)]
+            found = [": ".join(it) for it in check_package.findings(wrong, exports, places) if it not in own]
             with self.subTest(mistake):
                 self.assertTrue(found and all(message in finding for finding in found), found)
         self.assertEqual({place.export for rows in places for place in rows.values()}, {*exports, None})
@@ -85,7 +88,8 @@ class PackageTables(unittest.TestCase):
     def test_a_failing_tool_leaves_no_package(self):
         package = Path(tempfile.mkstemp(suffix=".msi")[1])
         result = run("build_package.py", *(f"-d{v}=x" for v in VARIABLES), "-o", package, SUITE, FRAGMENT, REHEARSAL)
-        self.assertFalse(package.exists(), result.stderr)
+        self.assertRegex(result.stderr, "wixl failed: 1\n$")
+        self.assertFalse(package.exists())
 
 
 unittest.main()
