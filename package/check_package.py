@@ -46,7 +46,7 @@ SESSIONS = {
     "F": ("a first installation", {}),
     "R": ("a repair", {"Installed": "1"}),
     "M": ("a change of features", {"Installed": "1", "REMOVE": "Extras"}),
-    "X": ("a removal", {"Installed": "1", "REMOVE": "ALL"}),
+    "X": ("a removal", {"Installed": "1", "REMOVE": "all"}),  # as an administrator may type it
     "O": ("the old version's removal", {"Installed": "1", "REMOVE": "ALL", "UPGRADINGPRODUCTCODE": "{...}"}),
     "U": ("a plain upgrade", OLDER),
     "C": ("a controlled upgrade", {**OLDER, "WIX_UPGRADE_DETECTED": "{...}", "QblEarlyRecoveryTask": "task"})}

@@ -53,7 +53,7 @@ class PackageTables(unittest.TestCase):
             finding = f"{wrong.name}: Property PROMPTROLLBACKCOST: missing, expected F\n"
             for packages, *expected in ([PACKAGE], "", 0), ([wrong.name, PACKAGE], finding, 1), ([FRAGMENT], "", 2):
                 result = run("check_package.py", *packages)
-                self.assertEqual([result.stdout, result.returncode], expected, result.stderr)
+                self.assertEqual([result.stdout, result.returncode], expected, result.stdout + result.stderr)
 
     def test_each_kind_of_mistake_is_found(self):
         tables, (exports, places) = check_package.read(PACKAGE), check_package.documented()
