@@ -8,6 +8,7 @@ reference has no target.
 """
 
 import argparse
+import os
 import re
 import subprocess
 import tempfile
@@ -377,8 +378,8 @@ def build(output, linked, actions, sequence):
         source, code_page = Path(folder, "package.wxs"), Path(folder, "_ForceCodepage.idt")
         source.write_bytes(wixl_source(linked))
         code_page.write_text(f"\r\n\r\n{linked.children[0].get('Codepage')}\t_ForceCodepage\r\n", newline="")
-        strict = ["env", "G_DEBUG=fatal-warnings"]  # wixl only warns about what it does not know
-        subprocess.run([*strict, "wixl", "--arch", "x64", "--output", output, source], check=True)
+        strict = {**os.environ, "G_DEBUG": "fatal-warnings"}  # wixl only warns about what it does not know
+        subprocess.run(["wixl", "--arch", "x64", "--output", output, source], env=strict, check=True)
         arguments = ["-i", code_page]
         for statement in statements:
             arguments += ["-q", statement]
