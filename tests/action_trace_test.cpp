@@ -229,6 +229,7 @@ protected:
                 line += L' ' + text;
             }
         }
+        EXPECT_TRUE(function != "CoUninitialize" || stage->scheduler.objects() == 0) << "objects outlive COM";
         if (thread_is_impersonating()) {
             ++rights[L"user:" + name];
         }
