@@ -9,6 +9,7 @@
 #include <taskschd.h>
 
 #include <algorithm>
+#include <bit>
 #include <fstream>
 #include <map>
 #include <string_view>
@@ -22,7 +23,7 @@ using custom_actions::widen;
 
 constexpr const wchar_t* FOREIGN = L"{11111111-2222-3333-4444-555555555555}";
 constexpr const wchar_t* PRODUCT = L"{01234567-89AB-CDEF-0123-456789ABCDEF}";
-constexpr const wchar_t* SUITE_COMPONENT = L"{B8D5F2A1-C9E4-4F3D-8A7B-6C5E4D3F2A1B}";
+const std::wstring SUITE = PRODUCT + std::wstring{L"{B8D5F2A1-C9E4-4F3D-8A7B-6C5E4D3F2A1B}"}; // component
 constexpr const wchar_t* TASK = L"QBL-EarlyRecovery-{01234567-89AB-CDEF-0123-456789ABCDEF}";
 constexpr const wchar_t* PROPERTY_HANDLER_BACKUP = L"OriginalPropertyHandler";
 constexpr const wchar_t* DRIVE_ICON_BACKUP = L"sorvane_drive_icon_original";
@@ -41,6 +42,12 @@ void plant(
 
 } // namespace
 
+void scheduler_stand_in::call_export(const char* name) const
+{
+    using entry = HRESULT STDAPICALLTYPE();
+    EXPECT_EQ(std::bit_cast<entry*>(GetProcAddress(library_, name))(), S_OK) << name;
+}
+
 furnished_machine::furnished_machine()
 {
     for (const wchar_t* package : custom_actions::controlled_upgrade::UPGRADE_PACKAGES) {
@@ -50,11 +57,12 @@ furnished_machine::furnished_machine()
 
 void furnished_machine::install_at(const std::wstring& key_path)
 {
-    session.install_component(PRODUCT, SUITE_COMPONENT, key_path);
+    machine.key_paths = {{SUITE, key_path}};
 }
 
 void furnished_machine::furnish(const std::string& action)
 {
+    EXPECT_EQ(scheduler.unexpected(), L"") << "in the run before";
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software");
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"System");
     RegDeleteTreeW(HKEY_CURRENT_USER, L"Software");
@@ -69,12 +77,11 @@ void furnished_machine::furnish(const std::string& action)
               {main.id(), {L"Quorbel.exe", L"", {}}},
               {helper.id(), {L"Quorbel.Kindra.HelperService.exe", L"", {}}},
               {explorer.id(), {L"explorer.exe", L"Quorbel.WindowOrganizer.Hook.dll", {}}}},
-         .running = {0, ids.at(L"gone"), main.id(), helper.id(), explorer.id()}});
-    scheduler.clear();
+         .running = {0, ids.at(L"gone"), main.id(), helper.id(), explorer.id()},
+         .key_paths = {{SUITE, (folder / L"Quorbel.exe").wstring()}}});
     scheduler.end_with(S_OK);
     foreign_.clear();
     set_properties(action);
-    install_at((folder / L"Quorbel.exe").wstring());
     if (action == "propertyhandler_update_registry" || action == "propertyhandler_remove_registry") {
         plant_property_handlers(action == "propertyhandler_remove_registry");
     } else if (action == "iconhandler_add_defaults_to_registry") {
@@ -89,7 +96,7 @@ void furnished_machine::furnish(const std::string& action)
     } else if (action == "restore_explorer") {
         std::erase(machine.running, explorer.id());
     } else if (action == "recover_early_upgrade") {
-        scheduler.register_task(TASK);
+        toy_scheduler::save_task(TASK, {{L"Path", L"none.exe"}});
         scheduler.stay_in(TASK_STATE_READY);
     } else if (
         action == "install_upgrade_packages" || action == "finish_controlled_upgrade" ||
