@@ -170,7 +170,7 @@ protected:
         if (const auto known = changes.find(name); known != changes.end()) {
             known->second();
         } else {
-            EXPECT_TRUE(stage->session.property(name) || name == L"RollbackDisabled")
+            EXPECT_TRUE(stage->session.has_property(name) || name == L"RollbackDisabled")
                 << "unknown: " << as_ascii(name);
             stage->session.set_property(name, replaced(text, L"<user>", stage->upgrade.user_sid));
         }

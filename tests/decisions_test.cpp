@@ -246,7 +246,7 @@ TEST(StrictListing, ignores_an_ended_process_and_throws_if_one_cannot_be_read)
     const DWORD process = GetCurrentProcessId();
     const auto thrown = [process](DWORD code, unsigned times) {
         const auto read = [process] { process_has_module(process, {}, listing::strict); };
-        return thrown_with("CreateToolhelp32Snapshot", fail_with(~word{0}, code, 1, times), read);
+        return thrown_with("CreateToolhelp32Snapshot", fail_with(~word{0}, code, times), read);
     };
     EXPECT_EQ(thrown(ERROR_INVALID_PARAMETER, 1), "");
     EXPECT_EQ(thrown(ERROR_BAD_LENGTH, 2), "");
@@ -281,7 +281,7 @@ TEST(MaintenanceKey, is_live_while_its_own_process_runs)
 {
     const registry_sandbox machine{HKEY_LOCAL_MACHINE};
     upgrade_guard(true);
-    const auto is_live = [](const char* function, const import_hook::answer& answer) {
+    const auto is_live = [](const char* function, auto answer) {
         const import_hook hook{GetModuleHandleW(nullptr), function, answer};
         return guard_is_live();
     };

@@ -4,135 +4,117 @@
 #include "support/pe_image.h"
 
 #include <algorithm>
-#include <bit>
+#include <optional>
+#include <regex>
+
+extern "C" LONG NTAPI NtQueryKey(HANDLE key, int what, void* buffer, ULONG size, ULONG* needed);
 
 namespace test_support {
 namespace {
 
-bool has_prefix(std::string_view name, const std::vector<std::string_view>& prefixes)
-{
-    return std::ranges::any_of(prefixes, [&](auto prefix) { return name.starts_with(prefix); });
-}
+struct treatment {
+    std::regex functions;
+    bool seen;
+    std::optional<word> failure; // what they return when they fail; nothing if they are only observed
+};
 
-// Functions that are only observed: those without a result, or one that is not checked (the process ends if
-// its identity cannot be restored).
-bool is_only_observed(std::string_view name)
+// How the functions are treated that a name belongs to: the first row that it matches. If 0 is no failure of
+// a function that only the last row has, its caller succeeds, and the fault sweep reports that as unexpected.
+const treatment& treatment_of(const std::string& name)
 {
-    return has_prefix(name, {"CoUninit", "SetThreadToken", "SHChange", "Sleep"});
-}
-
-// Functions that are left alone: queries that cannot fail, and what the C and C++ runtimes call for
-// themselves: locks, threads, exceptions, code pages, random numbers.
-bool is_excluded(std::string_view name)
-{
-    return has_prefix(
-        name,
-        {"AddVec",     "Compare",    "CreateEvent", "CreateSem",   "CryptAcq",   "CryptGen",   "CryptRel",
-         "DeleteCrit", "DestroyEnv", "Duplicate",   "EnterCrit",   "EqualSid",   "GetCurrent", "GetHandle",
-         "GetLast",    "GetModule",  "GetProcAddr", "GetProcessA", "GetSystemT", "GetThread",  "GetTick",
-         "Initialize", "IsD",        "IsWellKnown", "LeaveCrit",   "LoadLib",    "LocalFree",  "OutputDeb",
-         "RaiseExc",   "ReleaseSem", "RemoveVec",   "ResetEvent",  "ResumeThr",  "Rtl",        "SetEvent",
-         "SetLast",    "SetProcess", "SetThreadC",  "SetThreadP",  "Suspend",    "SysFree",    "Tls",
-         "TryEnter",   "Virtual",    "WaitForMul",  "WideChar",    "__C_spec"});
-}
-
-// What a function returns when it fails; by default 0 (FALSE, no handle, no characters). If 0 is no failure
-// of a function missing here, its caller succeeds, and the fault sweep reports that as unexpected.
-word failure_of(std::string_view name)
-{
-    // INVALID_HANDLE_VALUE, WAIT_FAILED, INVALID_FILE_ATTRIBUTES, INSTALLSTATE_UNKNOWN, -1.
-    if (has_prefix(
-            name, {"CreateFile", "CreateTool", "GetFileAttr", "MsiGetComp", "MsiProcess", "WaitForSing"})) {
-        return ~word{0};
-    }
-    if (has_prefix(name, {"GetSecurityI", "MsiClose", "MsiGet", "MsiRecord", "MsiSet", "Reg"})) {
-        return ERROR_ACCESS_DENIED;
-    }
     constexpr word access_denied = 0x80070005; // E_ACCESSDENIED
-    return has_prefix(name, {"AssocQuery", "CoCreate", "CoInitialize"}) ? access_denied : 0;
+    static const treatment rows[]{
+        // Queries that cannot fail, and what the C and C++ runtimes call for themselves: locks, threads,
+        // exceptions, code pages, random numbers.
+        {std::regex{
+             "(AddVec|Compare|CreateEvent|CreateSem|Crypt(Acq|Gen|Rel)|DeleteCrit|DestroyEnv|Duplicate|"
+             "EnterCrit|EqualSid|Get(Current|Handle|Last|Module|ProcAddr|ProcessA|SystemT|Thread|Tick)|"
+             "Initialize|IsD|IsWellKnown|LeaveCrit|LoadLib|LocalFree|OutputDeb|RaiseExc|ReleaseSem|"
+             "RemoveVec|ResetEvent|ResumeThr|Rtl|Set(Event|Last|Process|ThreadC|ThreadP)|Suspend|SysFree|"
+             "Tls|TryEnter|Virtual|WaitForMul|WideChar|__C_spec).*"},
+         false,
+         {}},
+        // Without a result, or with one that is not checked (the process ends if its identity cannot be
+        // restored).
+        {std::regex{"(CoUninit|SetThreadToken|SHChange|Sleep).*"}, true, {}},
+        // INVALID_HANDLE_VALUE, INVALID_FILE_ATTRIBUTES, INSTALLSTATE_UNKNOWN, -1, WAIT_FAILED.
+        {std::regex{"(Create(File|Tool)|GetFileAttr|MsiGetComp|MsiProcess|WaitForSing).*"}, true, ~word{0}},
+        {std::regex{"(GetSecurityI|Msi(Close|Get|Record|Set)|Reg).*"}, true, ERROR_ACCESS_DENIED},
+        {std::regex{"(AssocQuery|CoCreate|CoInitialize).*"}, true, access_denied},
+        {std::regex{".*"}, true, 0}}; // FALSE, no handle, no characters
+    return *std::ranges::find_if(
+        rows, [&](const treatment& row) { return std::regex_match(name, row.functions); });
 }
 
 // The path of the key that a registry call uses or is to open: "...\\Software\\Classes\\.ini".
-std::wstring key_of(std::string_view call, const words& arguments)
+std::wstring key_of(std::string_view function, const words& arguments)
 {
-    using query_key = LONG WINAPI(word, int, void*, ULONG, ULONG*);
-
-    struct {
-        ULONG size;
-        wchar_t text[1024];
-    } name{};
-
-    ULONG size = 0;
     constexpr int name_information = 3;
-    auto* const ntdll = GetModuleHandleW(L"ntdll.dll");
-    auto* const query = std::bit_cast<query_key*>(GetProcAddress(ntdll, "NtQueryKey"));
-    query(arguments[0], name_information, &name, sizeof name - sizeof(wchar_t), &size);
-    std::wstring path = name.text;
-    if (call.starts_with("RegOpen") || call.starts_with("RegCreate")) {
+    wchar_t name[1024]{}; // after its size, which takes two characters
+    ULONG size = 0;
+    NtQueryKey(from_word<HANDLE>(arguments[0]), name_information, name, sizeof name - sizeof *name, &size);
+    std::wstring path = &name[2];
+    if (function.starts_with("RegOpen") || function.starts_with("RegCreate")) {
         path += L'\\';
-        path += call.ends_with('A') ? custom_actions::widen(from_word<const char*>(arguments[1]))
-                                    : from_word<const wchar_t*>(arguments[1]);
+        path += function.ends_with('A') ? custom_actions::widen(from_word<const char*>(arguments[1]))
+                                        : from_word<const wchar_t*>(arguments[1]);
     }
     return path;
 }
 
 } // namespace
 
+// A closing function still closes when it fails, so that the fault itself leaks nothing.
 call_sweep::call_sweep(HMODULE module)
 {
     for (const auto& [library, name, slot, by_number] : pe_image{module}.imports()) {
-        if (library != "msvcrt.dll" && !is_excluded(name)) {
-            hooks_.emplace_back(module, name, [this](const import_hook& hook, const words& arguments) {
-                return on_call(hook, arguments);
-            });
+        const treatment& how = treatment_of(name);
+        if (library == "msvcrt.dll" || !how.seen) {
+            continue;
         }
+        const auto on_call = [this, called = name, &how](const import_hook& hook, const words& arguments) {
+            const bool failing = fails(called, how.failure.has_value(), arguments);
+            if (failing && called.find("Close") != std::string::npos) {
+                (void)hook.call(arguments);
+            }
+            if (failing) {
+                SetLastError(ERROR_ACCESS_DENIED);
+            }
+            return failing ? how.failure : std::nullopt;
+        };
+        hooks_.emplace_back(module, name, on_call);
     }
-}
-
-// A closing function still closes when it fails, so that the fault itself leaks nothing.
-std::optional<word> call_sweep::on_call(const import_hook& hook, const words& arguments)
-{
-    const std::string& name = hook.function();
-    if (observer_) {
-        observer_(name, arguments);
-    }
-    if (!fails(name, arguments[0])) {
-        return std::nullopt;
-    }
-    if (planned_ == fault::ends_thread) {
-        ExitThread(KILLED);
-    }
-    if (name.starts_with("Reg")) {
-        failed_keys_.push_back(key_of(name, arguments));
-    }
-    if (name.find("Close") != std::string::npos) {
-        (void)hook.call(arguments);
-    }
-    SetLastError(ERROR_ACCESS_DENIED);
-    return failure_of(name);
 }
 
 void call_sweep::plan(std::size_t nth, fault what)
 {
     calls_.clear();
-    failed_ = 0;
     failed_keys_.clear();
     nth_ = nth;
     planned_ = what;
 }
 
-bool call_sweep::fails(const std::string& called, word first_argument)
+bool call_sweep::fails(const std::string& function, bool can_fail, const words& arguments)
 {
     const DWORD last_error = GetLastError();
-    bool failing = false;
+    if (observer_) {
+        observer_(function, arguments);
+    }
     // A wait for a thread of this process is never failed.
-    if (!is_only_observed(called) &&
-        (called != "WaitForSingleObject" || GetThreadId(from_word<HANDLE>(first_argument)) == 0)) {
+    const bool may_fail =
+        can_fail && (function != "WaitForSingleObject" || GetThreadId(from_word<HANDLE>(arguments[0])) == 0);
+    bool failing = false;
+    if (may_fail) {
         const std::scoped_lock lock{counting_};
-        calls_.push_back(called);
-        failing = calls_.size() == nth_;
-        failing = failing || (planned_ == fault::staying && failed_ != 0 && calls_[nth_ - 1] == called);
-        failed_ += failing ? 1 : 0;
+        calls_.push_back(function);
+        failing = calls_.size() == nth_ ||
+                  (planned_ == fault::staying && failed() != 0 && calls_[nth_ - 1] == function);
+        if (failing) {
+            failed_keys_.push_back(function.starts_with("Reg") ? key_of(function, arguments) : L"");
+        }
+    }
+    if (failing && planned_ == fault::ends_thread) {
+        ExitThread(KILLED);
     }
     SetLastError(last_error);
     return failing;

@@ -1,12 +1,11 @@
 #pragma once
 
-#include "tests/support/import_hook.h"
+#include "tests/support/faults.h"
 
 #include <cstddef>
 #include <functional>
 #include <list>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,7 +13,7 @@
 namespace test_support {
 
 // Counts the calls that a module makes to Windows through its import table, on all threads, and makes the
-// n-th fail or ends the thread there. call_sweep.cpp says how each function fails and which are excluded.
+// n-th fail or ends the thread there. call_sweep.cpp says how each function fails and which are left alone.
 // Create and destroy it while no function of the module runs. Only one may exist at a time.
 class call_sweep {
 public:
@@ -41,20 +40,19 @@ public:
     [[nodiscard]] const std::vector<std::string>& calls() const noexcept { return calls_; }
 
     // How many of these calls were made to fail.
-    [[nodiscard]] std::size_t failed() const noexcept { return failed_; }
+    [[nodiscard]] std::size_t failed() const noexcept { return failed_keys_.size(); }
 
-    // The paths of the keys that failed registry calls were about.
+    // For each of them the path of the key that it was about; empty if it was no registry call.
     [[nodiscard]] const std::vector<std::wstring>& failed_keys() const noexcept { return failed_keys_; }
 
 private:
-    std::optional<word> on_call(const import_hook& hook, const words& arguments);
-    bool fails(const std::string& called, word first_argument);
+    // Counts a call, if it is of a kind that can fail, and returns whether it is to fail.
+    bool fails(const std::string& function, bool can_fail, const words& arguments);
 
     std::list<import_hook> hooks_;
     call_observer observer_;
     std::mutex counting_;
     std::vector<std::string> calls_;
-    std::size_t failed_ = 0;
     std::vector<std::wstring> failed_keys_;
     std::size_t nth_ = 0;
     fault planned_ = fault::passing;

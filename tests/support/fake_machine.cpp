@@ -1,8 +1,7 @@
 #include "tests/support/fake_machine.h"
 
-#include "tests/support/faults.h"
-
 #include <gtest/gtest.h>
+#include <msiquery.h>
 #include <tlhelp32.h>
 #include <userenv.h>
 
@@ -24,38 +23,33 @@ BOOL refuse(DWORD code)
     return FALSE;
 }
 
-word return_ended_process(word information)
-{
-    *from_word<PROCESS_INFORMATION*>(information) = {
-        .hProcess = new_handle(), .hThread = new_handle(), .dwProcessId = 0, .dwThreadId = 0};
-    return TRUE;
-}
-
-constexpr auto succeed = [] { return TRUE; };
-
-constexpr auto close = [](void* handle) {
-    EXPECT_TRUE(CloseHandle(handle)) << "closes what is not open";
-    return TRUE;
-};
+constexpr auto close = [](HANDLE handle) { EXPECT_TRUE(CloseHandle(handle)) << "closes what is not open"; };
 
 } // namespace
 
 fake_machine::fake_machine(HMODULE module) : module_{module}
 {
-    fake_time();
+    answer("GetTickCount64", [this] { return now_; });
+    answer("Sleep", [this](DWORD milliseconds) { now_ += milliseconds; });
     fake_snapshots();
     fake_programs();
     fake_scripts();
     fake_service();
-}
-
-void fake_machine::fake_time()
-{
-    answer("GetTickCount64", [this] { return now_; });
-    answer("Sleep", [this](DWORD milliseconds) {
-        now_ += milliseconds;
-        return 0;
+    // With one separator at the end.
+    answer("MsiSetTargetPathW", [](MSIHANDLE session, LPCWSTR folder, LPCWSTR path) {
+        const std::wstring set = path;
+        return MsiSetPropertyW(session, folder, (set.ends_with(L'\\') ? set : set + L'\\').c_str());
     });
+    answer(
+        "MsiGetComponentPathExW",
+        [this](LPCWSTR product, LPCWSTR component, LPCWSTR user, DWORD context, LPWSTR path, DWORD* size) {
+            const auto found = key_paths.find(product + std::wstring{component});
+            if (found == key_paths.end() || user != nullptr || context != MSIINSTALLCONTEXT_MACHINE) {
+                return INSTALLSTATE_UNKNOWN;
+            }
+            *size = static_cast<DWORD>(found->second.copy(path, *size)); // the buffer is filled with zeros
+            return INSTALLSTATE_LOCAL;
+        });
 }
 
 // A snapshot lists each running program once. A program has two modules: one without a name and its library.
@@ -63,7 +57,8 @@ void fake_machine::fake_snapshots()
 {
     answer("CreateToolhelp32Snapshot", [this](DWORD what, DWORD process) {
         if ((what & TH32CS_SNAPMODULE) != 0) {
-            inspected_ = process;
+            library_ =
+                programs.contains(process) ? std::optional{programs.at(process).library} : std::nullopt;
         } else {
             listed_ = 0;
             running.insert(running.end(), terminated_.begin(), terminated_.end());
@@ -90,15 +85,14 @@ void fake_machine::fake_snapshots()
     };
     answer("Thread32First", next_thread);
     answer("Thread32Next", next_thread);
-    answer("PostThreadMessageW", succeed);
-    answer("Module32FirstW", succeed);
+    answer("PostThreadMessageW", [] {});
+    answer("Module32FirstW", [] {});
     answer("Module32NextW", [this](HANDLE, MODULEENTRY32W* entry) {
-        const auto inspected = inspected_ ? programs.find(*inspected_) : programs.end();
-        inspected_.reset();
-        if (inspected == programs.end()) {
+        if (!library_) {
             return refuse(ERROR_NO_MORE_FILES);
         }
-        *std::ranges::copy(inspected->second.library, entry->szModule).out = L'\0';
+        *std::ranges::copy(*library_, entry->szModule).out = L'\0';
+        library_.reset();
         return TRUE;
     });
 }
@@ -122,11 +116,8 @@ void fake_machine::fake_programs()
         return TRUE;
     });
     answer("OpenProcess", [this](DWORD access, BOOL inherit, DWORD process) {
-        if (runs(process) || !programs.contains(process)) {
-            return OpenProcess(access | PROCESS_QUERY_LIMITED_INFORMATION, inherit, process);
-        }
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return HANDLE{};
+        const bool gone = programs.contains(process) && !runs(process);
+        return OpenProcess(access | PROCESS_QUERY_LIMITED_INFORMATION, inherit, gone ? 0 : process);
     });
     answer("WaitForSingleObject", [this](HANDLE object, DWORD limit) -> std::optional<DWORD> {
         const DWORD process = GetProcessId(object);
@@ -144,7 +135,6 @@ void fake_machine::fake_programs()
         if (std::erase(running, id) != 0 && restarts) {
             terminated_.push_back(id);
         }
-        return TRUE;
     });
     answer("PostMessageW", [this](HWND window, UINT message) {
         DWORD owner = 0;
@@ -152,39 +142,34 @@ void fake_machine::fake_programs()
         if (message == WM_CLOSE && programs[owner].library.empty()) {
             std::erase(running, owner);
         }
-        return TRUE;
     });
 }
 
-// Scripts, and Explorer.
+// Scripts, and Explorer. What is started has ended.
 void fake_machine::fake_scripts()
 {
-    answer("CreateEnvironmentBlock", [](LPVOID* environment) {
-        *environment = new_handle();
-        return TRUE;
-    });
+    answer("CreateEnvironmentBlock", [](HANDLE* environment) { *environment = new_handle(); });
     answer("DestroyEnvironmentBlock", close);
-    answer("CreateProcessAsUserW", [this](const import_hook&, const words& arguments) {
-        const auto path = std::wstring_view{from_word<LPCWSTR>(arguments[1])};
-        for (const auto& [process, started] : programs) {
-            if (path.ends_with(started.name)) {
-                running.push_back(process);
+    answer(
+        "CreateProcessAsUserW",
+        [this](word, LPCWSTR path, word, word, word, word, word, word, word, word, PROCESS_INFORMATION* out) {
+            for (const auto& [process, started] : programs) {
+                if (std::wstring_view{path}.ends_with(started.name)) {
+                    running.push_back(process);
+                }
             }
-        }
-        return return_ended_process(arguments[10]);
-    });
-    answer("CreateProcessW", [](const import_hook&, const words& arguments) {
-        const auto* const startup = from_word<const STARTUPINFOW*>(arguments[8]);
-        for (HANDLE stream : {startup->hStdOutput, startup->hStdError}) {
-            DWORD written = 0;
-            WriteFile(stream, "<text>", 6, &written, nullptr);
-        }
-        return return_ended_process(arguments[9]);
-    });
-    answer("GetExitCodeProcess", [this](HANDLE, DWORD* code) {
-        *code = script_result;
-        return TRUE;
-    });
+            *out = {new_handle(), new_handle(), 0, 0};
+        });
+    answer(
+        "CreateProcessW",
+        [](word, word, word, word, word, word, word, word, STARTUPINFOW* startup, PROCESS_INFORMATION* out) {
+            for (HANDLE stream : {startup->hStdOutput, startup->hStdError}) {
+                DWORD written = 0;
+                WriteFile(stream, "<text>", 6, &written, nullptr);
+            }
+            *out = {new_handle(), new_handle(), 0, 0};
+        });
+    answer("GetExitCodeProcess", [this](HANDLE, DWORD* code) { *code = script_result; });
     // A script's log appears when it is opened, with the line that verifying scripts print.
     answer("CreateFileW", [](LPCWSTR path) -> std::optional<HANDLE> {
         if (std::wstring_view{path}.ends_with(L".log")) {
@@ -196,28 +181,19 @@ void fake_machine::fake_scripts()
 
 void fake_machine::fake_service()
 {
-    const auto open = [] { return new_handle(); };
-    const auto bring_to = [this](DWORD state) {
-        return [this, state] {
-            search_states.erase(search_states.begin());
-            search_states.push_back(state);
-            return TRUE;
-        };
-    };
-    answer("OpenSCManagerW", open);
-    answer("OpenServiceW", [this, open] {
+    answer("OpenSCManagerW", new_handle);
+    answer("OpenServiceW", [this] {
         SetLastError(ERROR_SERVICE_DOES_NOT_EXIST);
-        return search_states.empty() ? nullptr : open();
+        return search_states.empty() ? nullptr : new_handle();
     });
     answer("CloseServiceHandle", close);
-    answer("ControlService", bring_to(SERVICE_STOPPED));
-    answer("StartServiceW", bring_to(SERVICE_RUNNING));
+    answer("ControlService", [this] { search_states = {SERVICE_STOPPED}; });
+    answer("StartServiceW", [this] { search_states = {SERVICE_RUNNING}; });
     answer("QueryServiceStatusEx", [this](SC_HANDLE, DWORD, SERVICE_STATUS_PROCESS* status) {
         status->dwCurrentState = search_states.front();
         if (search_states.size() != 1) {
             search_states.erase(search_states.begin());
         }
-        return TRUE;
     });
     answer(
         "QueryServiceConfigW", [this](SC_HANDLE, QUERY_SERVICE_CONFIGW* config, DWORD size, DWORD* needed) {
@@ -228,17 +204,12 @@ void fake_machine::fake_service()
             config->dwStartType = search_start;
             return TRUE;
         });
-    answer("ChangeServiceConfigW", [this](SC_HANDLE, DWORD, DWORD start) {
-        search_start = start;
-        return TRUE;
+    answer("ChangeServiceConfigW", [this](SC_HANDLE, DWORD, DWORD start) { search_start = start; });
+    answer("QueryServiceConfig2W", [this](SC_HANDLE, DWORD, SERVICE_DELAYED_AUTO_START_INFO* info) {
+        info->fDelayedAutostart = search_delayed;
     });
-    answer("QueryServiceConfig2W", [this](SC_HANDLE, DWORD, BYTE* delayed) {
-        *delayed = search_delayed ? TRUE : FALSE;
-        return TRUE;
-    });
-    answer("ChangeServiceConfig2W", [this](SC_HANDLE, DWORD, const SERVICE_DELAYED_AUTO_START_INFO* info) {
+    answer("ChangeServiceConfig2W", [this](SC_HANDLE, DWORD, SERVICE_DELAYED_AUTO_START_INFO* info) {
         search_delayed = info->fDelayedAutostart != FALSE;
-        return TRUE;
     });
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tests/support/import_hook.h"
+#include "tests/support/faults.h"
 
 #include <windows.h>
 
@@ -26,7 +26,9 @@ struct fake_state {
 
     std::map<DWORD, program> programs; // by process id
     std::vector<DWORD> running; // the ids that are listed, in this order; starting a program adds its own
-    bool restarts = false;      // a terminated program is listed again
+    // The key path of each component that is installed for all users, by product and component.
+    std::map<std::wstring, std::wstring> key_paths;
+    bool restarts = false; // a terminated program is listed again
     // Of the service "WSearch": one for each query, the last one for all others; empty if not installed.
     std::vector<DWORD> search_states{SERVICE_RUNNING};
     DWORD search_start = SERVICE_AUTO_START;
@@ -52,23 +54,22 @@ public:
 private:
     [[nodiscard]] bool runs(DWORD process) const { return std::ranges::count(running, process) != 0; }
 
-    void fake_time();
     void fake_snapshots();
     void fake_programs();
     void fake_scripts();
     void fake_service();
 
     template <class Answer>
-    void answer(const char* function, Answer answer)
+    void answer(const char* function, Answer to_calls)
     {
-        hooks_.emplace_back(module_, function, std::move(answer));
+        hooks_.emplace_back(module_, function, std::move(to_calls));
     }
 
     HMODULE module_;
-    ULONGLONG now_ = 0xFFFFFF00;     // in milliseconds; soon more than 32 bits
-    std::vector<DWORD> terminated_;  // since the last snapshot
-    std::size_t listed_ = 0;         // how many of the current snapshot
-    std::optional<DWORD> inspected_; // its library is the next module
+    ULONGLONG now_ = 0xFFFFFF00;          // in milliseconds; soon more than 32 bits
+    std::vector<DWORD> terminated_;       // since the last snapshot
+    std::size_t listed_ = 0;              // how many of the current snapshot
+    std::optional<std::wstring> library_; // the next module
     std::list<import_hook> hooks_;
 };
 

@@ -2,14 +2,74 @@
 
 #include "custom_actions/common/scoped_handle.h"
 #include "custom_actions/common/windows_error.h"
+#include "support/pe_image.h"
 
 #include <gtest/gtest.h>
 
-#include <bit>
+#include <algorithm>
 #include <exception>
+#include <stdexcept>
+#include <tuple>
 #include <vector>
 
+extern "C" LONG NTAPI NtQuerySystemInformation(int what, void* list, ULONG size, ULONG* needed);
+
 namespace test_support {
+namespace {
+
+constexpr std::size_t MOST_HOOKS = 224;
+std::array<std::function<word(const words&)>, MOST_HOOKS> answers; // by the index of their stubs
+
+template <std::size_t Index>
+word WINAPI
+stub(word a, word b, word c, word d, word e, word f, word g, word h, word i, word j, word k, word l)
+{
+    return answers[Index]({a, b, c, d, e, f, g, h, i, j, k, l});
+}
+
+using any_function = decltype(stub<0>);
+
+word exchange(word* slot, word value) noexcept
+{
+    DWORD protection = 0;
+    VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &protection);
+    const word previous = std::exchange(*slot, value);
+    VirtualProtect(slot, sizeof *slot, protection, &protection);
+    return previous;
+}
+
+} // namespace
+
+import_hook::import_hook(HMODULE module, const std::string& function, answer to_calls)
+{
+    static constexpr auto stubs = []<std::size_t... Index>(std::index_sequence<Index...> /*all*/) {
+        return std::array<any_function*, MOST_HOOKS>{&stub<Index>...};
+    }(std::make_index_sequence<MOST_HOOKS>{});
+    const auto imports = pe_image{module}.imports();
+    const auto found = std::ranges::find(imports, function, &imported_function::name);
+    if (found == imports.end()) {
+        throw std::runtime_error{"the module does not import " + function};
+    }
+    slot_ = found->slot;
+    const auto is_free = [](const auto& used) { return !used; };
+    index_ = static_cast<std::size_t>(std::ranges::find_if(answers, is_free) - answers.begin());
+    answers.at(index_) = [this, to_calls = std::move(to_calls)](const words& all) {
+        const std::optional<word> answered = to_calls(*this, all);
+        return answered ? *answered : call(all);
+    };
+    original_ = exchange(slot_, to_word(stubs.at(index_)));
+}
+
+import_hook::~import_hook()
+{
+    exchange(slot_, original_);
+    answers[index_] = nullptr;
+}
+
+word import_hook::call(const words& arguments) const
+{
+    return std::apply(from_word<any_function*>(original_), arguments);
+}
 
 std::string thrown_by(const std::function<void()>& call)
 {
@@ -38,16 +98,14 @@ DWORD open_handles()
     // The system's list, since GetProcessHandleCount is always 0 under Wine: the number of entries, a
     // reserved number, and five numbers for each handle, of which the second is its process.
     constexpr int extended_handle_information = 64;
-    using query = LONG NTAPI(int, void*, ULONG, ULONG*);
-    static const auto ask =
-        std::bit_cast<query*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation"));
     static std::vector<ULONG_PTR> list(std::size_t{1024} * 1024);
     const auto size = static_cast<ULONG>(list.size() * sizeof list[0]);
-    EXPECT_GE(ask(extended_handle_information, list.data(), size, nullptr), 0);
+    EXPECT_GE(NtQuerySystemInformation(extended_handle_information, list.data(), size, nullptr), 0);
     DWORD count = 0;
     for (std::size_t process = 3; process < 2 + list[0] * 5; process += 5) {
         count += list[process] == GetCurrentProcessId() ? 1U : 0U;
     }
+    EXPECT_NE(count, 0U) << "the list is not what it was taken for";
     return count;
 }
 

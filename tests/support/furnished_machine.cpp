@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <taskschd.h>
 
+#include <bit>
 #include <fstream>
 #include <map>
 
@@ -12,10 +13,16 @@ namespace test_support {
 namespace {
 
 constexpr const wchar_t* PRODUCT = L"{01234567-89AB-CDEF-0123-456789ABCDEF}";
-constexpr const wchar_t* SUITE_COMPONENT = L"{B8D5F2A1-C9E4-4F3D-8A7B-6C5E4D3F2A1B}";
+const std::wstring SUITE = PRODUCT + std::wstring{L"{B8D5F2A1-C9E4-4F3D-8A7B-6C5E4D3F2A1B}"}; // component
 constexpr const wchar_t* TASK = L"QBL-EarlyRecovery-{01234567-89AB-CDEF-0123-456789ABCDEF}";
 
 } // namespace
+
+void scheduler_stand_in::call_export(const char* name) const
+{
+    using entry = HRESULT STDAPICALLTYPE();
+    EXPECT_EQ(std::bit_cast<entry*>(GetProcAddress(library_, name))(), S_OK) << name;
+}
 
 furnished_machine::furnished_machine()
 {
@@ -26,11 +33,12 @@ furnished_machine::furnished_machine()
 
 void furnished_machine::install_at(const std::wstring& key_path)
 {
-    session.install_component(PRODUCT, SUITE_COMPONENT, key_path);
+    machine.key_paths = {{SUITE, key_path}};
 }
 
 void furnished_machine::furnish(const std::string& action)
 {
+    EXPECT_EQ(scheduler.unexpected(), L"") << "in the run before";
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software");
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"System");
     RegDeleteTreeW(HKEY_CURRENT_USER, L"Software");
@@ -45,11 +53,10 @@ void furnished_machine::furnish(const std::string& action)
               {main.id(), {L"Quorbel.exe", L"", {}}},
               {helper.id(), {L"Quorbel.Kindra.HelperService.exe", L"", {}}},
               {explorer.id(), {L"explorer.exe", L"Quorbel.WindowOrganizer.Hook.dll", {}}}},
-         .running = {0, ids.at(L"gone"), main.id(), helper.id(), explorer.id()}});
-    scheduler.clear();
+         .running = {0, ids.at(L"gone"), main.id(), helper.id(), explorer.id()},
+         .key_paths = {{SUITE, (folder / L"Quorbel.exe").wstring()}}});
     scheduler.end_with(S_OK);
     set_properties(action);
-    install_at((folder / L"Quorbel.exe").wstring());
     if (action.find("handler_") != std::string::npos || action == "restore_built_in_new_context_menu") {
         const HKEY hive = action.starts_with("property") ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
         plant(origin::others, hive);
@@ -60,7 +67,7 @@ void furnished_machine::furnish(const std::string& action)
     } else if (action == "restore_explorer") {
         std::erase(machine.running, explorer.id());
     } else if (action == "recover_early_upgrade") {
-        scheduler.register_task(TASK);
+        toy_scheduler::save_task(TASK, {{L"Path", L"none.exe"}});
         scheduler.stay_in(TASK_STATE_READY);
     } else if (
         action == "install_upgrade_packages" || action == "finish_controlled_upgrade" ||

@@ -1,13 +1,15 @@
 #pragma once
 
 #include "custom_actions/upgrade/context.h"
+#include "package/toy_suite/toy_scheduler/state.h"
+#include "support/child_process.h"
+#include "support/disposable_machine.h"
 #include "support/loaded_library.h"
 #include "support/registry_sandbox.h"
 #include "support/toy_suite.h"
 #include "tests/support/call_sweep.h"
 #include "tests/support/fake_machine.h"
 #include "tests/support/furnished_registry.h"
-#include "tests/support/scheduler_stand_in.h"
 #include "tests/support/test_session.h"
 
 #include <gtest/gtest.h>
@@ -19,6 +21,44 @@
 #include <string>
 
 namespace test_support {
+
+// Replaces the Task Scheduler of the whole machine with package/toy_suite/toy_scheduler until the scope ends.
+// What this reads and sets is in the registry that the tested library sees, too.
+class scheduler_stand_in {
+public:
+    scheduler_stand_in() { call_export("DllRegisterServer"); }
+
+    ~scheduler_stand_in() { call_export("DllUnregisterServer"); }
+
+    scheduler_stand_in(const scheduler_stand_in&) = delete;
+    scheduler_stand_in& operator=(const scheduler_stand_in&) = delete;
+
+    // Makes this call fail from now on: "IRegisteredTask::Run", say, or "IClassFactory::CreateInstance" for
+    // the service object.
+    void fail(const std::wstring& call) { state().write(L"Fail", call); }
+
+    // From now on a task that is run starts nothing: it stays in this state, or has ended with this result.
+    void stay_in(DWORD task_state) { state().write(L"State", task_state); }
+
+    void end_with(HRESULT result) { state().write(L"Result", static_cast<DWORD>(result)); }
+
+    // The calls since the state was last deleted, a line each: "ITaskService::Connect".
+    [[nodiscard]] std::wstring calls() const { return state().text(L"Calls").value_or(L""); }
+
+    // The unexpected ones; empty if there were none.
+    [[nodiscard]] std::wstring unexpected() const { return state().text(L"Unexpected").value_or(L""); }
+
+    // The number of objects alive in the process that used it last.
+    [[nodiscard]] DWORD objects() const { return state().number(L"Objects").value_or(0); }
+
+private:
+    static toy_suite::registry_state state() { return toy_suite::registry_state{toy_scheduler::STATE}; }
+
+    // Fails the test if the call fails.
+    void call_export(const char* name) const;
+
+    HMODULE library_ = LoadLibraryW(beside_this_program(L"toy_scheduler.dll").c_str());
+};
 
 // The built library on a fake machine with something to do for every action: two programs of the suite, of
 // which one has no window and must be killed, a host of one of its libraries, scratch hives, and the Task
@@ -51,7 +91,7 @@ public:
         {L"0", 0},
         {L"this", GetCurrentProcessId()},
         {L"other", 4}};
-    scheduler_stand_in scheduler; // before the sandboxes: it needs the real registry
+    scheduler_stand_in scheduler; // before the sandboxes: it is registered in the real registry
     registry_sandbox machine_hive{HKEY_LOCAL_MACHINE};
     registry_sandbox user_hive{HKEY_CURRENT_USER};
     loaded_library library;

@@ -5,7 +5,7 @@
 #include "custom_actions/processes/token.h"
 #include "custom_actions/upgrade/context.h"
 #include "support/real_session.h"
-#include "tests/support/import_hook.h"
+#include "tests/support/faults.h"
 
 #include <gtest/gtest.h>
 
@@ -14,9 +14,8 @@
 
 namespace test_support {
 
-// A session of the real installer for one module, but no test program. Fakes what would need an installed
-// product: components and target folders. A record left open or closed twice fails the test. Only one may
-// exist at a time.
+// A session of the real installer for one module, but no test program. A record that the module leaves open
+// or closes twice fails the test. Only one may exist at a time.
 class test_session : public real_session {
 public:
     // Throws std::runtime_error if `module` does not import a function that is intercepted here.
@@ -29,18 +28,9 @@ public:
         custom_actions::set_property(handle(), name.c_str(), value, "a test cannot set a property");
     }
 
-    [[nodiscard]] std::optional<std::wstring> property(const std::wstring& name) const
+    [[nodiscard]] bool has_property(const std::wstring& name) const
     {
-        const std::wstring value = custom_actions::read_property(handle(), name.c_str());
-        return value.empty() ? std::nullopt : std::optional{value};
-    }
-
-    // Fakes one component that is installed for all users, and no other.
-    void install_component(
-        const std::wstring& product, const std::wstring& component, const std::wstring& key_path)
-    {
-        installed_ = product + component;
-        key_path_ = key_path;
+        return !custom_actions::read_property(handle(), name.c_str()).empty();
     }
 
     // The number of records that the module has open.
@@ -49,8 +39,6 @@ public:
 private:
     HMODULE module_;
     unsigned open_records_ = 0;
-    std::wstring installed_; // product and component
-    std::wstring key_path_;
     import_hook record_made_{module_, "MsiCreateRecord", [this]() -> std::optional<word> {
                                  ++open_records_;
                                  return std::nullopt;
@@ -61,24 +49,6 @@ private:
                                        << "not an open record: " << record;
                                    return std::nullopt;
                                }};
-    // Like the installer, with one separator at the end.
-    import_hook target_set_{module_, "MsiSetTargetPathW", [this](MSIHANDLE, LPCWSTR folder, LPCWSTR path) {
-                                const std::wstring set = path;
-                                set_property(folder, set.ends_with(L'\\') ? set : set + L'\\');
-                                return ERROR_SUCCESS;
-                            }};
-    // The buffer is filled with zeros.
-    import_hook component_asked_{
-        module_,
-        "MsiGetComponentPathExW",
-        [this](LPCWSTR product, LPCWSTR component, LPCWSTR user, DWORD context, LPWSTR path, DWORD* size) {
-            if (product + std::wstring{component} != installed_ || user != nullptr ||
-                context != MSIINSTALLCONTEXT_MACHINE) {
-                return INSTALLSTATE_UNKNOWN;
-            }
-            *size = static_cast<DWORD>(key_path_.copy(path, *size));
-            return INSTALLSTATE_LOCAL;
-        }};
 };
 
 // CustomActionData for a new upgrade of this folder by this process's user and session.
