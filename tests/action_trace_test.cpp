@@ -2,6 +2,7 @@
 // under another identity. action_traces.txt has it for a furnished machine on which nothing fails, and for
 // others: a title there is an action and what is different.
 
+#include "custom_actions/common/installer_session.h"
 #include "custom_actions/common/text.h"
 #include "custom_actions/upgrade/maintenance_key.h"
 #include "custom_actions/upgrade/upgrade_packages.h"
@@ -154,7 +155,7 @@ protected:
             {L"Search",
              [&] { all(fake.search_states, [](const auto& value) { return std::stoul(value); }); }},
             {L"hidden", [&] { fake.programs[ids.at(text)].hidden = true; }},
-            {L"key path", [&] { stage->install_at(text); }},
+            {L"key path", [&] { fake.key_paths.begin()->second = text; }},
             {L"maintenance key", [] { custom_actions::controlled_upgrade::upgrade_guard(true); }},
             {L"markers", [&] { stage->leave_markers({values.begin(), values.end()}); }},
             {L"policy", [&] { plant_number(HKEY_LOCAL_MACHINE, policy, state, number()); }},
@@ -170,9 +171,11 @@ protected:
         if (const auto known = changes.find(name); known != changes.end()) {
             known->second();
         } else {
-            EXPECT_TRUE(stage->session.has_property(name) || name == L"RollbackDisabled")
+            EXPECT_TRUE(
+                !custom_actions::read_property(stage->session.handle(), name.c_str()).empty() ||
+                name == L"RollbackDisabled")
                 << "unknown: " << as_ascii(name);
-            stage->session.set_property(name, replaced(text, L"<user>", stage->upgrade.user_sid));
+            stage->set_property(name, replaced(text, L"<user>", stage->upgrade.user_sid));
         }
     }
 

@@ -23,7 +23,7 @@
 #include "support/real_session.h"
 #include "support/registry_sandbox.h"
 #include "tests/support/faults.h"
-#include "tests/support/test_session.h"
+#include "tests/support/upgrade_data.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

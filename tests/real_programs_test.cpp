@@ -8,12 +8,14 @@
 #include "support/child_process.h"
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
+#include "support/real_session.h"
 #include "support/toy_suite.h"
 #include "tests/support/faults.h"
-#include "tests/support/test_session.h"
+#include "tests/support/upgrade_data.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <msiquery.h>
 
 #include <deque>
 #include <filesystem>
@@ -45,7 +47,7 @@ TEST(ProcessActions, close_the_suite_and_its_hosts_and_nothing_else)
         killed.emplace_back(L"explorer.exe", L"--class=" + (desktop + extension));
     }
     const loaded_library library;
-    const test_session session{library.module()};
+    const real_session session;
     DWORD woken = 0; // the owner of a message-only window
     const import_hook posts{library.module(), "PostMessageW", [&woken](HWND window, UINT message) {
                                 GetWindowThreadProcessId(window, message == WM_NULL ? &woken : nullptr);
@@ -88,9 +90,9 @@ protected:
 TEST_F(PowerShell, registers_packages_and_its_output_is_logged)
 {
     const loaded_library library;
-    const test_session session{library.module()};
+    const real_session session;
     const auto run = [&](const char* action, const std::wstring& data) {
-        session.set_property(L"CustomActionData", data);
+        MsiSetPropertyW(session.handle(), L"CustomActionData", data.c_str());
         return library.call(action, session.handle());
     };
     const state_key orders{toy_powershell::ORDERS};

@@ -203,7 +203,7 @@ protected:
         EXPECT_TRUE(failing.empty() ? code == ERROR_SUCCESS : has_word(returns, std::to_string(code)))
             << "returns " << code << ", not one of: " << returns;
         check_messages(posted, failing, code);
-        EXPECT_EQ(stage->session.open_records(), 0U);
+        EXPECT_EQ(stage->machine.open_records(), 0U);
         EXPECT_EQ(stage->scheduler.objects(), 0U);
         EXPECT_EQ(stage->scheduler.unexpected(), L"");
         EXPECT_FALSE(thread_is_impersonating());

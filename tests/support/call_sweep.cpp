@@ -1,13 +1,10 @@
 #include "tests/support/call_sweep.h"
 
-#include "custom_actions/common/text.h"
 #include "support/pe_image.h"
 
 #include <algorithm>
 #include <optional>
 #include <regex>
-
-extern "C" LONG NTAPI NtQueryKey(HANDLE key, int what, void* buffer, ULONG size, ULONG* needed);
 
 namespace test_support {
 namespace {
@@ -46,22 +43,6 @@ const treatment& treatment_of(const std::string& name)
         rows, [&](const treatment& row) { return std::regex_match(name, row.functions); });
 }
 
-// The path of the key that a registry call uses or is to open: "...\\Software\\Classes\\.ini".
-std::wstring key_of(std::string_view function, const words& arguments)
-{
-    constexpr int name_information = 3;
-    wchar_t name[1024]{}; // after its size, which takes two characters
-    ULONG size = 0;
-    NtQueryKey(from_word<HANDLE>(arguments[0]), name_information, name, sizeof name - sizeof *name, &size);
-    std::wstring path = &name[2];
-    if (function.starts_with("RegOpen") || function.starts_with("RegCreate")) {
-        path += L'\\';
-        path += function.ends_with('A') ? custom_actions::widen(from_word<const char*>(arguments[1]))
-                                        : from_word<const wchar_t*>(arguments[1]);
-    }
-    return path;
-}
-
 } // namespace
 
 // A closing function still closes when it fails, so that the fault itself leaks nothing.
@@ -89,7 +70,7 @@ call_sweep::call_sweep(HMODULE module)
 void call_sweep::plan(std::size_t nth, fault what)
 {
     calls_.clear();
-    failed_keys_.clear();
+    failed_ = 0;
     nth_ = nth;
     planned_ = what;
 }
@@ -108,10 +89,8 @@ bool call_sweep::fails(const std::string& function, bool can_fail, const words& 
         const std::scoped_lock lock{counting_};
         calls_.push_back(function);
         failing = calls_.size() == nth_ ||
-                  (planned_ == fault::staying && failed() != 0 && calls_[nth_ - 1] == function);
-        if (failing) {
-            failed_keys_.push_back(function.starts_with("Reg") ? key_of(function, arguments) : L"");
-        }
+                  (planned_ == fault::staying && failed_ != 0 && calls_[nth_ - 1] == function);
+        failed_ += failing ? 1U : 0U;
     }
     if (failing && planned_ == fault::ends_thread) {
         ExitThread(KILLED);

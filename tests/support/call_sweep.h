@@ -40,10 +40,7 @@ public:
     [[nodiscard]] const std::vector<std::string>& calls() const noexcept { return calls_; }
 
     // How many of these calls were made to fail.
-    [[nodiscard]] std::size_t failed() const noexcept { return failed_keys_.size(); }
-
-    // For each of them the path of the key that it was about; empty if it was no registry call.
-    [[nodiscard]] const std::vector<std::wstring>& failed_keys() const noexcept { return failed_keys_; }
+    [[nodiscard]] std::size_t failed() const noexcept { return failed_; }
 
 private:
     // Counts a call, if it is of a kind that can fail, and returns whether it is to fail.
@@ -53,7 +50,7 @@ private:
     call_observer observer_;
     std::mutex counting_;
     std::vector<std::string> calls_;
-    std::vector<std::wstring> failed_keys_;
+    std::size_t failed_ = 0;
     std::size_t nth_ = 0;
     fault planned_ = fault::passing;
 };

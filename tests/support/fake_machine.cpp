@@ -35,6 +35,15 @@ fake_machine::fake_machine(HMODULE module) : module_{module}
     fake_programs();
     fake_scripts();
     fake_service();
+    answer("MsiCreateRecord", [this]() -> std::optional<word> {
+        ++open_records_;
+        return std::nullopt;
+    });
+    answer("MsiCloseHandle", [this](MSIHANDLE record) -> std::optional<word> {
+        --open_records_;
+        EXPECT_NE(MsiRecordGetFieldCount(record), ~0U) << "not an open record: " << record;
+        return std::nullopt;
+    });
     // With one separator at the end.
     answer("MsiSetTargetPathW", [](MSIHANDLE session, LPCWSTR folder, LPCWSTR path) {
         const std::wstring set = path;

@@ -49,6 +49,9 @@ public:
     // Throws std::runtime_error if `module` does not import a function that is replaced here.
     explicit fake_machine(HMODULE module);
 
+    // The number of installer records that the module has open.
+    [[nodiscard]] unsigned open_records() const noexcept { return open_records_; }
+
     void become(fake_state state) { static_cast<fake_state&>(*this) = std::move(state); }
 
 private:
@@ -70,6 +73,7 @@ private:
     std::vector<DWORD> terminated_;       // since the last snapshot
     std::size_t listed_ = 0;              // how many of the current snapshot
     std::optional<std::wstring> library_; // the next module
+    unsigned open_records_ = 0;
     std::list<import_hook> hooks_;
 };
 

@@ -1,5 +1,6 @@
 #include "tests/support/furnished_machine.h"
 
+#include "custom_actions/common/installer_session.h"
 #include "custom_actions/upgrade/upgrade_packages.h"
 
 #include <gtest/gtest.h>
@@ -31,9 +32,9 @@ furnished_machine::furnished_machine()
     }
 }
 
-void furnished_machine::install_at(const std::wstring& key_path)
+void furnished_machine::set_property(const std::wstring& name, const std::wstring& value) const
 {
-    machine.key_paths = {{SUITE, key_path}};
+    custom_actions::set_property(session.handle(), name.c_str(), value, "a test cannot set a property");
 }
 
 void furnished_machine::furnish(const std::string& action)
@@ -100,14 +101,14 @@ void furnished_machine::set_properties(const std::string& action) const
         {"restore_search", L"running"},
         {"msix_install_package", L"C:\\Suite\\Sorvane.Icon.Package.msix"},
         {"msix_uninstall_package", L"Sorvane.Icon"}};
-    session.set_property(L"INSTALLED_APP_VERSION", L"1.5.0");
-    session.set_property(L"ProductVersion", L"2.0.0");
-    session.set_property(L"QblEarlyRecoveryTask", TASK);
-    session.set_property(L"WIX_UPGRADE_DETECTED", PRODUCT);
-    session.set_property(L"begin_controlled_upgrade", upgrade_data);
-    session.set_property(L"RollbackDisabled", L"");
+    set_property(L"INSTALLED_APP_VERSION", L"1.5.0");
+    set_property(L"ProductVersion", L"2.0.0");
+    set_property(L"QblEarlyRecoveryTask", TASK);
+    set_property(L"WIX_UPGRADE_DETECTED", PRODUCT);
+    set_property(L"begin_controlled_upgrade", upgrade_data);
+    set_property(L"RollbackDisabled", L"");
     const auto own = data.find(action);
-    session.set_property(L"CustomActionData", own == data.end() ? upgrade_data : own->second);
+    set_property(L"CustomActionData", own == data.end() ? upgrade_data : own->second);
 }
 
 std::set<std::wstring> furnished_machine::markers() const

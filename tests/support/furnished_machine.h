@@ -5,12 +5,13 @@
 #include "support/child_process.h"
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
+#include "support/real_session.h"
 #include "support/registry_sandbox.h"
 #include "support/toy_suite.h"
 #include "tests/support/call_sweep.h"
 #include "tests/support/fake_machine.h"
 #include "tests/support/furnished_registry.h"
-#include "tests/support/test_session.h"
+#include "tests/support/upgrade_data.h"
 
 #include <gtest/gtest.h>
 
@@ -71,8 +72,8 @@ public:
     // its phase continues. Every program and Search run.
     void furnish(const std::string& action);
 
-    // Installs the suite, all users', with this key path.
-    void install_at(const std::wstring& key_path);
+    // Sets a property of the installer.
+    void set_property(const std::wstring& name, const std::wstring& value) const;
 
     // The workspace's markers.
     [[nodiscard]] std::set<std::wstring> markers() const;
@@ -95,7 +96,7 @@ public:
     registry_sandbox machine_hive{HKEY_LOCAL_MACHINE};
     registry_sandbox user_hive{HKEY_CURRENT_USER};
     loaded_library library;
-    test_session session{library.module()};
+    real_session session;
     fake_machine machine{library.module()};
     call_sweep sweep{library.module()};
     // Of the suite; not in the case in which Windows names its programs.
