@@ -129,11 +129,6 @@ protected:
         std::istringstream words{NOTED};
         for (std::string function; words >> function >> noted[function];) {
         }
-        for (const auto& [head, below] : listed) {
-            if (head.starts_with("-- ")) {
-                folds.emplace_back(widen(below), widen(head.substr(3)));
-            }
-        }
     }
 
     // Changes something as a title says: the machine, or a property of the installer.
@@ -312,8 +307,7 @@ protected:
     }
 
     std::map<std::string, std::string> noted;
-    const std::vector<std::pair<std::string, std::string>> listed = read_list();
-    std::vector<std::pair<std::wregex, std::wstring>> folds;
+    std::vector<std::pair<std::wregex, std::wstring>> folds; // the lines that are repeated, and their names
     std::wstring lines;
     std::map<std::wstring, unsigned> rights; // and, with "user:", the calls under another identity
     std::size_t shown_messages = 0;
@@ -326,9 +320,11 @@ TEST_F(ActionTrace, is_as_listed)
     std::vector<std::string> actions = pe_image{stage->library.module()}.exported_names();
     std::ofstream actual{std::filesystem::path{beside_this_program(L"action_traces.txt")}, std::ios::binary};
     static const std::regex title{"== (.*?): \\d+( .*)?\n"};
-    for (const auto& [head, below] : listed) {
+    for (const auto& [head, below] : read_list()) {
         std::string found = head + below;
-        if (std::smatch part; std::regex_match(head, part, title)) {
+        if (head.starts_with("-- ")) {
+            folds.emplace_back(widen(below), widen(head.substr(3)));
+        } else if (std::smatch part; std::regex_match(head, part, title)) {
             found = trace(part[1]);
             std::erase(actions, part[1]);
         }

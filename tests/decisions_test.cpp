@@ -11,9 +11,11 @@
 #include "custom_actions/processes/module_pattern.h"
 #include "custom_actions/processes/process_inventory.h"
 #include "custom_actions/processes/program_tables.h"
+#include "custom_actions/processes/token.h"
 #include "custom_actions/search/transition.h"
 #include "custom_actions/shell_registration/file_type_tables.h"
 #include "custom_actions/shell_registration/property_lists.h"
+#include "custom_actions/upgrade/context.h"
 #include "custom_actions/upgrade/early_close.h"
 #include "custom_actions/upgrade/maintenance_key.h"
 #include "custom_actions/upgrade/recovery_task.h"
@@ -23,7 +25,6 @@
 #include "support/real_session.h"
 #include "support/registry_sandbox.h"
 #include "tests/support/faults.h"
-#include "tests/support/upgrade_data.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -264,7 +265,9 @@ TEST(SessionUser, gives_the_linked_token_if_the_elevation_is_wrong_and_is_never_
         return what == TokenUser ? std::nullopt : std::optional{BOOL{what == TokenElevationType}};
     };
     const import_hook tokens{GetModuleHandleW(nullptr), "GetTokenInformation", answer};
-    const context upgrade = load_context(new_upgrade_data(L"C:\\Suite"));
+    context upgrade{};
+    upgrade.user_sid = token_user_sid(GetCurrentProcessToken());
+    ProcessIdToSessionId(GetCurrentProcessId(), &upgrade.session_id);
     const auto as_user = [&] { interactive_user_token(upgrade); };
     const auto as_owner = [] { const host_owner_impersonation owner{GetCurrentProcessId(), 0}; };
     EXPECT_EQ(thrown_by(as_user), "");
@@ -297,7 +300,8 @@ TEST(MaintenanceKey, is_live_while_its_own_process_runs)
 
 TEST(Workspace, is_believed_only_if_it_is_a_folder_of_ours_and_written_to_only_without_links)
 {
-    const context upgrade = load_context(new_upgrade_data(L"C:\\Suite"));
+    context upgrade{};
+    upgrade.workspace = fs::temp_directory_path() / L"workspace";
     fs::create_directory(upgrade.workspace);
     write_marker(upgrade, L"marker");
     const auto refusal = [&](const wchar_t* owner, DWORD folder, DWORD marker, DWORD links) {

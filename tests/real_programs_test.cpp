@@ -1,17 +1,18 @@
-// The library and run_action with real programs and windows, and with scripts, which the PowerShell stand-in
-// runs.
+// The library's file; the library and run_action with real programs and windows, and with scripts, which the
+// PowerShell stand-in runs.
 
 #include "custom_actions/common/system_directory.h"
 #include "custom_actions/packages/powershell.h"
+#include "custom_actions/processes/token.h"
 #include "custom_actions/upgrade/scripts.h"
 #include "package/toy_suite/powershell/state.h"
 #include "support/child_process.h"
 #include "support/disposable_machine.h"
 #include "support/loaded_library.h"
+#include "support/pe_image.h"
 #include "support/real_session.h"
 #include "support/toy_suite.h"
 #include "tests/support/faults.h"
-#include "tests/support/upgrade_data.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -27,6 +28,21 @@ namespace {
 
 namespace fs = std::filesystem;
 using toy_powershell::state_key;
+
+TEST(LibraryImage, exports_every_action_imports_only_system_libraries_and_is_hardened)
+{
+    const loaded_library library;
+    const pe_image image{library.module()};
+    EXPECT_EQ(image.exported_names().size(), 22U); // action_traces.txt has their names
+    const fs::path system = custom_actions::system_directory("");
+    for (const imported_function& imported : image.imports()) {
+        EXPECT_TRUE(exists(system / imported.library)) << imported.name << " of " << imported.library;
+    }
+    constexpr unsigned hardened = IMAGE_DLLCHARACTERISTICS_DYNAMIC_BASE |
+                                  IMAGE_DLLCHARACTERISTICS_HIGH_ENTROPY_VA |
+                                  IMAGE_DLLCHARACTERISTICS_NX_COMPAT;
+    EXPECT_EQ(image.headers().OptionalHeader.DllCharacteristics & hardened, hardened);
+}
 
 TEST(ProcessActions, close_the_suite_and_its_hosts_and_nothing_else)
 {
@@ -120,8 +136,12 @@ TEST_F(PowerShell, registers_packages_and_its_output_is_logged)
 TEST_F(PowerShell, runs_a_script_as_the_user_and_is_killed_after_its_time_limit)
 {
     using namespace custom_actions;
-    auto upgrade = controlled_upgrade::load_context(new_upgrade_data(folder));
-    upgrade.workspace = folder;
+    controlled_upgrade::context upgrade{
+        .product_directory = folder,
+        .workspace = folder,
+        .session_id = 0,
+        .user_sid = token_user_sid(GetCurrentProcessToken())};
+    ProcessIdToSessionId(GetCurrentProcessId(), &upgrade.session_id);
     // Returns the size of the script's output, or the error.
     const auto run = [&](const wchar_t* order, const std::wstring& argument, DWORD limit = 60'000) {
         state_key{}.remove_subkey(toy_powershell::ORDERS);

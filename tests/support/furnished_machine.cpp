@@ -1,6 +1,8 @@
 #include "tests/support/furnished_machine.h"
 
+#include "custom_actions/common/guid.h"
 #include "custom_actions/common/installer_session.h"
+#include "custom_actions/processes/token.h"
 #include "custom_actions/upgrade/upgrade_packages.h"
 
 #include <gtest/gtest.h>
@@ -30,6 +32,17 @@ furnished_machine::furnished_machine()
     for (const wchar_t* package : custom_actions::controlled_upgrade::UPGRADE_PACKAGES) {
         std::ofstream{folder / package} << "package";
     }
+}
+
+std::wstring furnished_machine::new_upgrade_data() const
+{
+    DWORD session_id = 0;
+    ProcessIdToSessionId(GetCurrentProcessId(), &session_id);
+    return custom_actions::controlled_upgrade::format_context(
+        folder,
+        session_id,
+        custom_actions::token_user_sid(GetCurrentProcessToken()),
+        custom_actions::new_guid("no transaction", "no transaction"));
 }
 
 void furnished_machine::set_property(const std::wstring& name, const std::wstring& value) const

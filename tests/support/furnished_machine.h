@@ -11,7 +11,6 @@
 #include "tests/support/call_sweep.h"
 #include "tests/support/fake_machine.h"
 #include "tests/support/furnished_registry.h"
-#include "tests/support/upgrade_data.h"
 
 #include <gtest/gtest.h>
 
@@ -102,7 +101,7 @@ public:
     // Of the suite; not in the case in which Windows names its programs.
     const std::filesystem::path folder =
         in_upper_case(std::filesystem::path{toy_library(L"any.dll")}.parent_path());
-    const std::wstring upgrade_data = new_upgrade_data(folder.wstring());
+    const std::wstring upgrade_data = new_upgrade_data(); // of the folder, by this process's user and session
     const custom_actions::controlled_upgrade::context upgrade =
         custom_actions::controlled_upgrade::load_context(upgrade_data);
 
@@ -113,6 +112,7 @@ private:
         return text;
     }
 
+    [[nodiscard]] std::wstring new_upgrade_data() const;
     void set_properties(const std::string& action) const;
 };
 
