@@ -46,8 +46,7 @@ fake_machine::fake_machine(HMODULE module) : module_{module}
     });
     // With one separator at the end.
     answer("MsiSetTargetPathW", [](MSIHANDLE session, LPCWSTR folder, LPCWSTR path) {
-        const std::wstring set = path;
-        return MsiSetPropertyW(session, folder, (set.ends_with(L'\\') ? set : set + L'\\').c_str());
+        return MsiSetPropertyW(session, folder, (path + std::wstring{L"\\"}).c_str());
     });
     answer(
         "MsiGetComponentPathExW",

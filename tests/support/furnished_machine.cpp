@@ -92,8 +92,8 @@ void furnished_machine::furnish(const std::string& action)
             L"search-delayed-start",
             L"search-running",
             L"helper-running",
-            L"search-start-type-2",
-            L"registered-0"};
+            L"registered-0",
+            action.starts_with("rollback") ? L"search-start-type-3" : L"search-start-type-2"};
         if (action != "install_upgrade_packages") {
             markers.insert({L"packages-touched", L"packages-verified"});
         }
