@@ -152,7 +152,7 @@ protected:
             {L"hidden", [&] { fake.programs[ids.at(text)].hidden = true; }},
             {L"key path", [&] { fake.key_paths.begin()->second = text; }},
             {L"maintenance key", [] { custom_actions::controlled_upgrade::upgrade_guard(true); }},
-            {L"markers", [&] { stage->leave_markers({values.begin(), values.end()}); }},
+            {L"markers", [&] { stage->leave_markers(text); }},
             {L"policy", [&] { plant_number(HKEY_LOCAL_MACHINE, policy, state, number()); }},
             {L"policy's text", [&] { plant_value(HKEY_LOCAL_MACHINE, policy, state, registry_text(text)); }},
             {L"program", [&] { fake.programs[ids.at(values.at(0))] = {values.at(1), values.at(2), {}}; }},

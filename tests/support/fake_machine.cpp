@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <msiquery.h>
 #include <tlhelp32.h>
-#include <userenv.h>
 
 #include <algorithm>
 #include <fstream>

@@ -52,8 +52,6 @@ public:
     // The number of installer records that the module has open.
     [[nodiscard]] unsigned open_records() const noexcept { return open_records_; }
 
-    void become(fake_state state) { static_cast<fake_state&>(*this) = std::move(state); }
-
 private:
     [[nodiscard]] bool runs(DWORD process) const { return std::ranges::count(running, process) != 0; }
 

@@ -10,7 +10,9 @@
 
 #include <bit>
 #include <fstream>
+#include <iterator>
 #include <map>
+#include <sstream>
 
 namespace test_support {
 namespace {
@@ -60,15 +62,15 @@ void furnished_machine::furnish(const std::string& action)
         std::filesystem::remove_all(upgrade.workspace); // throws if one of its files was left open
     }
     // Process 0 would show the caller's own modules.
-    machine.become(
-        {.programs =
-             {{0, {L"[System Process]", L"Quorbel.WindowOrganizer.Hook.dll", {}}},
-              {ids.at(L"gone"), {L"Quorbel.exe", L"", {}}},
-              {main.id(), {L"Quorbel.exe", L"", {}}},
-              {helper.id(), {L"Quorbel.Kindra.HelperService.exe", L"", {}}},
-              {explorer.id(), {L"explorer.exe", L"Quorbel.WindowOrganizer.Hook.dll", {}}}},
-         .running = {0, ids.at(L"gone"), main.id(), helper.id(), explorer.id()},
-         .key_paths = {{SUITE, (folder / L"Quorbel.exe").wstring()}}});
+    static_cast<fake_state&>(machine) = {
+        .programs =
+            {{0, {L"[System Process]", L"Quorbel.WindowOrganizer.Hook.dll", {}}},
+             {ids.at(L"gone"), {L"Quorbel.exe", L"", {}}},
+             {main.id(), {L"Quorbel.exe", L"", {}}},
+             {helper.id(), {L"Quorbel.Kindra.HelperService.exe", L"", {}}},
+             {explorer.id(), {L"explorer.exe", L"Quorbel.WindowOrganizer.Hook.dll", {}}}},
+        .running = {0, ids.at(L"gone"), main.id(), helper.id(), explorer.id()},
+        .key_paths = {{SUITE, (folder / L"Quorbel.exe").wstring()}}};
     scheduler.end_with(S_OK);
     set_properties(action);
     if (action.find("handler_") != std::string::npos || action == "restore_built_in_new_context_menu") {
@@ -86,18 +88,10 @@ void furnished_machine::furnish(const std::string& action)
     } else if (
         action == "install_upgrade_packages" || action == "finish_controlled_upgrade" ||
         action == "rollback_controlled_upgrade") {
-        std::set<std::wstring> markers{
-            L"backup-complete",
-            L"shutdown-started",
-            L"search-delayed-start",
-            L"search-running",
-            L"helper-running",
-            L"registered-0",
-            action.starts_with("rollback") ? L"search-start-type-3" : L"search-start-type-2"};
-        if (action != "install_upgrade_packages") {
-            markers.insert({L"packages-touched", L"packages-verified"});
-        }
-        leave_markers(markers);
+        std::wstring names = L"backup-complete shutdown-started search-running helper-running registered-0 ";
+        names += action.starts_with("rollback") ? L"search-start-type-3" : L"search-start-type-2";
+        names += action.starts_with("install") ? L"" : L" packages-touched packages-verified";
+        leave_markers(names + L" search-delayed-start");
         machine.search_states = {SERVICE_STOPPED};
         machine.search_start = SERVICE_DISABLED;
         machine.search_delayed = false;
@@ -137,8 +131,10 @@ std::set<std::wstring> furnished_machine::markers() const
 }
 
 // Changes no more than it must: deleting files is what takes longest in an emulator.
-void furnished_machine::leave_markers(const std::set<std::wstring>& wanted) const
+void furnished_machine::leave_markers(const std::wstring& names) const
 {
+    std::wistringstream stream{names};
+    const std::set<std::wstring> wanted{std::istream_iterator<std::wstring, wchar_t>{stream}, {}};
     const std::filesystem::path workspace = upgrade.workspace;
     std::filesystem::create_directories(workspace / L"output");
     for (const std::wstring& marker : markers()) {

@@ -77,8 +77,8 @@ public:
     // The workspace's markers.
     [[nodiscard]] std::set<std::wstring> markers() const;
 
-    // Makes the workspace if it is missing, and leaves it with these markers alone.
-    void leave_markers(const std::set<std::wstring>& wanted) const;
+    // Makes the workspace if it is missing, and leaves it with the markers of these names alone.
+    void leave_markers(const std::wstring& names) const;
 
     toy_process main{L"Quorbel.exe"};
     toy_process helper{L"Quorbel.Kindra.HelperService.exe", L"--window=none"};
