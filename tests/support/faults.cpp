@@ -56,6 +56,8 @@ bool open_lasting_handles()
            CreateEnvironmentBlock(&environment, token.get(), FALSE) && DestroyEnvironmentBlock(environment);
 }
 
+[[maybe_unused]] const bool opened = open_lasting_handles(); // before any test
+
 } // namespace
 
 import_hook::import_hook(HMODULE module, const std::string& function, answer to_calls)
@@ -116,7 +118,6 @@ DWORD open_handles()
     // The system's list, since GetProcessHandleCount is always 0 under Wine: the number of entries, a
     // reserved number, and five numbers for each handle, of which the second is its process.
     constexpr int extended_handle_information = 64;
-    [[maybe_unused]] static const bool opened = open_lasting_handles();
     static std::vector<ULONG_PTR> list(std::size_t{1024} * 1024);
     const auto size = static_cast<ULONG>(list.size() * sizeof list[0]);
     EXPECT_GE(NtQuerySystemInformation(extended_handle_information, list.data(), size, nullptr), 0);

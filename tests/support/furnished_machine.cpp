@@ -89,9 +89,8 @@ void furnished_machine::furnish(const std::string& action)
         action == "install_upgrade_packages" || action == "finish_controlled_upgrade" ||
         action == "rollback_controlled_upgrade") {
         std::wstring names = L"backup-complete shutdown-started search-running helper-running registered-0 ";
-        names += action.starts_with("rollback") ? L"search-start-type-3" : L"search-start-type-2";
         names += action.starts_with("install") ? L"" : L" packages-touched packages-verified";
-        leave_markers(names + L" search-delayed-start");
+        leave_markers(names + L" search-start-type-2 search-delayed-start");
         machine.search_states = {SERVICE_STOPPED};
         machine.search_start = SERVICE_DISABLED;
         machine.search_delayed = false;
