@@ -74,7 +74,7 @@ void furnished_machine::furnish(const std::string& action)
     scheduler.end_with(S_OK);
     set_properties(action);
     if (action.find("handler_") != std::string::npos || action == "restore_built_in_new_context_menu") {
-        const HKEY hive = action.starts_with("property") ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
+        HKEY hive = action.starts_with("property") ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
         plant(origin::others, hive);
         plant(origin::suite, hive);
     } else if (action == "restore_search") {
