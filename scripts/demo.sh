@@ -147,7 +147,8 @@ foreign_handler='{11111111-2222-3333-4444-555555555555}'
 our_handler='{73A6EEEE-36B5-4536-A731-8F92EF883087}'
 our_icon_handler='{931CC9DD-9E0F-4FA1-AA06-229D0372956A}'
 folder='C:\Program Files\Quorbel'
-other_folder="C:\\Program Files\\Bob's Quorbel (all of it)"
+# Without spaces: newer engines refuse a property that is quoted as a whole, which is how Wine passes one on.
+other_folder="C:\\Bob's_Quorbel_(all_of_it)"
 folder_window=file:///C:/Users
 installed="$drive_c/Program Files/Quorbel"
 package() { printf 'build/mingw/package/quorbel-%s.msi' "$1"; }
@@ -563,7 +564,7 @@ check "no package is registered" is "" packages
 check_unchanged "$new"
 
 begin_step "Refuse a folder with quotation marks in its name"
-LC_ALL=C.UTF-8 run_installer refused-folder /i "$(package 1.4.2)" 'INSTALLFOLDER=C:\The ‘new’ Quorbel'
+LC_ALL=C.UTF-8 run_installer refused-folder /i "$(package 1.4.2)" 'INSTALLFOLDER=C:\The_‘new’_Quorbel'
 check "the installer failed" is failed installer_result
 check "refuse_folder ended the session" logged "refuse_folder. Return value 0."
 check_unchanged "$new"
