@@ -601,10 +601,11 @@ check "Windows Search is running" becomes RUNNING search_state
 check "the other maker's program was left alone" is runs runs 'C:\Bystander.exe'
 end_step
 
-# Wine's CreateProcess fails once in some thousand calls, more often on a busy machine. A run in which an action's log
-# shows it is no verdict: it is played once more, and its logs are kept.
-lost_start="PowerShell Error: Failed to launch PowerShell process."
-if [ -s "$failures" ] && [ -z "${QBL_DEMO_AGAIN:-}" ] && grep -qF "$lost_start" "$logs"/*.log; then
+# Wine's CreateProcess fails once in some thousand calls: the new process dies while it is started. A run that shows it,
+# in a log or by the installer's 1359, the code of that failure, is no verdict: it is played once more. Its logs stay.
+lost_start='Failed to launch PowerShell process|Cannot launch package operation|Cannot restart Explorer as'
+lost_start() { grep -qE "$lost_start" "$logs"/*.log || grep -qE 'found: +79$' "$failures"; } # 1359 & 0xFF
+if [ -s "$failures" ] && [ -z "${QBL_DEMO_AGAIN:-}" ] && lost_start; then
   rm -rf "$logs-lost-start"
   mv "$logs" "$logs-lost-start"
   printf '\nWine lost the start of a program (logs: %s/). Once more:\n' "$logs-lost-start"
