@@ -603,8 +603,8 @@ end_step
 
 # Wine's CreateProcess fails once in some thousand calls: the new process dies while it is started. A run that shows it,
 # in a log or by the installer's 1359, the code of that failure, is no verdict: it is played once more. Its logs stay.
-lost_start='Failed to launch PowerShell process|Cannot launch package operation|Cannot restart Explorer as'
-lost_start() { grep -qE "$lost_start" "$logs"/*.log || grep -qE 'found: +79$' "$failures"; } # 1359 & 0xFF
+lost_start_signs='Failed to launch PowerShell process|Cannot launch package operation|Cannot restart Explorer as'
+lost_start() { grep -qE "$lost_start_signs" "$logs"/*.log || grep -qE 'found: +79$' "$failures"; } # 1359 & 0xFF
 if [ -s "$failures" ] && [ -z "${QBL_DEMO_AGAIN:-}" ] && lost_start; then
   rm -rf "$logs-lost-start"
   mv "$logs" "$logs-lost-start"
