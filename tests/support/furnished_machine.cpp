@@ -88,7 +88,7 @@ void furnished_machine::furnish(const std::string& action)
     } else if (
         action == "install_upgrade_packages" || action == "finish_controlled_upgrade" ||
         action == "rollback_controlled_upgrade") {
-        std::wstring names = L"backup-complete shutdown-started search-running helper-running registered-0 ";
+        std::wstring names = L"backup-complete shutdown-started search-running helper-running registered-0";
         names += action.starts_with("install") ? L"" : L" packages-touched packages-verified";
         leave_markers(names + L" search-start-type-2 search-delayed-start");
         machine.search_states = {SERVICE_STOPPED};
