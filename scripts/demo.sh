@@ -601,17 +601,6 @@ check "Windows Search is running" becomes RUNNING search_state
 check "the other maker's program was left alone" is runs runs 'C:\Bystander.exe'
 end_step
 
-# Now and then, seen on a busy machine only, Wine does not start a program that an action or the installer needs; why is
-# not known. A run that shows it, in a log or by the installer's 1359 (an internal error, which no action of ours
-# returns), is no verdict: it is played once more, and its logs are kept.
-lost_start_signs='Failed to launch PowerShell process|Cannot launch package operation|Cannot restart Explorer as'
-lost_start() { grep -qE "$lost_start_signs" "$logs"/*.log || grep -qE 'found: +79$' "$failures"; } # 1359 & 0xFF
-if [ -s "$failures" ] && [ -z "${QBL_DEMO_AGAIN:-}" ] && lost_start; then
-  rm -rf "$logs-lost-start"
-  mv "$logs" "$logs-lost-start"
-  printf '\nWine lost the start of a program (logs: %s/). Once more:\n' "$logs-lost-start"
-  QBL_DEMO_AGAIN=yes exec "$script" --no-build ${verbose:+--verbose}
-fi
 if [ -s "$failures" ]; then
   printf '\n'
   cat "$failures"

@@ -13,10 +13,11 @@ build=(
   g++-mingw-w64-x86-64-posix # the cross compiler
 )
 demo=(
-  wine64   # runs the programs
-  python3  # builds packages with the next two
-  wixl     # compiles a package
-  msitools # reads and edits its tables
+  wine64           # runs the programs
+  wine64-preloader # keeps a page free that each of them needs: without it, Wine 8 loses one start in some 8,000
+  python3          # builds packages with the next two
+  wixl             # compiles a package
+  msitools         # reads and edits its tables
 )
 test=(
   googletest # its sources are built with the tests
