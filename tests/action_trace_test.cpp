@@ -147,8 +147,7 @@ protected:
         const wchar_t* const state = L"VerifiedAndReputablePolicyState";
         const std::map<std::wstring, std::function<void()>> changes{
             {L"COM", [&] { apartment = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED); }},
-            {L"Search",
-             [&] { all(fake.search_states, [](const auto& value) { return std::stoul(value); }); }},
+            {L"Search", [&] { all(fake.search_states, [](const auto& one) { return std::stoul(one); }); }},
             {L"hidden", [&] { fake.programs[ids.at(text)].hidden = true; }},
             {L"key path", [&] { fake.key_paths.begin()->second = text; }},
             {L"maintenance key", [] { custom_actions::controlled_upgrade::upgrade_guard(true); }},

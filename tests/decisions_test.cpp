@@ -278,6 +278,8 @@ TEST(SessionUser, gives_the_linked_token_if_the_elevation_is_wrong_and_is_never_
     EXPECT_EQ(thrown_by(as_user), "Cannot obtain unelevated interactive token (1312)");
     elevation = TokenElevationTypeLimited;
     EXPECT_EQ(thrown_by(as_owner), "Cannot inspect elevated host owner (1312)");
+    upgrade.user_sid += L'0';
+    EXPECT_EQ(thrown_by(as_user), "Interactive user changed during upgrade");
 }
 
 TEST(MaintenanceKey, is_live_while_its_own_process_runs)

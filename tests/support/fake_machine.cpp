@@ -177,10 +177,10 @@ void fake_machine::fake_scripts()
             *out = {new_handle(), new_handle(), 0, 0};
         });
     answer("GetExitCodeProcess", [this](HANDLE, DWORD* code) { *code = script_result; });
-    // A script's log appears when it is opened, with the line that verifying scripts print.
+    // A script's log appears when it is opened, with what scripts print of a package whose registration differs.
     answer("CreateFileW", [](LPCWSTR path) -> std::optional<HANDLE> {
         if (std::wstring_view{path}.ends_with(L".log")) {
-            std::ofstream{path} << "QBL_REGISTERED";
+            std::ofstream{path} << "QBL_REGISTERED QBL_RECOVERY_NORMALIZES_REGISTRATION";
         }
         return std::nullopt;
     });
