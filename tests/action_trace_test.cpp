@@ -85,8 +85,7 @@ std::wstring owner(word window)
 
 const std::map<char, std::function<std::wstring(word)>> SHOWN{
     {'?', [](word pointer) { return pointer == 0 ? L"none" : L"own"; }}, // whether it is given
-    {'a',
-     [](word state) { return hexadecimal(from_word<TOKEN_PRIVILEGES*>(state)->Privileges[0].Attributes); }},
+    {'a', [](word set) { return hexadecimal(from_word<TOKEN_PRIVILEGES*>(set)->Privileges[0].Attributes); }},
     {'d', [](word number) { return std::to_wstring(static_cast<DWORD>(number)); }},
     {'l', [](word startup) { return from_word<const STARTUPINFOW*>(startup)->lpDesktop; }},
     {'n', [](word number) { return std::to_wstring(*from_word<const DWORD*>(number)); }},

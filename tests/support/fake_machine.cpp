@@ -62,10 +62,9 @@ fake_machine::fake_machine(HMODULE module) : module_{module}
 // A snapshot lists each running program once. A program has two modules: one without a name and its library.
 void fake_machine::fake_snapshots()
 {
-    answer("CreateToolhelp32Snapshot", [this](DWORD what, DWORD process) {
+    answer("CreateToolhelp32Snapshot", [this](DWORD what, DWORD id) {
         if ((what & TH32CS_SNAPMODULE) != 0) {
-            library_ =
-                programs.contains(process) ? std::optional{programs.at(process).library} : std::nullopt;
+            library_ = programs.contains(id) ? std::optional{programs.at(id).library} : std::nullopt;
         } else {
             listed_ = 0;
             running.insert(running.end(), terminated_.begin(), terminated_.end());
@@ -177,9 +176,12 @@ void fake_machine::fake_scripts()
             *out = {new_handle(), new_handle(), 0, 0};
         });
     answer("GetExitCodeProcess", [this](HANDLE, DWORD* code) { *code = script_result; });
-    // A script's log appears when it is opened, with what scripts print of a package whose registration differs.
+    // A script's log appears when it is opened, with what scripts print of a package: the last one is not
+    // registered, the registration of the others differs.
     answer("CreateFileW", [](LPCWSTR path) -> std::optional<HANDLE> {
-        if (std::wstring_view{path}.ends_with(L".log")) {
+        if (const std::wstring_view log{path}; log.ends_with(L"capture-7.log")) {
+            std::ofstream{path} << "QBL_ABSENT";
+        } else if (log.ends_with(L".log")) {
             std::ofstream{path} << "QBL_REGISTERED QBL_RECOVERY_NORMALIZES_REGISTRATION";
         }
         return std::nullopt;
