@@ -11,7 +11,6 @@
 #include "custom_actions/processes/module_pattern.h"
 #include "custom_actions/processes/process_inventory.h"
 #include "custom_actions/processes/program_tables.h"
-#include "custom_actions/processes/token.h"
 #include "custom_actions/search/transition.h"
 #include "custom_actions/shell_registration/file_type_tables.h"
 #include "custom_actions/shell_registration/property_lists.h"
@@ -265,9 +264,7 @@ TEST(SessionUser, gives_the_linked_token_if_the_elevation_is_wrong_and_is_never_
         return what == TokenUser ? std::nullopt : std::optional{BOOL{what == TokenElevationType}};
     };
     const import_hook tokens{GetModuleHandleW(nullptr), "GetTokenInformation", answer};
-    context upgrade{};
-    upgrade.user_sid = token_user_sid(GetCurrentProcessToken());
-    ProcessIdToSessionId(GetCurrentProcessId(), &upgrade.session_id);
+    context upgrade = own_context();
     const auto as_user = [&] { interactive_user_token(upgrade); };
     const auto as_owner = [] { const host_owner_impersonation owner{GetCurrentProcessId(), 0}; };
     EXPECT_EQ(thrown_by(as_user), "");

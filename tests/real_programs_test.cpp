@@ -3,7 +3,6 @@
 
 #include "custom_actions/common/system_directory.h"
 #include "custom_actions/packages/powershell.h"
-#include "custom_actions/processes/token.h"
 #include "custom_actions/upgrade/scripts.h"
 #include "package/toy_suite/powershell/state.h"
 #include "support/child_process.h"
@@ -136,12 +135,9 @@ TEST_F(PowerShell, registers_packages_and_its_output_is_logged)
 TEST_F(PowerShell, runs_a_script_as_the_user_and_is_killed_after_its_time_limit)
 {
     using namespace custom_actions;
-    controlled_upgrade::context upgrade{
-        .product_directory = folder,
-        .workspace = folder,
-        .session_id = 0,
-        .user_sid = token_user_sid(GetCurrentProcessToken())};
-    ProcessIdToSessionId(GetCurrentProcessId(), &upgrade.session_id);
+    controlled_upgrade::context upgrade = own_context();
+    upgrade.product_directory = folder;
+    upgrade.workspace = folder;
     // Returns the size of the script's output, or the error.
     const auto run = [&](const wchar_t* order, const std::wstring& argument, DWORD limit = 60'000) {
         state_key{}.remove_subkey(toy_powershell::ORDERS);

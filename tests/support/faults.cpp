@@ -2,6 +2,7 @@
 
 #include "custom_actions/common/scoped_handle.h"
 #include "custom_actions/common/windows_error.h"
+#include "custom_actions/processes/token.h"
 #include "support/pe_image.h"
 
 #include <gtest/gtest.h>
@@ -111,6 +112,14 @@ bool thread_is_impersonating()
 {
     custom_actions::kernel_handle token;
     return OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()) != FALSE;
+}
+
+custom_actions::controlled_upgrade::context own_context()
+{
+    custom_actions::controlled_upgrade::context own{};
+    ProcessIdToSessionId(GetCurrentProcessId(), &own.session_id);
+    own.user_sid = custom_actions::token_user_sid(GetCurrentProcessToken());
+    return own;
 }
 
 DWORD open_handles()

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "custom_actions/upgrade/context.h"
+
 #include <windows.h>
 
 #include <array>
@@ -116,6 +118,9 @@ std::string thrown_with(const char* function, Answer answer, const std::function
 }
 
 bool thread_is_impersonating();
+
+// An upgrade of this process's user and session, without its folders.
+custom_actions::controlled_upgrade::context own_context();
 
 // The number of handles that this process has open.
 DWORD open_handles();

@@ -2,7 +2,6 @@
 
 #include "custom_actions/common/guid.h"
 #include "custom_actions/common/installer_session.h"
-#include "custom_actions/processes/token.h"
 #include "custom_actions/upgrade/upgrade_packages.h"
 
 #include <gtest/gtest.h>
@@ -38,13 +37,9 @@ furnished_machine::furnished_machine()
 
 std::wstring furnished_machine::new_upgrade_data() const
 {
-    DWORD session_id = 0;
-    ProcessIdToSessionId(GetCurrentProcessId(), &session_id);
+    const auto own = own_context();
     return custom_actions::controlled_upgrade::format_context(
-        folder,
-        session_id,
-        custom_actions::token_user_sid(GetCurrentProcessToken()),
-        custom_actions::new_guid("no transaction", "no transaction"));
+        folder, own.session_id, own.user_sid, custom_actions::new_guid("no transaction", "no transaction"));
 }
 
 void furnished_machine::set_property(const std::wstring& name, const std::wstring& value) const
